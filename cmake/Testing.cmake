@@ -1,0 +1,20 @@
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+# quendral_add_gtest(<target> LABELS <labels...> SOURCES <files...> [LIBS <libs...>] [WRAPPER <cmd...>] [ENV <k=v...>])
+# One executable; every GoogleTest case becomes a CTest test carrying the labels.
+function(quendral_add_gtest target)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "LABELS;SOURCES;LIBS;WRAPPER;ENV" ${ARGN})
+  add_executable(${target} ${ARG_SOURCES})
+  target_link_libraries(${target} PRIVATE quendral_warnings GTest::gtest GTest::gtest_main GTest::gmock ${ARG_LIBS})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set(env "QUENDRAL_TEST_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "QUENDRAL_TEST_BUILD_DIR=${CMAKE_BINARY_DIR}" ${ARG_ENV})
+  if(ARG_WRAPPER)
+    set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER}")
+  endif()
+  gtest_discover_tests(${target}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${env}")
+endfunction()

@@ -1,0 +1,20 @@
+#pragma once
+// Where the application finds its files on this machine.
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace quendral::paths {
+
+// The per-user data folder: $XDG_DATA_HOME, or ~/.local/share when it is unset
+// or not absolute. None when neither can be found (no HOME).
+std::optional<std::filesystem::path> userDataFolder();
+
+// The folder holding avrdude, bossac, avrdude.conf and the intermediate
+// firmware: <prefix>/share/quendral-firmware-updater next to an installed
+// binary, otherwise the build tree's resources folder.
+std::filesystem::path resourceFolder();
+// Lets the command line, the device lab and tests point at another folder.
+void setResourceFolder(std::optional<std::filesystem::path> folder);
+
+} // namespace quendral::paths
