@@ -147,7 +147,8 @@ TEST(Timer, RepeatingTimerKeepsItsInterval)
     timer->cancel();
     const auto span = firings[5] - firings[0];
     EXPECT_GE(span, 5 * 20ms - 2ms);
-    EXPECT_LT(span, 5 * 20ms + 100ms);
+    // Only a loose upper bound: the suite shares two cores with compilers and sanitizers.
+    EXPECT_LT(span, 1000ms);
 }
 
 TEST(Timer, FiresWithinItsLeewayOnAQuietMachine)
