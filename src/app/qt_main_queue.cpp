@@ -11,7 +11,10 @@ QtMainQueue::QtMainQueue()
     dispatch::setMainQueueBackend(this);
 }
 
-QtMainQueue::~QtMainQueue() { dispatch::setMainQueueBackend(nullptr); }
+QtMainQueue::~QtMainQueue()
+{
+    dispatch::setMainQueueBackend(nullptr);
+}
 
 void QtMainQueue::post(dispatch::Task task)
 {

@@ -5,11 +5,11 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
 #include <mutex>
 #include <sstream>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,8 +46,9 @@ std::string timestamp(HourClock hours)
     std::tm local{};
     localtime_r(&t, &local);
     char text[64];
-    const std::size_t n = hours == HourClock::TwentyFour ? std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)
-                                                         : std::strftime(text, sizeof text, "%Y-%m-%d %I:%M:%S", &local);
+    const std::size_t n = hours == HourClock::TwentyFour
+                              ? std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)
+                              : std::strftime(text, sizeof text, "%Y-%m-%d %I:%M:%S", &local);
     return std::string(text, n);
 }
 

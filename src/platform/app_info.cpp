@@ -8,7 +8,10 @@
 
 namespace quendral::appinfo {
 
-std::string shortVersion() { return QUENDRAL_VERSION; }
+std::string shortVersion()
+{
+    return QUENDRAL_VERSION;
+}
 
 std::optional<std::string> osProductVersion(const std::string& osReleasePath)
 {

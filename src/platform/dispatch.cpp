@@ -177,11 +177,20 @@ QueuePtr mainQueue()
     return queue;
 }
 
-void setMainQueueBackend(MainQueueBackend* backend) { gBackend.store(backend); }
+void setMainQueueBackend(MainQueueBackend* backend)
+{
+    gBackend.store(backend);
+}
 
-void setMainThreadToCurrent() { mainThreadId().store(std::this_thread::get_id()); }
+void setMainThreadToCurrent()
+{
+    mainThreadId().store(std::this_thread::get_id());
+}
 
-bool isMainThread() { return std::this_thread::get_id() == mainThreadId().load(); }
+bool isMainThread()
+{
+    return std::this_thread::get_id() == mainThreadId().load();
+}
 
 QueuePtr globalQueue()
 {
@@ -190,7 +199,10 @@ QueuePtr globalQueue()
     return *queue;
 }
 
-QueuePtr makeSerialQueue(std::string label) { return std::make_shared<SerialQueue>(std::move(label)); }
+QueuePtr makeSerialQueue(std::string label)
+{
+    return std::make_shared<SerialQueue>(std::move(label));
+}
 
 // --- run loop ----------------------------------------------------------------
 
@@ -250,7 +262,10 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Duration timeout)
     }
 }
 
-void RunLoop::runFor(Duration time) { runUntil(nullptr, time); }
+void RunLoop::runFor(Duration time)
+{
+    runUntil(nullptr, time);
+}
 
 void RunLoop::drain()
 {
@@ -361,7 +376,10 @@ std::shared_ptr<Timer> Timer::create(QueuePtr target, Duration firstFire, Durati
     return timer;
 }
 
-Timer::~Timer() { cancel(); }
+Timer::~Timer()
+{
+    cancel();
+}
 
 void Timer::resume()
 {
@@ -371,9 +389,15 @@ void Timer::resume()
     TimerService::instance().schedule(_shared);
 }
 
-void Timer::cancel() { _shared->cancelled.store(true); }
+void Timer::cancel()
+{
+    _shared->cancelled.store(true);
+}
 
-bool Timer::isCancelled() const { return _shared->cancelled.load(); }
+bool Timer::isCancelled() const
+{
+    return _shared->cancelled.load();
+}
 
 void after(Duration delay, QueuePtr queue, Task task)
 {

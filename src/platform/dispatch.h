@@ -97,8 +97,8 @@ QueuePtr makeSerialQueue(std::string label);
 // another queue finishes).
 class Timer : public std::enable_shared_from_this<Timer> {
 public:
-    static std::shared_ptr<Timer> create(QueuePtr target, Duration firstFire, Duration interval,
-                                         Duration leeway, Task handler);
+    static std::shared_ptr<Timer> create(QueuePtr target, Duration firstFire, Duration interval, Duration leeway,
+                                         Task handler);
     ~Timer();
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;

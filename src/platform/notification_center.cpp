@@ -74,7 +74,10 @@ ScopedObserver::ScopedObserver(NotificationCenter& center, std::string name, con
 {
 }
 
-ScopedObserver::~ScopedObserver() { reset(); }
+ScopedObserver::~ScopedObserver()
+{
+    reset();
+}
 
 ScopedObserver::ScopedObserver(ScopedObserver&& other) noexcept
     : _center(std::exchange(other._center, nullptr)), _id(std::exchange(other._id, 0))

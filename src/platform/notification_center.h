@@ -52,7 +52,8 @@ private:
 class ScopedObserver {
 public:
     ScopedObserver() = default;
-    ScopedObserver(NotificationCenter& center, std::string name, const void* sender, NotificationCenter::Handler handler);
+    ScopedObserver(NotificationCenter& center, std::string name, const void* sender,
+                   NotificationCenter::Handler handler);
     ~ScopedObserver();
     ScopedObserver(ScopedObserver&& other) noexcept;
     ScopedObserver& operator=(ScopedObserver&& other) noexcept;

@@ -46,7 +46,8 @@ std::filesystem::path resourceFolder()
         }
     }
     std::error_code ec;
-    if (auto installed = installedResourceFolder(); !installed.empty() && std::filesystem::is_directory(installed, ec)) {
+    if (auto installed = installedResourceFolder();
+        !installed.empty() && std::filesystem::is_directory(installed, ec)) {
         return installed;
     }
     return std::filesystem::path(QUENDRAL_BUILD_RESOURCES);

@@ -1,6 +1,6 @@
+#include "../support/temp_dir.h"
 #include "platform/app_info.h"
 #include "platform/paths.h"
-#include "../support/temp_dir.h"
 
 #include <gtest/gtest.h>
 

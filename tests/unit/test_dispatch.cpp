@@ -158,7 +158,8 @@ TEST(Timer, FiresWithinItsLeewayOnAQuietMachine)
     std::atomic<long long> lateByUs{0};
     const auto due = std::chrono::steady_clock::now() + 30ms;
     auto timer = dispatch::Timer::create(queue, 30ms, 0ms, 10ms, [&] {
-        lateByUs = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - due).count();
+        lateByUs =
+            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - due).count();
         fired = true;
     });
     EXPECT_EQ(timer->leeway(), 10ms);

@@ -1,5 +1,5 @@
-#include "log/logger.h"
 #include "../support/temp_dir.h"
+#include "log/logger.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,10 @@ std::string readFile(const std::filesystem::path& path)
     return text.str();
 }
 
-std::size_t countNewlines(const std::string& text) { return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')); }
+std::size_t countNewlines(const std::string& text)
+{
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
 
 std::chrono::system_clock::time_point localTime(int year, int month, int day, int hour, int minute, int second)
 {
