@@ -3,7 +3,8 @@
 #include "log/logger.h"
 #include "platform/app_info.h"
 
-#include <QLabel>
+#include "qt_main_view.h"
+
 #include <QMainWindow>
 
 namespace quendral::app {
@@ -16,7 +17,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // The main view comes first: whatever its wiring logs precedes the log set-up.
     _mainWindow = std::make_unique<QMainWindow>();
     _mainWindow->setWindowTitle(QStringLiteral("QUENDRAL Firmware Updater"));
-    _mainWindow->setCentralWidget(new QLabel(QStringLiteral("QUENDRAL Firmware Updater")));
+    _mainWindow->setCentralWidget(new QtMainView);
     _mainWindow->show();
 
     const std::string version = appinfo::shortVersion();

@@ -1,0 +1,249 @@
+#include "qt_main_view.h"
+
+#include "platform/dispatch.h"
+#include "ui_MasterView.h"
+
+#include <QDesktopServices>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QUrl>
+#include <QVBoxLayout>
+
+namespace quendral::app {
+namespace {
+
+QString qs(const std::string& text)
+{
+    return QString::fromStdString(text);
+}
+
+// Runs `work` on the main thread and hands back its result; inline when
+// already there, otherwise the calling thread waits while the window keeps
+// painting (the modal loop runs on the main thread).
+template <typename Result, typename Work> Result onMainThread(Work work)
+{
+    Result result{};
+    dispatch::mainQueue()->sync([&] { result = work(); });
+    return result;
+}
+
+} // namespace
+
+QtMainView::QtMainView(QWidget* parent) : QWidget(parent), _ui(std::make_unique<Ui::MasterView>())
+{
+    _ui->setupUi(this);
+    _enabled.fill(true);
+    // The maker's blue band along the top of the window.
+    _ui->colorBar->setAutoFillBackground(true);
+    _ui->colorBar->setStyleSheet(
+        QStringLiteral("QFrame#colorBar { background-color: rgba(41, 71, 137, 255); }"
+                       "QLabel#titleLabel { color: white; font-size: 16pt; font-weight: 600; }"));
+    _ui->uploadState->setOpenExternalLinks(true);
+    connect(_ui->portMenu, &QComboBox::currentIndexChanged, this, [this] { mirrorPortMenu(); });
+}
+
+QtMainView::~QtMainView() = default;
+
+void QtMainView::setStatusText(const std::string& text)
+{
+    dispatch::mainQueue()->async([this, text] {
+        _ui->uploadState->setTextFormat(Qt::PlainText);
+        _ui->uploadState->setText(qs(text));
+    });
+}
+
+void QtMainView::setStatusTextWithLink(const std::string& text, std::size_t linkLength, const std::string& url)
+{
+    dispatch::mainQueue()->async([this, text, linkLength, url] {
+        const QString all = qs(text);
+        const auto split = all.size() - static_cast<qsizetype>(std::min<std::size_t>(linkLength, all.size()));
+        const QString html = all.left(split).toHtmlEscaped() + QStringLiteral("<a href=\"") + qs(url).toHtmlEscaped() +
+                             QStringLiteral("\">") + all.mid(split).toHtmlEscaped() + QStringLiteral("</a>");
+        _ui->uploadState->setTextFormat(Qt::RichText);
+        _ui->uploadState->setText(html);
+    });
+}
+
+void QtMainView::setProgress(double percent)
+{
+    dispatch::mainQueue()->async([this, percent] { _ui->uploadProgress->setValue(static_cast<int>(percent)); });
+}
+
+void QtMainView::startProgressAnimation()
+{
+    // A determinate bar is already animated by its style; nothing more to start.
+}
+
+QWidget* QtMainView::widgetFor(Control control) const
+{
+    switch (control) {
+    case Control::SerialMonitorButton:
+        return _ui->serialMonitorButton;
+    case Control::LoadFirmwareButton:
+        return _ui->loadFirmwareButton;
+    case Control::PortMenu:
+        return _ui->portMenu;
+    case Control::UpdatesButton:
+        return _ui->updatesButton;
+    case Control::ConfigurationButton:
+        return _ui->configurationButton;
+    case Control::LocalConfigurationButton:
+        return _ui->localConfigurationButton;
+    case Control::IpConfigButton:
+        return _ui->ipconfigButton;
+    }
+    return nullptr;
+}
+
+void QtMainView::setControlEnabled(Control control, bool enabled)
+{
+    {
+        std::lock_guard lock(_enabledMutex);
+        _enabled.at(static_cast<std::size_t>(control)) = enabled;
+    }
+    if (QWidget* widget = widgetFor(control)) {
+        widget->setEnabled(enabled);
+    }
+}
+
+bool QtMainView::isControlEnabled(Control control) const
+{
+    std::lock_guard lock(_enabledMutex);
+    return _enabled.at(static_cast<std::size_t>(control));
+}
+
+void QtMainView::mirrorPortMenu()
+{
+    std::vector<std::string> titles;
+    for (int i = 0; i < _ui->portMenu->count(); ++i) {
+        titles.push_back(_ui->portMenu->itemText(i).toStdString());
+    }
+    std::optional<std::string> selected;
+    if (_ui->portMenu->currentIndex() >= 0) {
+        selected = _ui->portMenu->currentText().toStdString();
+    }
+    std::lock_guard lock(_menuMutex);
+    _menuTitles = std::move(titles);
+    _selectedTitle = std::move(selected);
+}
+
+std::vector<std::string> QtMainView::portMenuTitles() const
+{
+    std::lock_guard lock(_menuMutex);
+    return _menuTitles;
+}
+
+std::optional<std::string> QtMainView::selectedPortTitle() const
+{
+    std::lock_guard lock(_menuMutex);
+    return _selectedTitle;
+}
+
+void QtMainView::removeAllPortMenuItems()
+{
+    _ui->portMenu->clear();
+    mirrorPortMenu();
+}
+
+void QtMainView::addPortMenuItem(const std::string& title)
+{
+    const QSignalBlocker quiet(_ui->portMenu); // adding must not select by itself
+    _ui->portMenu->addItem(qs(title));
+    if (_ui->portMenu->count() == 1) {
+        _ui->portMenu->setCurrentIndex(-1);
+    }
+    mirrorPortMenu();
+}
+
+void QtMainView::selectPortMenuItem(const std::string& title)
+{
+    _ui->portMenu->setCurrentIndex(_ui->portMenu->findText(qs(title), Qt::MatchExactly));
+    mirrorPortMenu();
+}
+
+void QtMainView::showAlert(const std::string& message)
+{
+    onMainThread<bool>([this, &message] {
+        QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
+        box.exec();
+        return true;
+    });
+}
+
+bool QtMainView::showDialog(const std::string& message)
+{
+    return onMainThread<bool>([this, &message] {
+        QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        QPushButton* ok = box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
+        box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+        box.setDefaultButton(ok);
+        box.exec();
+        return box.clickedButton() == ok;
+    });
+}
+
+std::optional<std::string> QtMainView::askForText(const std::string& message, const std::string& informativeText)
+{
+    return onMainThread<std::optional<std::string>>([this, &message, &informativeText]() -> std::optional<std::string> {
+        QDialog dialog(this);
+        dialog.setWindowTitle(window()->windowTitle());
+        auto* layout = new QVBoxLayout(&dialog);
+        auto* title = new QLabel(qs(message), &dialog);
+        QFont bold = title->font();
+        bold.setBold(true);
+        title->setFont(bold);
+        layout->addWidget(title);
+        layout->addWidget(new QLabel(qs(informativeText), &dialog));
+        auto* field = new QLineEdit(&dialog);
+        field->setFixedSize(300, 24);
+        layout->addWidget(field);
+        auto* buttons = new QDialogButtonBox(&dialog);
+        buttons->addButton(QStringLiteral("Ok"), QDialogButtonBox::AcceptRole);
+        buttons->addButton(QStringLiteral("Cancel"), QDialogButtonBox::RejectRole);
+        connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+        connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+        layout->addWidget(buttons);
+        if (dialog.exec() != QDialog::Accepted) {
+            return std::nullopt;
+        }
+        return field->text().toStdString();
+    });
+}
+
+bool QtMainView::showDriverAlert(const std::string& message, const std::string& informativeText,
+                                 const std::string& defaultButton, const std::string& alternateButton)
+{
+    return onMainThread<bool>([&, this] {
+        QMessageBox box(QMessageBox::Warning, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        box.setInformativeText(qs(informativeText));
+        QPushButton* first = box.addButton(qs(defaultButton), QMessageBox::AcceptRole);
+        box.addButton(qs(alternateButton), QMessageBox::RejectRole);
+        box.exec();
+        return box.clickedButton() == first;
+    });
+}
+
+std::optional<std::string> QtMainView::chooseFirmwareFile()
+{
+    return onMainThread<std::optional<std::string>>([this]() -> std::optional<std::string> {
+        const QString file = QFileDialog::getOpenFileName(this, QStringLiteral("Choose a firmware file"), QString(),
+                                                          QStringLiteral("Firmware (*.hex)"));
+        if (file.isEmpty()) {
+            return std::nullopt;
+        }
+        return file.toStdString();
+    });
+}
+
+void QtMainView::openURL(const std::string& url)
+{
+    dispatch::mainQueue()->async([url] { QDesktopServices::openUrl(QUrl(qs(url))); });
+}
+
+} // namespace quendral::app
