@@ -10,11 +10,13 @@ function(quendral_add_gtest target)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  set(env "QUENDRAL_TEST_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "QUENDRAL_TEST_BUILD_DIR=${CMAKE_BINARY_DIR}" ${ARG_ENV})
-  if(ARG_WRAPPER)
-    set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER}")
-  endif()
+  # The environment travels as an `env` prefix of the test command: gtest's
+  # test discovery would split a list-valued ENVIRONMENT property apart.
+  set(prefix /usr/bin/env "QUENDRAL_TEST_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "QUENDRAL_TEST_BUILD_DIR=${CMAKE_BINARY_DIR}"
+    ${ARG_ENV} ${ARG_WRAPPER})
+  set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${prefix}")
   gtest_discover_tests(${target}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${env}")
+    DISCOVERY_TIMEOUT 30
+    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
 endfunction()

@@ -1,4 +1,5 @@
 // quendral-cli: the updater's core for terminals and scripts.
+#include "command_line.h"
 #include "log/logger.h"
 #include "platform/app_info.h"
 
@@ -6,48 +7,34 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-constexpr int kUsageError = 2;
-
-void printHelp(std::ostream& out)
-{
-    out << "Usage: quendral-cli COMMAND [OPTIONS]\n"
-           "\n"
-           "Commands:\n"
-           "  log            print the path of the log file\n"
-           "\n"
-           "Options:\n"
-           "  -h, --help     show this help and exit\n"
-           "  -V, --version  show the version and exit\n";
-}
-
-} // namespace
+using namespace quendral::cli;
 
 int main(int argc, char** argv)
 {
     const std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty()) {
-        printHelp(std::cerr);
-        return kUsageError;
+    const auto parsed = parseCommandLine(args);
+    if (const auto* error = std::get_if<UsageError>(&parsed)) {
+        std::cerr << "quendral-cli: " << error->message << "\n"
+                  << "Try 'quendral-cli --help' for more information.\n";
+        return kUsage;
     }
-    const std::string& command = args.front();
-    if (command == "-h" || command == "--help") {
-        printHelp(std::cout);
-        return 0;
-    }
-    if (command == "-V" || command == "--version") {
+    const auto& invocation = std::get<Invocation>(parsed);
+    switch (invocation.command) {
+    case Command::Help:
+        std::cout << helpText();
+        return kSuccess;
+    case Command::Version:
         std::cout << "quendral-cli " << quendral::appinfo::shortVersion() << '\n';
-        return 0;
-    }
-    if (command == "log") {
-        // The log path is decided by initLogPath; keep its console chatter off stdout.
+        return kSuccess;
+    case Command::Log:
+        // Keep the logger's console chatter off standard output: scripts read the path.
         quendral::Logger::setConsole(nullptr);
         quendral::Logger::initLogPath();
         std::cout << quendral::Logger::getLogPath() << '\n';
-        return 0;
+        return kSuccess;
+    default:
+        break;
     }
-    std::cerr << "quendral-cli: unknown command '" << command << "'\n\n";
-    printHelp(std::cerr);
-    return kUsageError;
+    std::cerr << "quendral-cli: this command is not available in this build yet\n";
+    return kFailure;
 }

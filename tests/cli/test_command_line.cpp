@@ -1,0 +1,94 @@
+#include "command_line.h"
+
+#include <gtest/gtest.h>
+
+using namespace quendral::cli;
+
+namespace {
+
+Invocation parsed(const std::vector<std::string>& args)
+{
+    auto result = parseCommandLine(args);
+    EXPECT_TRUE(std::holds_alternative<Invocation>(result)) << std::get<UsageError>(result).message;
+    return std::get<Invocation>(result);
+}
+
+std::string error(const std::vector<std::string>& args)
+{
+    auto result = parseCommandLine(args);
+    EXPECT_TRUE(std::holds_alternative<UsageError>(result));
+    return std::holds_alternative<UsageError>(result) ? std::get<UsageError>(result).message : "";
+}
+
+} // namespace
+
+TEST(CommandLine, UpdateTakesEveryOption)
+{
+    const auto inv = parsed({"update", "-p", "ttyACM0", "--version", "master", "--yes", "--server",
+                             "https://127.0.0.1:8443", "--ca-file", "/tmp/ca.pem"});
+    EXPECT_EQ(inv.command, Command::Update);
+    EXPECT_EQ(inv.port, "ttyACM0");
+    EXPECT_EQ(inv.version, "master");
+    EXPECT_EQ(inv.answer, Answer::Yes);
+    EXPECT_EQ(inv.serverURL, "https://127.0.0.1:8443");
+    EXPECT_EQ(inv.caFile, "/tmp/ca.pem");
+}
+
+TEST(CommandLine, YesAndNoExcludeEachOther)
+{
+    EXPECT_EQ(error({"update", "--yes", "--no"}), "--yes and --no exclude each other");
+    EXPECT_EQ(parsed({"update", "--no"}).answer, Answer::No);
+}
+
+TEST(CommandLine, ServerMustBeHttpsHostAndPort)
+{
+    EXPECT_EQ(error({"update", "--server", "http://plain.example"}), "--server takes https://host[:port]");
+    EXPECT_EQ(error({"update", "--server", "https://host.example/api.php"}), "--server takes https://host[:port]");
+    EXPECT_EQ(parsed({"update", "--server", "https://update.example"}).serverURL, "https://update.example");
+}
+
+TEST(CommandLine, FlashNeedsAFile)
+{
+    EXPECT_EQ(error({"flash"}), "flash needs a firmware FILE");
+    const auto inv = parsed({"flash", "/tmp/fw.hex", "-p", "/dev/ttyUSB0"});
+    EXPECT_EQ(inv.firmwareFile, "/tmp/fw.hex");
+    EXPECT_EQ(inv.port, "/dev/ttyUSB0");
+}
+
+TEST(CommandLine, IpAssignmentsAreCheckedByKey)
+{
+    const auto inv = parsed({"ip", "ip=192.168.10.5", "dhcp=off", "dev1=192.168.10.60", "enable1=1"});
+    ASSERT_EQ(inv.assignments.size(), 4U);
+    EXPECT_EQ(inv.assignments[0], (std::pair<std::string, std::string>{"ip", "192.168.10.5"}));
+    EXPECT_EQ(error({"ip", "mask=255.0.0.0"}), "unknown setting 'mask'");
+    EXPECT_EQ(error({"ip", "dhcp=yes"}), "dhcp takes on or off");
+    EXPECT_EQ(error({"ip", "enable2=on"}), "enable2 takes 0 or 1");
+    EXPECT_EQ(error({"ip", "dev0=1.2.3.4"}), "unknown setting 'dev0'");
+}
+
+TEST(CommandLine, UnknownCommandsAndArgumentsAreUsageErrors)
+{
+    EXPECT_EQ(error({}), "a command is required");
+    EXPECT_EQ(error({"frobnicate"}), "unknown command 'frobnicate'");
+    EXPECT_EQ(error({"identify", "--yes"}), "unexpected argument '--yes'");
+    EXPECT_EQ(error({"identify", "-p"}), "-p needs a port name or path");
+    EXPECT_EQ(error({"log", "-p", "ttyACM0"}), "unexpected argument '-p'");
+}
+
+TEST(CommandLine, HelpAndVersion)
+{
+    EXPECT_EQ(parsed({"--help"}).command, Command::Help);
+    EXPECT_EQ(parsed({"update", "--help"}).command, Command::Help);
+    EXPECT_EQ(parsed({"--version"}).command, Command::Version);
+    // After a command, --version belongs to update.
+    EXPECT_EQ(parsed({"update", "--version", "masternodelete"}).version, "masternodelete");
+}
+
+TEST(CommandLine, HelpListsEveryCommandAndExitCode)
+{
+    const std::string help = helpText();
+    for (const char* word : {"ports", "identify", "update", "flash", "ip", "webconfig", "online-config", "monitor",
+                             "log", "Exit codes:", "  3  no update needed", "  4  refused", "  5  the update server"}) {
+        EXPECT_NE(help.find(word), std::string::npos) << word;
+    }
+}
