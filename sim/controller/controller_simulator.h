@@ -1,0 +1,138 @@
+#pragma once
+// A simulated QUENDRAL Controller on the device end of a pseudo-terminal.
+//
+// It speaks the Controller's line protocol (commands end in one line feed,
+// replies are lines ended by a line feed):
+//
+//   "getCID\n"      -> "CID:" + the 32-character identifier, or
+//                      "CID:MSG:" + a message when one is set (setMessage)
+//   "getVersion\n"  -> "VERSION:" + the firmware version
+//   "dumpIP\n"      -> "start_dump", one line per setting, "end_dump"
+//                      (lines like "ip;192.168.10.50", "dev;1;Label;192.168.10.60;1")
+//   "config\n"      -> enters configuration mode; once the port has been closed
+//                      and opened again it announces "IP address: " + address
+//   "webconfig\n"   -> toggles its web server and announces
+//                      "Starting webserver for configuration at http://" + address,
+//                      or "Stopping webserver"
+//   anything else   -> recorded, no answer ("prepareUpload", "bulkip", "store", ...)
+//
+// Every line received is recorded (receivedLines(), waitForLine()).
+//
+// Note for tests: the application's reply parser looks at a line feed only
+// once a further byte has arrived. A Controller that goes quiet right after a
+// reply leaves that reply unprocessed; set a trailer (setTrailer("\n")) to
+// follow every reply with more bytes, as a chatty firmware would.
+//
+// Scripting: boot slowly (setBootDelay: no answers until that much time of the
+// simulator's clock has passed since start()), stay silent (setSilent), split
+// every reply into chunks with pauses (setChunking), or push arbitrary bytes
+// (sendRaw: garbage, non-ASCII, over-long lines, unsolicited replies).
+//
+// Threading: a thread of its own serves the pty between start() and stop();
+// every method is thread-safe. The boot delay is measured with the Clock given
+// at construction, so a test with a fast-forwarding clock sees a slow boot
+// without waiting for it.
+#include "platform/clock.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace quendral::sim {
+
+class ControllerSimulator {
+public:
+    // Serves an existing device end (e.g. a umockdev tty's); not owned.
+    explicit ControllerSimulator(int deviceEnd, Clock& clock = systemClock());
+    // Makes a pseudo-terminal of its own; the program under test opens portPath().
+    static std::unique_ptr<ControllerSimulator> withPseudoTerminal(Clock& clock = systemClock());
+    ~ControllerSimulator();
+    ControllerSimulator(const ControllerSimulator&) = delete;
+    ControllerSimulator& operator=(const ControllerSimulator&) = delete;
+
+    void start();
+    void stop();
+
+    // The port side's path when the simulator made its own pseudo-terminal.
+    [[nodiscard]] const std::string& portPath() const { return _portPath; }
+    [[nodiscard]] int deviceEnd() const { return _deviceEnd; }
+
+    // --- identity and settings ---------------------------------------------
+    static constexpr const char* kDefaultCID = "0123456789ABCDEF0123456789ABCDEF";
+    void setCID(std::string cid);
+    void setVersion(std::string version);
+    // Answer getCID with "CID:MSG:" + message instead of the identifier; none to stop.
+    void setMessage(std::optional<std::string> message);
+    void setAddress(std::string address);
+    // The lines between "start_dump" and "end_dump".
+    void setIPDumpLines(std::vector<std::string> lines);
+    [[nodiscard]] bool webserverRunning() const;
+    [[nodiscard]] bool inConfigurationMode() const;
+
+    // --- behaviour -------------------------------------------------------------
+    void setBootDelay(Clock::Seconds delay);
+    void setSilent(bool silent);
+    // Replies go out in pieces of `chunkSize` bytes with `gap` between them (0: whole).
+    void setChunking(std::size_t chunkSize, std::chrono::milliseconds gap);
+    // Bytes sent after every reply (e.g. "\n"); empty by default.
+    void setTrailer(std::string trailer);
+    // Sends bytes as they are, now (if the port is open; dropped otherwise).
+    void sendRaw(std::string_view bytes);
+
+    // --- what it heard ---------------------------------------------------------
+    [[nodiscard]] std::vector<std::string> receivedLines() const;
+    [[nodiscard]] std::size_t countOf(const std::string& line) const;
+    // Waits (real time) until the line was received `count` times in all.
+    bool waitForLine(const std::string& line, std::chrono::milliseconds timeout, std::size_t count = 1) const;
+    void clearReceivedLines();
+    // How often the port side was opened, and whether it is open now.
+    [[nodiscard]] int openCount() const;
+    [[nodiscard]] bool isPortOpen() const;
+    bool waitForPortOpen(bool open, std::chrono::milliseconds timeout) const;
+
+private:
+    void run();
+    void handleLine(const std::string& line);
+    void reply(const std::string& text);
+    void writeAll(std::string_view bytes);
+    [[nodiscard]] bool hasBooted() const;
+
+    int _deviceEnd = -1;
+    bool _ownsDeviceEnd = false;
+    std::string _portPath;
+    Clock& _clock;
+    int _cancelFd = -1;
+    std::thread _thread;
+
+    mutable std::mutex _mutex;
+    mutable std::condition_variable _changed;
+    std::string _cid = kDefaultCID;
+    std::string _version = "1.0.0";
+    std::optional<std::string> _message;
+    std::string _address = "192.168.10.50";
+    std::vector<std::string> _dumpLines;
+    bool _webserver = false;
+    bool _configMode = false;
+    bool _announceAddressOnOpen = false;
+    Clock::TimePoint _poweredOn{};
+    Clock::Seconds _bootDelay{0};
+    bool _silent = false;
+    std::size_t _chunkSize = 0;
+    std::chrono::milliseconds _chunkGap{0};
+    std::string _trailer;
+    std::vector<std::string> _received;
+    std::string _partialLine;
+    bool _portOpen = false;
+    int _openCount = 0;
+    std::mutex _writeMutex;
+};
+
+} // namespace quendral::sim

@@ -1,0 +1,137 @@
+#pragma once
+// A USB device tree for libudev, for tests and demos without hardware.
+//
+// UmockdevTestbed builds, through umockdev, the sysfs tree and the /dev nodes
+// that libudev and open() see: a USB device (idVendor, idProduct, serial,
+// product, manufacturer) with a tty child ("ttyACM0", "ttyUSB0", ...), each
+// tty backed by a pseudo-terminal whose other end ("device end") the test
+// holds. SerialPort::serialPortWithPath("/dev/ttyACM0") then finds the port
+// through libudev exactly as on a real machine.
+//
+// Each tty gets an ioctl handler that gives it modem lines (TIOCMGET/TIOCMSET/
+// TIOCMBIS/TIOCMBIC answer from a simulated line state the test can read and
+// set) and records TIOCEXCL/TIOCNXCL; everything else goes to the real pty.
+// unplug() behaves like pulling the cable: a "remove" uevent, every ioctl
+// answers EIO, and the terminal is hung up (reads give 0, poll gives POLLHUP),
+// then the device leaves the tree.
+//
+// Only works inside umockdev's preload: run the program under
+// `umockdev-wrapper` (CTest: quendral_add_gtest(... WRAPPER umockdev-wrapper)).
+// Child processes started from such a program see the same tree, and their
+// ioctls are answered by this process's handlers.
+//
+// One test bed per process at a time. Not copyable. Thread-safe.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quendral::sim {
+
+struct UsbSerialDeviceInfo {
+    std::string ttyName = "ttyACM0"; // "ttyACM<n>" (CDC-ACM) or "ttyUSB<n>" (USB serial adapter)
+    std::uint16_t vendorId = 0x2341;
+    std::uint16_t productId = 0x003E;
+    std::string serial = "QUENDRAL0001";
+    std::string product = "QUENDRAL Controller";
+    std::string manufacturer = "QUENDRAL";
+};
+
+class UmockdevTestbed;
+
+// One tty of the tree, with its device end and its simulated modem lines.
+class UmockdevSerialDevice {
+public:
+    struct LineState {
+        bool dtr = false; // outputs as the program under test set them
+        bool rts = false;
+        bool cts = false; // inputs as the test sets them
+        bool dsr = false;
+        bool dcd = false;
+    };
+
+    [[nodiscard]] const std::string& devnode() const { return _devnode; }       // "/dev/ttyACM0"
+    [[nodiscard]] const std::string& syspath() const { return _syspath; }       // "/sys/devices/.../tty/ttyACM0"
+    [[nodiscard]] const std::string& usbSyspath() const { return _usbSyspath; } // empty for built-in ports
+    [[nodiscard]] const std::string& ttyName() const { return _ttyName; }
+    // The pseudo-terminal's device end (master). Owned by the test bed: never close it.
+    [[nodiscard]] int deviceEnd() const { return _deviceEnd; }
+    // The pseudo-terminal the node stands for ("/dev/pts/N").
+    [[nodiscard]] std::string ptyPath() const;
+
+    [[nodiscard]] LineState lines() const;
+    void setInputLines(bool cts, bool dsr, bool dcd);
+    // false: modem-line ioctls fail with ENOTTY, as on a plain pseudo-terminal.
+    void setModemLinesSupported(bool supported);
+    // Called on the handler's thread whenever DTR or RTS change (e.g. to reset
+    // a simulated board as a real DTR pulse would).
+    void setLineChangeHandler(std::function<void(const LineState&)> handler);
+    // Called on the handler's thread before each ioctl of the program under
+    // test is handled; a test may block in it to hold that call back.
+    void setIoctlHook(std::function<void(unsigned long request)> hook);
+    [[nodiscard]] int exclusiveRequests() const;    // TIOCEXCL calls seen
+    [[nodiscard]] int nonExclusiveRequests() const; // TIOCNXCL calls seen
+    [[nodiscard]] int modemLineSets() const;        // TIOCMSET/TIOCMBIS/TIOCMBIC calls seen
+    [[nodiscard]] int modemLineGets() const;        // TIOCMGET calls seen
+
+    // The speed the program under test set, as the device sees it (also
+    // non-standard rates set through termios2).
+    [[nodiscard]] unsigned long speed() const;
+
+    [[nodiscard]] bool isPlugged() const;
+
+    struct Handler; // the ioctl handler's state (internal)
+    ~UmockdevSerialDevice();
+    UmockdevSerialDevice(const UmockdevSerialDevice&) = delete;
+    UmockdevSerialDevice& operator=(const UmockdevSerialDevice&) = delete;
+
+private:
+    friend class UmockdevTestbed;
+    UmockdevSerialDevice() = default;
+
+    std::string _devnode;
+    std::string _syspath;
+    std::string _usbSyspath;
+    std::string _ttyName;
+    int _deviceEnd = -1;
+    std::shared_ptr<Handler> _handler;
+};
+
+class UmockdevTestbed {
+public:
+    // True when this process runs inside umockdev's preload.
+    [[nodiscard]] static bool isAvailable();
+
+    UmockdevTestbed();
+    ~UmockdevTestbed();
+    UmockdevTestbed(const UmockdevTestbed&) = delete;
+    UmockdevTestbed& operator=(const UmockdevTestbed&) = delete;
+
+    // A USB device with one tty child; announced with an "add" uevent.
+    std::shared_ptr<UmockdevSerialDevice> addUsbSerialDevice(const UsbSerialDeviceInfo& info);
+    // A serial port that is not on USB (like a mainboard's ttyS0).
+    std::shared_ptr<UmockdevSerialDevice> addBuiltinSerialPort(const std::string& ttyName = "ttyS0");
+
+    // Pulls the cable: "remove" uevent, ioctls fail with EIO, the terminal is
+    // hung up, the device leaves the tree. The device object stays valid.
+    void unplug(UmockdevSerialDevice& device);
+    // Only the hang-up of the terminal (every open descriptor sees POLLHUP and EIO).
+    static bool hangUp(const UmockdevSerialDevice& device);
+    // Sends a uevent ("add", "remove", "change") for a device's tty.
+    void uevent(const UmockdevSerialDevice& device, const std::string& action);
+
+    // The test bed's root folder (UMOCKDEV_DIR).
+    [[nodiscard]] std::string rootDir() const;
+
+private:
+    std::shared_ptr<UmockdevSerialDevice> addTty(const std::string& record, const std::string& ttyName,
+                                                 const std::string& syspath, const std::string& usbSyspath);
+
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
+};
+
+} // namespace quendral::sim

@@ -1,0 +1,223 @@
+#pragma once
+// One serial device of the machine (a USB serial adapter, a board's native USB
+// port, a built-in port), opened as a terminal device.
+//
+// - One live object per device path: serialPortWithPath() hands out the port
+//   that already exists for a path while anybody holds it (the class keeps weak
+//   references to every live port).
+// - Every delegate callback arrives on the main queue (dispatch::mainQueue()).
+// - While open, a reader thread turns incoming bytes into
+//   serialPortDidReceiveData() callbacks, and a 10 ms timer polls the modem
+//   input lines. An open port keeps itself alive until it is closed.
+// - close() returns at once; the port counts as open until the reader has
+//   wound down and the descriptor is really closed (reallyClosePort()).
+// - Exclusive use: TIOCEXCL plus flock(); a port that another process holds
+//   fails to open with EBUSY.
+// - A vanished device (unplugged adapter) shows on Linux as a hang-up and EIO,
+//   seldom as ENXIO; either is reported as an error, then as removal, then the
+//   port closes. Devices without modem lines (pseudo-terminals) answer the line
+//   poll with ENOTTY/EINVAL: reported once, then that port's poll stops.
+//
+// Everything here may be called from any thread; the settings are guarded.
+#include "platform/dispatch.h"
+#include "serial/device_registry.h"
+#include "serial/serial_port_delegate.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <termios.h>
+#include <vector>
+
+namespace quendral {
+
+enum class SerialPortParity : std::uint64_t { None = 0, Odd = 1, Even = 2 };
+
+// Properties whose changes observers hear about (on the thread that changed them).
+enum class SerialPortProperty { IsOpen, CTS, DSR, DCD, QueuedRequests, PacketDescriptors };
+
+class SerialPort : public std::enable_shared_from_this<SerialPort> {
+public:
+    using Ptr = std::shared_ptr<SerialPort>;
+    using PropertyObserver = std::function<void(const Ptr& port, SerialPortProperty property)>;
+
+    // --- creation ---------------------------------------------------------
+    // The port for a device path (callout or dial-in), or nullptr when the
+    // device registry has no such serial device.
+    static Ptr serialPortWithPath(const std::string& path);
+    // The port for a registry entry; an existing live port for the same path
+    // is returned instead of a new object.
+    static Ptr serialPortWithDevice(const DeviceHandle& device);
+
+    // --- the registry of live ports ---------------------------------------
+    [[nodiscard]] static std::vector<Ptr> allSerialPorts();
+    [[nodiscard]] static Ptr existingPortWithPath(const std::string& path);
+
+    // --- device registry look-ups -----------------------------------------
+    // nullptr for an empty path or a path no serial device has.
+    [[nodiscard]] static DeviceHandle deviceFromBSDPath(const std::string& path);
+    [[nodiscard]] static std::optional<std::string> bsdCalloutPathFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> bsdDialinPathFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> baseNameFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> serviceTypeFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> modemNameFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> suffixFromDevice(const DeviceHandle& device);
+    [[nodiscard]] static std::optional<std::string> stringPropertyOf(const DeviceHandle& device, std::string_view key);
+
+    ~SerialPort();
+    SerialPort(const SerialPort&) = delete;
+    SerialPort& operator=(const SerialPort&) = delete;
+
+    // --- identity -----------------------------------------------------------
+    [[nodiscard]] const std::string& path() const { return _path; }
+    [[nodiscard]] const std::string& name() const { return _name; }
+    [[nodiscard]] const std::string& description() const { return _name; }
+    [[nodiscard]] bool isEqual(const SerialPort& other) const { return _path == other._path; }
+    [[nodiscard]] std::size_t hash() const { return std::hash<std::string>{}(_path); }
+
+    // The registry entry. setIoKitDevice() is the initialiser's setter (only a
+    // different entry is stored); setIOKitDevice() simply stores.
+    [[nodiscard]] DeviceHandle IOKitDevice() const;
+    void setIoKitDevice(const DeviceHandle& device);
+    void setIOKitDevice(const DeviceHandle& device);
+
+    // --- opening and closing --------------------------------------------------
+    void open();
+    // Always true; the port closes asynchronously.
+    bool close();
+    [[nodiscard]] bool isOpen() const { return _fileDescriptor.load() != 0; }
+    [[nodiscard]] int fileDescriptor() const { return _fileDescriptor.load(); }
+    // Blocks until every byte was written. False when closed or on a write error.
+    bool sendData(std::span<const std::uint8_t> data);
+    bool sendData(std::string_view text);
+
+    // The device is gone: tells the delegate (waiting for it), then closes.
+    void cleanupAfterSystemRemoval();
+    // Deprecated: logs a warning, then cleanupAfterSystemRemoval().
+    void cleanup();
+
+    // --- line settings (stored while closed, applied at the next open) -----
+    [[nodiscard]] unsigned long baudRate() const;
+    void setBaudRate(unsigned long baudRate);
+    [[nodiscard]] bool allowsNonStandardBaudRates() const;
+    void setAllowsNonStandardBaudRates(bool allows);
+    [[nodiscard]] std::uint64_t numberOfStopBits() const;
+    void setNumberOfStopBits(std::uint64_t stopBits);
+    [[nodiscard]] bool shouldEchoReceivedData() const;
+    void setShouldEchoReceivedData(bool echo);
+    [[nodiscard]] SerialPortParity parity() const;
+    // Anything but none, odd or even is stored as none.
+    void setParity(std::uint64_t parity);
+    void setParity(SerialPortParity parity) { setParity(static_cast<std::uint64_t>(parity)); }
+    [[nodiscard]] bool usesRTSCTSFlowControl() const;
+    void setUsesRTSCTSFlowControl(bool uses);
+    // No Linux equivalent: stored without effect.
+    [[nodiscard]] bool usesDTRDSRFlowControl() const;
+    void setUsesDTRDSRFlowControl(bool uses);
+    [[nodiscard]] bool usesDCDOutputFlowControl() const;
+    void setUsesDCDOutputFlowControl(bool uses);
+
+    // --- modem lines ----------------------------------------------------------
+    [[nodiscard]] bool RTS() const;
+    void setRTS(bool on);
+    [[nodiscard]] bool DTR() const;
+    void setDTR(bool on);
+    // Input lines, set by the line poll only.
+    [[nodiscard]] bool CTS() const { return _cts.load(); }
+    [[nodiscard]] bool DSR() const { return _dsr.load(); }
+    [[nodiscard]] bool DCD() const { return _dcd.load(); }
+    void setCTS(bool on);
+    void setDSR(bool on);
+    void setDCD(bool on);
+
+    // --- delegate and observers -------------------------------------------
+    [[nodiscard]] std::shared_ptr<SerialPortDelegate> delegate() const;
+    void setDelegate(const std::shared_ptr<SerialPortDelegate>& delegate);
+    std::uint64_t addPropertyObserver(PropertyObserver observer);
+    void removePropertyObserver(std::uint64_t id);
+
+    // --- the machinery, public as the rest of the serial layer uses it -----
+    void setPortOptions();
+    void updateModemLines();
+    // Report errno to the delegate, if it wants errors. Read errno first thing.
+    void notifyDelegateOfPosixError();
+    void notifyDelegateOfPosixErrorWaitingUntilDone(bool shouldWait);
+    // The serial queue on which packet and request work runs.
+    [[nodiscard]] const dispatch::QueuePtr& requestHandlingQueue() const { return _requestHandlingQueue; }
+    // The termios record found at open (restored on close).
+    [[nodiscard]] termios originalPortAttributes() const;
+
+    struct ReadSource;
+
+private:
+    SerialPort(const DeviceHandle& device, std::string path, std::string name);
+
+    static Ptr initWithDevice(const DeviceHandle& device);
+
+    void receiveData(const SerialData& data);
+    void reallyClosePort();
+    void readLoop(const std::shared_ptr<ReadSource>& source);
+    void pollModemLines();
+    // The device vanished (EIO/ENXIO/hang-up): error, removal, close; once per open.
+    void handleDeviceVanished(int error);
+    void startPinPoll();
+    void stopPinPoll();
+    void notifyPropertyObservers(SerialPortProperty property);
+    void setFileDescriptor(int fd);
+    // A flow-control setter's dance: close, store, apply, reopen.
+    void changeFlowControl(bool& field, bool value);
+
+    // --- extension points of packets and requests -------------------------
+    // Runs on requestHandlingQueue for every chunk read, after the delegate's
+    // data callback was posted: packet detection, then the pending request's
+    // response check, byte by byte.
+    void handleReceivedChunk(const SerialData& chunk);
+    // Runs on requestHandlingQueue after a close that the delegate heard of:
+    // drop the queued requests and the pending one.
+    void resetRequestsAfterClose();
+
+    const std::string _path;
+    const std::string _name;
+    dispatch::QueuePtr _requestHandlingQueue;
+
+    std::atomic<int> _fileDescriptor{0};
+    std::mutex _descriptorMutex; // held while the line poll uses the descriptor and while it is closed
+    std::atomic<bool> _cts{false};
+    std::atomic<bool> _dsr{false};
+    std::atomic<bool> _dcd{false};
+
+    mutable std::mutex _mutex; // guards everything below
+    DeviceHandle _device;
+    unsigned long _baudRate = 19200;
+    bool _allowsNonStandardBaudRates = false;
+    std::uint64_t _numberOfStopBits = 1;
+    bool _shouldEchoReceivedData = false;
+    SerialPortParity _parity = SerialPortParity::None;
+    bool _usesRTSCTSFlowControl = false;
+    bool _usesDTRDSRFlowControl = false;
+    bool _usesDCDOutputFlowControl = false;
+    bool _rts = false;
+    bool _dtr = false;
+    std::weak_ptr<SerialPortDelegate> _delegate;
+    termios _originalPortAttributes{};
+    std::shared_ptr<ReadSource> _readPollSource;
+    dispatch::TimerPtr _pinPollTimer;
+    std::vector<std::pair<std::uint64_t, PropertyObserver>> _observers;
+    std::uint64_t _nextObserverId = 1;
+    // Set once the vanished device was reported for the current open.
+    std::shared_ptr<std::atomic<bool>> _vanishReported;
+};
+
+// Ports stand for device paths: equal when their paths are.
+inline bool operator==(const SerialPort& a, const SerialPort& b)
+{
+    return a.isEqual(b);
+}
+
+} // namespace quendral

@@ -1,0 +1,113 @@
+// SerialPort: applying the line settings and the output modem lines.
+#include "serial/arbitrary_baud_rate.h"
+#include "serial/serial_port.h"
+
+#include <cerrno>
+#include <sys/ioctl.h>
+#include <termios.h>
+
+namespace quendral {
+
+void SerialPort::setPortOptions()
+{
+    const int fd = _fileDescriptor.load();
+    if (fd < 1) {
+        return; // applied at the next open
+    }
+    unsigned long baud = 0;
+    bool allowsNonStandard = false;
+    std::uint64_t stopBits = 1;
+    bool echo = false;
+    SerialPortParity parityValue = SerialPortParity::None;
+    bool rtsCts = false;
+    {
+        std::lock_guard lock(_mutex);
+        baud = _baudRate;
+        allowsNonStandard = _allowsNonStandardBaudRates;
+        stopBits = _numberOfStopBits;
+        echo = _shouldEchoReceivedData;
+        parityValue = _parity;
+        rtsCts = _usesRTSCTSFlowControl;
+    }
+
+    termios options{};
+    ::tcgetattr(fd, &options);
+    ::cfmakeraw(&options);
+    // A read returns after the first byte, or 0.2 s of silence after a byte.
+    options.c_cc[VMIN] = 1;
+    options.c_cc[VTIME] = 2;
+    options.c_cflag = (options.c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CS8;
+    switch (parityValue) {
+    case SerialPortParity::None:
+        options.c_cflag &= ~static_cast<tcflag_t>(PARENB);
+        break;
+    case SerialPortParity::Odd:
+        options.c_cflag |= PARENB | PARODD;
+        break;
+    case SerialPortParity::Even:
+        options.c_cflag |= PARENB;
+        options.c_cflag &= ~static_cast<tcflag_t>(PARODD);
+        break;
+    }
+    if (stopBits < 2) {
+        options.c_cflag &= ~static_cast<tcflag_t>(CSTOPB);
+    } else {
+        options.c_cflag |= CSTOPB;
+    }
+    if (echo) {
+        options.c_lflag |= ECHO;
+    } else {
+        options.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    }
+    // DTR/DSR and DCD output flow control have no Linux equivalent.
+    if (rtsCts) {
+        options.c_cflag |= CRTSCTS;
+    } else {
+        options.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+    }
+    options.c_cflag |= HUPCL | CLOCAL | CREAD;
+    options.c_lflag &= ~static_cast<tcflag_t>(ICANON | ISIG);
+
+    // The C library knows only the table's speeds: an unknown rate fails
+    // here already, where other systems fail it in tcsetattr. Either way it
+    // counts as the standard call refusing the rate.
+    int speedError = 0;
+    if (::cfsetspeed(&options, static_cast<speed_t>(baud)) != 0) {
+        speedError = errno;
+    }
+    int result = ::tcsetattr(fd, TCSANOW, &options);
+    if (result == 0 && speedError != 0) {
+        result = -1;
+        errno = speedError;
+    }
+    if (result != 0 && allowsNonStandard) {
+        result = setArbitraryBaudRate(fd, baud);
+    }
+    if (result != 0) {
+        notifyDelegateOfPosixError();
+    }
+}
+
+void SerialPort::updateModemLines()
+{
+    const int fd = _fileDescriptor.load();
+    if (fd < 1) {
+        return;
+    }
+    bool rts = false;
+    bool dtr = false;
+    {
+        std::lock_guard lock(_mutex);
+        rts = _rts;
+        dtr = _dtr;
+    }
+    int bits = 0;
+    ::ioctl(fd, TIOCMGET, &bits);
+    bits = rts ? (bits | TIOCM_RTS) : (bits & ~TIOCM_RTS);
+    bits = dtr ? (bits | TIOCM_DTR) : (bits & ~TIOCM_DTR);
+    if (::ioctl(fd, TIOCMSET, &bits) < 0) {
+        notifyDelegateOfPosixError();
+    }
+}
+
+} // namespace quendral

@@ -1,0 +1,108 @@
+// Pulling the cable while the port is open.
+#include "serial_test_bed.h"
+
+#include "support/descriptors.h"
+
+using namespace quendral;
+using namespace quendral::test;
+
+using SerialPortRemoval = SerialTestBed;
+
+namespace {
+
+std::size_t indexOf(const std::vector<std::string>& kinds, const std::string& kind)
+{
+    return static_cast<std::size_t>(std::find(kinds.begin(), kinds.end(), kind) - kinds.begin());
+}
+
+} // namespace
+
+TEST_F(SerialPortRemoval, UnplugWhileOpenReportsErrorThenRemovalThenCloseWithoutLeaks)
+{
+    // One full open/close first, so that lazily created descriptors of the
+    // test bed are in the baseline.
+    {
+        auto warmUp = openPort(delegate);
+        ASSERT_TRUE(warmUp);
+        ASSERT_TRUE(closeAndWait(warmUp));
+    }
+    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }));
+    dispatch::RunLoop::main().drain();
+    const auto before = openDescriptors();
+
+    auto recorder = std::make_shared<RecordingSerialDelegate>();
+    auto port = openPort(recorder);
+    ASSERT_TRUE(port);
+    ASSERT_TRUE(waitFor([&] { return recorder->count("opened") == 1; }));
+
+    testbed->unplug(*device);
+
+    ASSERT_TRUE(waitFor([&] { return recorder->count("closed") == 1; }, 10000ms)) << "the port never closed";
+    EXPECT_FALSE(port->isOpen());
+    const auto kinds = recorder->kinds();
+    const std::size_t error = indexOf(kinds, "error");
+    const std::size_t removed = indexOf(kinds, "removed");
+    const std::size_t closed = indexOf(kinds, "closed");
+    ASSERT_LT(error, kinds.size());
+    ASSERT_LT(removed, kinds.size());
+    EXPECT_LT(error, removed);
+    EXPECT_LT(removed, closed);
+    EXPECT_EQ(recorder->count("removed"), 1u);
+    EXPECT_EQ(recorder->errors().front().code, EIO);
+    EXPECT_EQ(recorder->errors().front().path, "/dev/ttyACM0");
+    for (const auto& event : recorder->events()) {
+        EXPECT_TRUE(event.onMainThread) << event.kind;
+    }
+
+    // Nothing more arrives, and every descriptor the port had is gone.
+    dispatch::RunLoop::main().runFor(200ms);
+    EXPECT_EQ(recorder->count("removed"), 1u);
+    EXPECT_EQ(recorder->count("closed"), 1u);
+    const auto after = openDescriptors();
+    EXPECT_EQ(after.size(), before.size());
+    for (const auto& [fd, target] : after) {
+        EXPECT_TRUE(before.contains(fd)) << "descriptor " << fd << " -> " << target << " left open";
+    }
+}
+
+TEST_F(SerialPortRemoval, UnplugOfAPortWithoutModemLinesIsSeenThroughTheHangUp)
+{
+    device->setModemLinesSupported(false);
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    ASSERT_TRUE(waitFor([&] { return delegate->count("error") >= 2; })); // the ENOTTYs
+    testbed->unplug(*device);
+    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }, 10000ms));
+    const auto kinds = delegate->kinds();
+    EXPECT_LT(indexOf(kinds, "removed"), indexOf(kinds, "closed"));
+    EXPECT_EQ(delegate->errors().back().code, EIO);
+}
+
+TEST_F(SerialPortRemoval, HangUpAloneCountsAsRemoval)
+{
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    ASSERT_TRUE(sim::UmockdevTestbed::hangUp(*device));
+    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }, 10000ms));
+    EXPECT_EQ(delegate->count("removed"), 1u);
+    EXPECT_FALSE(port->isOpen());
+}
+
+TEST_F(SerialPortRemoval, UnplugWithoutADelegateStillClosesThePort)
+{
+    auto port = openPort(nullptr);
+    ASSERT_TRUE(port);
+    testbed->unplug(*device);
+    EXPECT_TRUE(waitFor([&] { return !port->isOpen(); }, 10000ms));
+}
+
+TEST_F(SerialPortRemoval, RemovalByThePortManagerTellsTheDelegateAndCloses)
+{
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    port->cleanupAfterSystemRemoval();
+    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }));
+    const auto kinds = delegate->kinds();
+    EXPECT_LT(indexOf(kinds, "removed"), indexOf(kinds, "closed"));
+    EXPECT_EQ(delegate->count("error"), 0u);
+}
