@@ -300,6 +300,25 @@ void ControllerSimulator::handleLine(const std::string& received)
     }
 }
 
+void ControllerSimulator::portOpened()
+{
+    bool announce = false;
+    std::string address;
+    {
+        std::lock_guard lock(_mutex);
+        _portOpen = true;
+        ++_openCount;
+        _changed.notify_all();
+        announce = _announceAddressOnOpen && !_silent;
+        _announceAddressOnOpen = false;
+        address = _address;
+    }
+    if (announce) {
+        std::this_thread::sleep_for(kSettleAfterOpen);
+        reply("IP address: " + address + "\n");
+    }
+}
+
 void ControllerSimulator::run()
 {
     std::string pending;
@@ -323,6 +342,9 @@ void ControllerSimulator::run()
             char buffer[1024];
             const ssize_t n = ::read(_deviceEnd, buffer, sizeof buffer);
             if (n > 0) {
+                if (!open) {
+                    portOpened(); // data comes only from an open port
+                }
                 pending.append(buffer, static_cast<std::size_t>(n));
                 std::size_t newline = 0;
                 while ((newline = pending.find('\n')) != std::string::npos) {
@@ -350,21 +372,7 @@ void ControllerSimulator::run()
             continue;
         }
         if (!open && ready == 0) {
-            bool announce = false;
-            std::string address;
-            {
-                std::lock_guard lock(_mutex);
-                _portOpen = true;
-                ++_openCount;
-                _changed.notify_all();
-                announce = _announceAddressOnOpen && !_silent;
-                _announceAddressOnOpen = false;
-                address = _address;
-            }
-            if (announce) {
-                std::this_thread::sleep_for(kSettleAfterOpen);
-                reply("IP address: " + address + "\n");
-            }
+            portOpened();
         }
     }
 }

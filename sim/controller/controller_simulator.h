@@ -100,6 +100,7 @@ public:
 
 private:
     void run();
+    void portOpened();
     void handleLine(const std::string& line);
     void reply(const std::string& text);
     void writeAll(std::string_view bytes);

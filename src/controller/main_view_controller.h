@@ -1,0 +1,112 @@
+#pragma once
+// The main window's controller: the hub that talks to Controllers over their
+// serial port and drives the window through MainView.
+//
+// Its concerns live in files of their own:
+//   text_protocol.cpp         opening a port for the protocol, requestCID and
+//                             the waiting procedures getCID, getIP,
+//                             getIPConfig, toggleWebconfig
+//   main_view_controller.cpp  construction, the delegate side (reply parser),
+//                             small services shared by the concerns
+//   reply_parser.*            turning received bytes into ControllerState
+//
+// Threading: the waiting procedures block their caller (one-second sleeps on
+// the injected Clock) and are meant for a background queue; they post their
+// status texts to the main queue. The reply parser runs on the main queue as
+// the port's delegate. ControllerState makes the shared fields safe.
+//
+// Always owned by a std::shared_ptr (create()): ports hold it as a weak delegate.
+#include "controller/controller_state.h"
+#include "controller/main_view.h"
+#include "controller/reply_parser.h"
+#include "platform/clock.h"
+#include "serial/serial_port.h"
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quendral {
+
+class MainViewController : public SerialPortDelegate, public std::enable_shared_from_this<MainViewController> {
+public:
+    static std::shared_ptr<MainViewController> create(MainView& view, ApplicationDelegate* appDelegate,
+                                                      Clock& clock = systemClock());
+    MainViewController(MainView& view, ApplicationDelegate* appDelegate, Clock& clock);
+    ~MainViewController() override;
+    MainViewController(const MainViewController&) = delete;
+    MainViewController& operator=(const MainViewController&) = delete;
+
+    // --- Controller text protocol (text_protocol.cpp) -------------------------
+    // Opens the port on `path` if needed and asks for identifier and version.
+    // True when the port was open and both requests were written.
+    bool requestCID(const std::string& path);
+    // Up to about 20 s, plus 1 s: the identifier, or none.
+    std::optional<std::string> getCID();
+    // 2 s, then up to about 20 s: the address announced in configuration mode, or none.
+    std::optional<std::string> getIP();
+    // Up to about 20 s: the lines of the IP dump (possibly empty).
+    std::vector<std::string> getIPConfig();
+    // 3 s: the web server's address, "off", or none.
+    std::optional<std::string> toggleWebconfig();
+
+    // The skip key: ends every waiting loop at its next test. Cleared only by getCID.
+    void setSkipWait(bool skip) { _state.setSkipWait(skip); }
+    [[nodiscard]] bool skipWait() const { return _state.skipWait(); }
+
+    // --- controller state ---------------------------------------------------
+    [[nodiscard]] std::optional<std::string> deviceCID() const { return _state.deviceCID(); }
+    [[nodiscard]] std::optional<std::string> currentVersion() const { return _state.currentVersion(); }
+    [[nodiscard]] std::optional<std::string> deviceMessage() const { return _state.deviceMessage(); }
+    [[nodiscard]] std::optional<std::string> deviceIP() const { return _state.deviceIP(); }
+    [[nodiscard]] std::vector<std::string> ipDump() const { return _state.ipDump(); }
+    [[nodiscard]] bool dumpingIP() const { return _state.dumpingIP(); }
+    // Main queue only, like the parser that fills it.
+    [[nodiscard]] const std::vector<std::uint8_t>& serialInput() const { return _parser.serialInput(); }
+    // The port currently used for the protocol.
+    [[nodiscard]] SerialPort::Ptr serial() const;
+
+    // --- port list ------------------------------------------------------------
+    // The device path of the port selected in the port menu, looked up afresh
+    // on every call (from background threads too). The port list fills this
+    // in from the menu and the port manager; until then nothing is selected.
+    [[nodiscard]] virtual std::optional<std::string> pathOfSelectedPort() const;
+
+    // --- configuration actions ----------------------------------------------
+    // A modal message with one "Ok" button; blocks a background caller until answered.
+    void showAlert(const std::string& message);
+
+    // --- SerialPortDelegate -----------------------------------------------------
+    [[nodiscard]] bool respondsTo(SerialPortDelegateCallback callback) const override;
+    // The reply parser.
+    void serialPortDidReceiveData(const std::shared_ptr<SerialPort>& port, const SerialData& data) override;
+    // Nothing: removal is noticed through the port list.
+    void serialPortWasRemovedFromSystem(const std::shared_ptr<SerialPort>& port) override;
+
+protected:
+    MainView& _view;
+    ApplicationDelegate* _appDelegate;
+    Clock& _clock;
+
+private:
+    // Steps 1-2 of opening: close `serial` if it is open on another path.
+    // True when it is (still) open afterwards.
+    bool bringSerialToPath(const std::string& path);
+    // Step 3: a port object for `path` at 115200 baud, DTR and RTS on, open,
+    // with this controller as its delegate.
+    void openPortForProtocol(const std::string& path, bool logOpening);
+    bool sendCommand(const char* command);
+    void closeSerial();
+    void postStatusText(std::string text);
+    // 20 minus the whole seconds since `start`.
+    [[nodiscard]] long remainingCount(Clock::TimePoint start) const;
+
+    ControllerState _state;
+    ControllerReplyParser _parser{_state};
+    mutable std::mutex _serialMutex;
+    SerialPort::Ptr _serial;
+};
+
+} // namespace quendral

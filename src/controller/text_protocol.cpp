@@ -1,0 +1,199 @@
+// MainViewController: the Controller text protocol's procedures.
+#include "controller/main_view_controller.h"
+
+#include "log/logger.h"
+#include "platform/dispatch.h"
+
+#include <cmath>
+#include <string>
+
+namespace quendral {
+namespace {
+
+constexpr unsigned long kProtocolBaudRate = 115200;
+constexpr long kWaitCount = 20;
+
+std::string withCount(const char* text, long count)
+{
+    return std::string(text) + " (" + std::to_string(count) + ")";
+}
+
+} // namespace
+
+long MainViewController::remainingCount(Clock::TimePoint start) const
+{
+    // 20 plus the (negative) time since the start, truncated toward zero: the
+    // count follows the clock, so a slow pass skips numbers.
+    const double sinceStart = std::chrono::duration<double>(start - _clock.now()).count();
+    return kWaitCount + static_cast<long>(std::trunc(sinceStart));
+}
+
+bool MainViewController::bringSerialToPath(const std::string& path)
+{
+    const SerialPort::Ptr port = serial();
+    if (port && port->path() != path && port->isOpen()) {
+        port->close();
+    }
+    // The close completes later: a port still closing counts as open here.
+    return port && port->isOpen();
+}
+
+void MainViewController::openPortForProtocol(const std::string& path, bool logOpening)
+{
+    if (logOpening) {
+        Logger::log("Opening port..");
+    }
+    SerialPort::Ptr port = SerialPort::serialPortWithPath(path);
+    {
+        std::lock_guard lock(_serialMutex);
+        _serial = port;
+    }
+    if (!port) {
+        return; // nothing to open; the caller's writes fail and it times out
+    }
+    // Exactly this order: baud rate, DTR, RTS, open, delegate.
+    port->setBaudRate(kProtocolBaudRate);
+    port->setDTR(true);
+    port->setRTS(true);
+    port->open();
+    port->setDelegate(shared_from_this());
+}
+
+bool MainViewController::sendCommand(const char* command)
+{
+    const SerialPort::Ptr port = serial();
+    return port && port->sendData(std::string_view(command));
+}
+
+void MainViewController::closeSerial()
+{
+    if (const SerialPort::Ptr port = serial()) {
+        port->close();
+    }
+}
+
+bool MainViewController::requestCID(const std::string& path)
+{
+    if (!bringSerialToPath(path)) {
+        openPortForProtocol(path, true);
+    }
+    const SerialPort::Ptr port = serial();
+    if (!port || !port->isOpen()) {
+        return false;
+    }
+    port->sendData(std::string_view("getCID\n"));
+    port->sendData(std::string_view("getVersion\n"));
+    return true;
+}
+
+std::optional<std::string> MainViewController::getCID()
+{
+    _state.setDeviceCID(std::nullopt);
+    _state.setCurrentVersion(std::nullopt);
+    _state.setDeviceMessage(std::nullopt);
+    const Clock::TimePoint start = _clock.now();
+    long count = kWaitCount;
+    _state.setSkipWait(false);
+
+    while (count > 0 && !_state.skipWait()) {
+        postStatusText(withCount("Waiting for device to boot..", count));
+        requestCID(pathOfSelectedPort().value_or(""));
+        _clock.sleepFor(Clock::Seconds(1.0));
+        const auto message = _state.deviceMessage();
+        if ((_state.deviceCID() && _state.currentVersion()) || message) {
+            if (message) {
+                showAlert(*message);
+            }
+            break;
+        }
+        count = remainingCount(start);
+    }
+
+    postStatusText("Please wait...");
+    closeSerial();
+    _clock.sleepFor(Clock::Seconds(1.0));
+    postStatusText("");
+    return _state.deviceCID();
+}
+
+std::optional<std::string> MainViewController::getIP()
+{
+    _state.setDeviceIP(std::nullopt);
+    const Clock::TimePoint start = _clock.now();
+    long count = kWaitCount;
+
+    const std::string path = pathOfSelectedPort().value_or("");
+    if (bringSerialToPath(path)) {
+        return _state.deviceIP();
+    }
+    // The Controller enters configuration mode and announces its address to
+    // whoever opens the port next.
+    openPortForProtocol(path, false);
+    sendCommand("config\n");
+    closeSerial();
+    _clock.sleepFor(Clock::Seconds(2.0));
+    openPortForProtocol(path, false);
+
+    while (count > 0 && !_state.skipWait()) {
+        postStatusText(withCount("Waiting for device to enter configuration mode..", count));
+        _clock.sleepFor(Clock::Seconds(1.0));
+        if (_state.deviceIP()) {
+            break;
+        }
+        count = remainingCount(start);
+    }
+
+    postStatusText("Please wait...");
+    closeSerial();
+    postStatusText("");
+    return _state.deviceIP();
+}
+
+std::vector<std::string> MainViewController::getIPConfig()
+{
+    const Clock::TimePoint start = _clock.now();
+    long count = kWaitCount;
+    _state.resetIPDump();
+    _state.setDumpingIP(false);
+
+    const std::string path = pathOfSelectedPort().value_or("");
+    if (bringSerialToPath(path)) {
+        return _state.ipDump();
+    }
+    openPortForProtocol(path, false);
+    sendCommand("dumpIP\n");
+
+    while (count > 0 && !_state.skipWait()) {
+        postStatusText(withCount("Waiting for controller to send IP configuration..", count));
+        _clock.sleepFor(Clock::Seconds(1.0));
+        if (_state.ipDumpCount() > 0 && !_state.dumpingIP()) {
+            break;
+        }
+        count = remainingCount(start);
+    }
+
+    postStatusText("Please wait...");
+    closeSerial();
+    postStatusText("");
+    // As far as it came: a dump cut off by the time-out still counts.
+    return _state.ipDump();
+}
+
+std::optional<std::string> MainViewController::toggleWebconfig()
+{
+    _state.setDeviceIP(std::nullopt);
+    const long count = kWaitCount; // shown, never counted down
+
+    const std::string path = pathOfSelectedPort().value_or("");
+    if (!bringSerialToPath(path)) {
+        openPortForProtocol(path, false);
+        sendCommand("webconfig\n");
+    }
+    // Straight from the calling thread, unlike the other procedures.
+    _view.setStatusText(withCount("Waiting for device ..", count));
+    _clock.sleepFor(Clock::Seconds(3.0));
+    closeSerial();
+    return _state.deviceIP();
+}
+
+} // namespace quendral

@@ -1,0 +1,106 @@
+#pragma once
+// MainViewController against a simulated Controller on a umockdev tty, with a
+// fast-forwarding clock shared by both.
+#include "controller/main_view_controller.h"
+#include "controller_simulator.h"
+#include "platform/dispatch.h"
+#include "support/fast_forward_clock.h"
+#include "support/recording_main_view.h"
+#include "umockdev_testbed.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace quendral::test {
+
+using namespace std::chrono_literals;
+
+inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
+{
+    return dispatch::RunLoop::main().runUntil(done, timeout);
+}
+
+// The port list is not part of these tests: the selected path is set by hand.
+class MainViewControllerWithSelection : public MainViewController {
+public:
+    using MainViewController::MainViewController;
+
+    [[nodiscard]] std::optional<std::string> pathOfSelectedPort() const override
+    {
+        std::lock_guard lock(_selectionMutex);
+        return _selection;
+    }
+    void select(std::optional<std::string> path)
+    {
+        std::lock_guard lock(_selectionMutex);
+        _selection = std::move(path);
+    }
+
+private:
+    mutable std::mutex _selectionMutex;
+    std::optional<std::string> _selection;
+};
+
+class ProtocolTestBed : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+        testbed = std::make_unique<sim::UmockdevTestbed>();
+        device = testbed->addUsbSerialDevice({});
+        simulator = std::make_unique<sim::ControllerSimulator>(device->deviceEnd(), clock);
+        controller = std::make_shared<MainViewControllerWithSelection>(view, nullptr, clock);
+        controller->select("/dev/ttyACM0");
+    }
+
+    void TearDown() override
+    {
+        if (auto port = controller->serial()) {
+            port->close();
+            waitFor([&] { return !port->isOpen(); });
+        }
+        simulator->stop();
+        dispatch::RunLoop::main().drain();
+    }
+
+    // Runs a waiting procedure on the global queue, as the actions do, while
+    // the main thread serves the main queue.
+    template <typename Result>
+    Result runInBackground(std::function<Result()> procedure, std::chrono::milliseconds timeout = 60000ms)
+    {
+        struct Shared {
+            std::atomic<bool> done{false};
+            Result result{};
+        };
+        auto shared = std::make_shared<Shared>();
+        dispatch::globalQueue()->async([shared, procedure] {
+            shared->result = procedure();
+            shared->done = true;
+        });
+        EXPECT_TRUE(waitFor([&] { return shared->done.load(); }, timeout)) << "the procedure did not finish";
+        dispatch::RunLoop::main().drain(); // the status texts it posted last
+        return shared->done ? shared->result : Result{};
+    }
+
+    static std::vector<std::string> countDown(const std::string& text, long from, long to)
+    {
+        std::vector<std::string> result;
+        for (long count = from; count >= to; --count) {
+            result.push_back(text + " (" + std::to_string(count) + ")");
+        }
+        return result;
+    }
+
+    FastForwardClock clock;
+    RecordingMainView view;
+    std::unique_ptr<sim::UmockdevTestbed> testbed;
+    std::shared_ptr<sim::UmockdevSerialDevice> device;
+    std::unique_ptr<sim::ControllerSimulator> simulator;
+    std::shared_ptr<MainViewControllerWithSelection> controller;
+};
+
+} // namespace quendral::test
