@@ -32,6 +32,12 @@ Pty openPty()
         cfsetospeed(&tio, B115200);
         tcsetattr(fd, TCSANOW, &tio);
     }
+    // A slave that was never opened shows no hang-up on the master; one open and
+    // close puts the pair into the state it has after any peer has left.
+    int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave >= 0) {
+        close(slave);
+    }
     pty.master = fd;
     pty.slavePath = name;
     return pty;
