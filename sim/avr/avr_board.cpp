@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #ifndef QUENDRAL_SIM_STK500V2_2560_HEX
@@ -176,7 +177,8 @@ bool AvrBoard::start(int fd, const std::string& peerPath)
         }
         avr_loadcode(avr, chunks[i].data, chunks[i].size, chunks[i].baseaddr);
     }
-    free_ihex_chunks(chunks);
+    free_ihex_chunks(chunks); // frees the chunks' data, not the array
+    std::free(chunks);
     avr->reset_pc = bootStart; // BOOTRST programmed, as on the real boards
     avr->pc = bootStart;
 

@@ -71,7 +71,7 @@ void SamBoard::stop()
         return;
     }
     stop_ = true;
-    state_->link->wake();
+    wake();
     thread_.join();
     if (!options_.flashFile.empty()) {
         saveFlash(options_.flashFile);
@@ -95,20 +95,25 @@ void SamBoard::setModeObserver(ModeObserver observer)
     state_->observer = std::move(observer);
 }
 
-void SamBoard::resetNow()
+void SamBoard::wake()
 {
-    resetRequested_ = true;
+    // attach() replaces the link on the board's thread under the mutex.
+    std::lock_guard lock(mutex_);
     if (state_->link) {
         state_->link->wake();
     }
 }
 
+void SamBoard::resetNow()
+{
+    resetRequested_ = true;
+    wake();
+}
+
 void SamBoard::touch1200()
 {
     touchRequested_ = true;
-    if (state_->link) {
-        state_->link->wake();
-    }
+    wake();
 }
 
 std::optional<ControllerIdentity> SamBoard::identity() const

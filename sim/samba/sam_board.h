@@ -74,6 +74,7 @@ public:
 private:
     struct State;
     void run();
+    void wake();
     void reboot();
     void serveApplication();
 

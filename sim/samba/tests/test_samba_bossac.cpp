@@ -265,3 +265,21 @@ TEST(SambaBossac, ResetNowBootsByTheBootFlashBit)
     ASSERT_TRUE(waitFor([&] { return b.board.resetCount() == 1; }, 5));
     EXPECT_EQ(b.board.mode(), SamMode::BootLoader);
 }
+
+TEST(SambaBossac, AttachMovesTheBoardToANewDeviceEnd)
+{
+    SamBoardOptions options;
+    options.initialImage = image("identity_a.bin");
+    options.bootFromFlash = true;
+    BoardOnPty b(options);
+    ASSERT_TRUE(b.start(false));
+    Pty other = openPty();
+    ASSERT_GE(other.master, 0);
+    b.board.attach(other.master, ""); // as after re-enumeration: a new node
+    std::string cid, version;
+    ASSERT_TRUE(ask(other.slavePath, cid, version));
+    EXPECT_EQ(cid, "CID:SAMAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
+    EXPECT_FALSE(ask(b.pty.slavePath, cid, version, 0.5)); // the old end is no longer served
+    b.board.stop();
+    close(other.master);
+}
