@@ -1,0 +1,287 @@
+#include "serial_monitor.h"
+
+#include "log/logger.h"
+#include "serial_error_text.h"
+#include "ui_SerialMonitorView.h"
+
+#include <QPointer>
+#include <QScrollBar>
+#include <QStringDecoder>
+#include <QTextCursor>
+
+#include <array>
+#include <cerrno>
+
+namespace quendral::windows {
+
+// The port holds its delegate weakly and calls it on the main queue; this
+// forwards to the window for as long as the window exists.
+class SerialMonitor::PortDelegate final : public SerialPortDelegate {
+public:
+    explicit PortDelegate(SerialMonitor* monitor) : _monitor(monitor) {}
+
+    [[nodiscard]] bool respondsTo(SerialPortDelegateCallback callback) const override
+    {
+        switch (callback) {
+        case SerialPortDelegateCallback::DidReceiveData:
+        case SerialPortDelegateCallback::DidEncounterError:
+        case SerialPortDelegateCallback::WasOpened:
+        case SerialPortDelegateCallback::WasClosed:
+        case SerialPortDelegateCallback::WasRemovedFromSystem:
+            return true;
+        default:
+            return false;
+        }
+    }
+    void serialPortDidReceiveData(const SerialPort::Ptr& /*port*/, const SerialData& data) override
+    {
+        if (_monitor) {
+            _monitor->serialPortDidReceiveData(data);
+        }
+    }
+    void serialPortDidEncounterError(const SerialPort::Ptr& /*port*/, const SerialError& error) override
+    {
+        if (_monitor) {
+            _monitor->serialPortDidEncounterError(error);
+        }
+    }
+    void serialPortWasOpened(const SerialPort::Ptr& /*port*/) override
+    {
+        if (_monitor) {
+            _monitor->serialPortWasOpened();
+        }
+    }
+    void serialPortWasClosed(const SerialPort::Ptr& /*port*/) override
+    {
+        if (_monitor) {
+            _monitor->serialPortWasClosed();
+        }
+    }
+    // Removal needs nothing here: the port list notices it and reopens the
+    // monitor on the next device.
+    void serialPortWasRemovedFromSystem(const SerialPort::Ptr& /*port*/) override {}
+
+private:
+    QPointer<SerialMonitor> _monitor;
+};
+
+namespace {
+
+// The service buttons' commands by tag.
+constexpr std::array<const char*, 7> kServiceCommands = {"reset", "config", "configd", "clearpresets",
+                                                         "debug", "newmac", "ok"};
+
+} // namespace
+
+SerialMonitor::SerialMonitor(QWidget* parent)
+    : QWidget(parent), _ui(std::make_unique<Ui::SerialMonitorView>()),
+      _portDelegate(std::make_shared<PortDelegate>(this))
+{
+    _ui->setupUi(this);
+    _ui->monitorWindow->setPlainText(QString(QChar(0x00A0)));
+    QFont courier(QStringLiteral("Courier"), 10);
+    courier.setStyleHint(QFont::TypeWriter);
+    _ui->monitorWindow->setFont(courier);
+    _ui->baudRate->setCurrentIndex(3);
+    _autoScroll = true;
+    _ui->autoScrollCheckbox->setChecked(true);
+
+    _flushTimer.setSingleShot(true);
+    _flushTimer.setInterval(kCoalesceMilliseconds);
+    connect(&_flushTimer, &QTimer::timeout, this, &SerialMonitor::flushPendingOutput);
+    connect(_ui->inputField, &QLineEdit::returnPressed, this, &SerialMonitor::inputFieldChanged);
+    connect(_ui->autoScrollCheckbox, &QCheckBox::toggled, this, &SerialMonitor::autoScrollChanged);
+    for (QAbstractButton* button : _ui->serviceGroup->findChildren<QAbstractButton*>()) {
+        connect(button, &QAbstractButton::clicked, this,
+                [this, button] { buttonCommand(button->property("tag").toInt()); });
+    }
+}
+
+SerialMonitor::~SerialMonitor()
+{
+    if (_serial) {
+        _serial->setDelegate(nullptr);
+        if (_serial->isOpen()) {
+            _serial->close();
+        }
+    }
+}
+
+std::optional<std::string> SerialMonitor::serviceCommandForTag(int tag)
+{
+    if (tag < 0 || static_cast<std::size_t>(tag) >= kServiceCommands.size()) {
+        return std::nullopt;
+    }
+    return std::string(kServiceCommands.at(static_cast<std::size_t>(tag)));
+}
+
+void SerialMonitor::openPort(const std::string& path)
+{
+    if (isSerialOpen()) {
+        _serial->close();
+    }
+    openSerial(path, 115200);
+}
+
+void SerialMonitor::openSerial(const std::string& path, unsigned long baudRate)
+{
+    Logger::log("Opening serial port " + path + " with baud rate " + std::to_string(baudRate));
+    _serial = SerialPort::serialPortWithPath(path);
+    if (!_serial) {
+        return; // the device is gone; the port list reopens the monitor when one comes back
+    }
+    _serial->setDelegate(_portDelegate);
+    _serial->setBaudRate(baudRate);
+    _serial->setDTR(true);
+    _serial->setRTS(true);
+    _serial->open();
+}
+
+bool SerialMonitor::isSerialOpen() const
+{
+    return _serial && _serial->isOpen();
+}
+
+void SerialMonitor::closeSerial()
+{
+    Logger::log("Closing serial port..");
+    if (_serial) {
+        if (_serial->isOpen()) {
+            _serial->close();
+        }
+        _serial->setDelegate(nullptr);
+    }
+}
+
+void SerialMonitor::send(const QString& line)
+{
+    // Text that is not ASCII gives no bytes at all, so nothing goes out.
+    const QString text = line + QLatin1Char('\n');
+    for (const QChar c : text) {
+        if (c.unicode() > 0x7F) {
+            _serial->sendData(std::string_view());
+            return;
+        }
+    }
+    _serial->sendData(text.toLatin1().toStdString());
+}
+
+void SerialMonitor::inputFieldChanged()
+{
+    if (!isSerialOpen()) {
+        return;
+    }
+    send(_ui->inputField->text());
+    _ui->inputField->clear();
+}
+
+void SerialMonitor::buttonCommand(int tag)
+{
+    if (!isSerialOpen()) {
+        return;
+    }
+    if (const auto command = serviceCommandForTag(tag)) {
+        send(QString::fromStdString(*command));
+    }
+}
+
+void SerialMonitor::autoScrollChanged(bool on)
+{
+    _autoScroll = on;
+}
+
+void SerialMonitor::serialPortDidReceiveData(const SerialData& bytes)
+{
+    // A chunk that is not valid UTF-8 on its own is dropped whole.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder.decode(QByteArrayView(bytes.data(), static_cast<qsizetype>(bytes.size())));
+    if (decoder.hasError()) {
+        return;
+    }
+    _pendingOutput += text;
+    // A flood is drawn a few times a second, not once per chunk.
+    if (_pendingOutput.size() > kMaximumCharacters) {
+        _pendingOutput = _pendingOutput.right(kMaximumCharacters);
+    }
+    if (!_flushTimer.isActive()) {
+        _flushTimer.start();
+    }
+}
+
+void SerialMonitor::flushPendingOutput()
+{
+    _flushTimer.stop();
+    if (_pendingOutput.isEmpty()) {
+        return;
+    }
+    QPlainTextEdit* output = _ui->monitorWindow;
+    QScrollBar* bar = output->verticalScrollBar();
+    const int keptPosition = bar->value();
+
+    QTextCursor cursor(output->document());
+    cursor.movePosition(QTextCursor::End);
+    cursor.insertText(_pendingOutput);
+    _pendingOutput.clear();
+
+    // Keep the scroll-back bounded, also when the Controller never sends a line feed.
+    const qsizetype length = output->document()->characterCount();
+    if (length > kMaximumCharacters) {
+        QTextCursor head(output->document());
+        head.movePosition(QTextCursor::Start);
+        head.movePosition(QTextCursor::NextCharacter, QTextCursor::KeepAnchor,
+                          static_cast<int>(length - kMaximumCharacters * 3 / 4));
+        head.removeSelectedText();
+    }
+
+    if (_autoScroll) {
+        bar->setValue(bar->maximum());
+    } else {
+        bar->setValue(std::min(keptPosition, bar->maximum()));
+    }
+}
+
+void SerialMonitor::serialPortDidEncounterError(const SerialError& error)
+{
+    if (error.code == EBUSY) {
+        Logger::log("Serial port error: Resource Busy");
+        QPointer<SerialMonitor> self(this);
+        const std::string path = error.path;
+        QMetaObject::invokeMethod(
+            this,
+            [self, path] {
+                if (self) {
+                    self->openSerial(path, 115200);
+                }
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+    Logger::log("Serial port error: " + describe(error));
+}
+
+void SerialMonitor::serialPortWasOpened()
+{
+    Logger::log("Serial port was opened");
+}
+
+void SerialMonitor::serialPortWasClosed()
+{
+    Logger::log("Serial port was closed");
+}
+
+void SerialMonitor::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    Logger::log("Serial monitor appeared");
+}
+
+void SerialMonitor::hideEvent(QHideEvent* event)
+{
+    QWidget::hideEvent(event);
+    Logger::log("Serial monitor disappeared.");
+    if (_serial && _serial->isOpen()) {
+        _serial->close();
+    }
+}
+
+} // namespace quendral::windows
