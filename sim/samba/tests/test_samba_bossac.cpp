@@ -204,10 +204,11 @@ TEST(SambaBossac, TouchAt1200BaudReturnsToSamBaThenANewImageBoots)
         EXPECT_FALSE(b.board.bootFromFlash());
         EXPECT_EQ(b.board.usbProductId(), 0x6124);
 
-        ToolRun run = bossac(b.pty.slavePath, image("identity_b.hex"));
+        ToolRun run = bossac(b.pty.slavePath, image("identity_c.bin"));
         ASSERT_EQ(run.exitStatus, 0) << run.output;
         ASSERT_TRUE(ask(b.pty.slavePath, cid, version));
-        EXPECT_EQ(cid, "CID:SAMBBBBBBBBBBBBBBBBBBBBBBBBBBBBB");
+        EXPECT_EQ(cid, "CID:SAMCCCCCCCCCCCCCCCCCCCCCCCCCCCCC");
+        EXPECT_EQ(version, "VERSION:3.3.0");
         b.board.stop();
         std::lock_guard lock(m);
         EXPECT_EQ(modes, (std::vector<SamMode>{SamMode::BootLoader, SamMode::Application})) << watchNode;
