@@ -29,11 +29,6 @@ std::optional<std::string> MainViewController::pathOfSelectedPort() const
     return std::nullopt;
 }
 
-void MainViewController::showAlert(const std::string& message)
-{
-    _view.showAlert(message);
-}
-
 void MainViewController::postStatusText(std::string text)
 {
     std::weak_ptr<MainViewController> weakSelf = weak_from_this();

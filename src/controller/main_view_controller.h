@@ -20,8 +20,10 @@
 #include "controller/main_view.h"
 #include "controller/reply_parser.h"
 #include "platform/clock.h"
+#include "platform/notification_center.h"
 #include "serial/serial_port.h"
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -74,9 +76,26 @@ public:
     // in from the menu and the port manager; until then nothing is selected.
     [[nodiscard]] virtual std::optional<std::string> pathOfSelectedPort() const;
 
-    // --- configuration actions ----------------------------------------------
+    // --- configuration actions (configuration_actions.cpp) ----------------------
+    // The main window's buttons besides the update. Each logs, checks that a
+    // port is selected, disables the controls and does its work on the global
+    // queue; the controls are enabled again when the work ends.
+    void openSerialMonitor();
+    void ipConfig();
+    void configureController();
+    void localConfig();
+    void webConfig();
+    // Enables or disables the window's controls (on the main queue, in order).
+    void toggleUI(bool enabled);
+    // A modal question with "Ok" and "Cancel"; true for "Ok". Blocks a background caller.
+    bool showDialog(const std::string& message);
     // A modal message with one "Ok" button; blocks a background caller until answered.
     void showAlert(const std::string& message);
+    // Observers of the flashing tools' "uploadProgress" and "uploadState".
+    void progressChanged(const Notification& notification);
+    void uploadState(const Notification& notification);
+    // The online configuration page of a Controller.
+    [[nodiscard]] static std::string onlineConfigurationURL(const std::string& cid);
 
     // --- SerialPortDelegate -----------------------------------------------------
     [[nodiscard]] bool respondsTo(SerialPortDelegateCallback callback) const override;
@@ -98,6 +117,11 @@ private:
     // with this controller as its delegate.
     void openPortForProtocol(const std::string& path, bool logOpening);
     bool sendCommand(const char* command);
+    // The common opening of the port actions: the selected path, or none after
+    // telling the user that nothing is selected.
+    std::optional<std::string> selectedPortOrAlert();
+    // Runs an action's work on the global queue with the controls disabled.
+    void runActionInBackground(std::function<void(const std::string& path)> work, std::string path);
     void closeSerial();
     void postStatusText(std::string text);
     // 20 minus the whole seconds since `start`.

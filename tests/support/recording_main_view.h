@@ -105,6 +105,22 @@ public:
         return _alerts;
     }
 
+    [[nodiscard]] std::vector<std::string> urls() const
+    {
+        std::lock_guard lock(_mutex);
+        return _urls;
+    }
+    [[nodiscard]] std::vector<std::string> dialogs() const
+    {
+        std::lock_guard lock(_mutex);
+        return _dialogs;
+    }
+    [[nodiscard]] double progress() const
+    {
+        std::lock_guard lock(_mutex);
+        return _progress;
+    }
+
 private:
     mutable std::mutex _mutex;
     std::vector<std::string> _statusTexts;
