@@ -273,6 +273,8 @@ TEST_F(TextProtocol, ToggleWebconfigOnASilentControllerReturnsNoneAfterThreeSeco
     const OptionalText result = runInBackground<OptionalText>([&] { return controller->toggleWebconfig(); });
     EXPECT_EQ(result, std::nullopt);
     EXPECT_NEAR(clock.elapsedSeconds(), 3.0, 0.01);
+    // The simulator may read the line a moment after the procedure has returned.
+    EXPECT_TRUE(simulator->waitForLine("webconfig", 5000ms));
     EXPECT_EQ(simulator->countOf("webconfig"), 1u);
 }
 
