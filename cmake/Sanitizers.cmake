@@ -7,3 +7,11 @@ elseif(QUENDRAL_SANITIZE STREQUAL "thread")
 elseif(NOT QUENDRAL_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QUENDRAL_SANITIZE must be empty, 'address' or 'thread'")
 endif()
+
+if(QUENDRAL_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "QUENDRAL_BUILD_FUZZERS needs clang (cmake --preset fuzz)")
+  endif()
+  # Coverage feedback from the whole core, not only from the fuzz targets' own files.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

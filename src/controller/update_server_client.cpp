@@ -1,0 +1,198 @@
+#include "controller/update_server_client.h"
+
+#include "controller/update_request.h"
+#include "log/logger.h"
+#include "platform/app_info.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#ifndef QUENDRAL_UPDATE_SERVER_URL
+#error "QUENDRAL_UPDATE_SERVER_URL must be defined by the build"
+#endif
+
+namespace quendral {
+
+namespace {
+
+struct EasyDeleter {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct SlistDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+// libcurl's global set-up is not safe to race with a first easy handle made on another thread.
+bool ensureCurlInitialised()
+{
+    static std::once_flag once;
+    static CURLcode result = CURLE_FAILED_INIT;
+    std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
+    return result == CURLE_OK;
+}
+
+struct Download {
+    std::string body;
+    std::size_t limit = 0;
+};
+
+std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* userdata)
+{
+    auto* download = static_cast<Download*>(userdata);
+    const std::size_t bytes = size * count;
+    if (download->body.size() + bytes > download->limit) {
+        return 0; // makes libcurl stop with CURLE_WRITE_ERROR
+    }
+    try {
+        download->body.append(data, bytes);
+    } catch (...) {
+        return 0;
+    }
+    return bytes;
+}
+
+// Sends the request; the answer body, or none on any transport failure.
+std::optional<std::string> post(const UpdateServerConfig& config, const std::string& body)
+{
+    if (!ensureCurlInitialised()) {
+        return std::nullopt;
+    }
+    std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
+    if (!easy) {
+        return std::nullopt;
+    }
+    CURL* handle = easy.get();
+
+    curl_slist* list = nullptr;
+    for (const std::string& line : {
+             "Content-Length: " + std::to_string(body.size()),
+             // libcurl would add "Content-Type: application/x-www-form-urlencoded"; the server expects none.
+             std::string("Content-Type:"),
+             // Nor do we want a 100-continue round trip, whatever the body size.
+             std::string("Expect:"),
+         }) {
+        curl_slist* extended = curl_slist_append(list, line.c_str());
+        if (extended == nullptr) {
+            curl_slist_free_all(list);
+            return std::nullopt;
+        }
+        list = extended;
+    }
+    const std::unique_ptr<curl_slist, SlistDeleter> headers(list);
+
+    Download download;
+    download.limit = config.maxAnswerBytes;
+    const std::string url = config.baseUrl + "/api.php";
+
+    bool ok = curl_easy_setopt(handle, CURLOPT_URL, url.c_str()) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https") == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L) == CURLE_OK;
+    if (config.caFile) {
+        ok = ok && curl_easy_setopt(handle, CURLOPT_CAINFO, config.caFile->c_str()) == CURLE_OK;
+    }
+    ok =
+        ok && curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS,
+                               static_cast<long>(std::chrono::milliseconds(config.connectTimeout).count())) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, config.lowSpeedLimitBytesPerSecond) == CURLE_OK;
+    ok = ok &&
+         curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTime.count())) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_POST, 1L) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.data()) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size())) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collectBody) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEDATA, &download) == CURLE_OK;
+    if (!ok || curl_easy_perform(handle) != CURLE_OK) {
+        return std::nullopt;
+    }
+    return std::move(download.body);
+}
+
+const std::string* bodyOf(const RequestBody& request)
+{
+    return std::get_if<std::string>(&request);
+}
+
+} // namespace
+
+std::string UpdateServerConfig::defaultBaseUrl()
+{
+    return QUENDRAL_UPDATE_SERVER_URL;
+}
+
+UpdateServerClient::UpdateServerClient(UpdateServerConfig config) : _config(std::move(config)) {}
+
+std::optional<ServerAnswer> UpdateServerClient::queryUpdate(const std::optional<std::string>& cid,
+                                                            const std::optional<std::string>& platform,
+                                                            const std::optional<std::string>& currentVersion,
+                                                            const std::optional<std::string>& version) const
+{
+    UpdateQuery query;
+    query.cid = cid;
+    query.platform = platform;
+    query.currentVersion = currentVersion;
+    query.appVersion = "mac_" + appinfo::shortVersion();
+    if (const auto product = appinfo::osProductVersion(_config.osReleasePath)) {
+        query.osVersion = "macOS" + *product;
+    }
+    query.version = version;
+
+    const RequestBody request = checkUpdateBody(query);
+    if (const auto* error = std::get_if<RequestBuildError>(&request)) {
+        Logger::log(*error == RequestBuildError::MissingParameter ? "Error on querying update, nil parameter passed."
+                                                                  : "Error on querying update");
+        return std::nullopt;
+    }
+    return contactServer(*bodyOf(request));
+}
+
+std::optional<ServerAnswer> UpdateServerClient::queryTicket(const std::optional<TicketId>& ticket,
+                                                            const std::optional<std::string>& cid) const
+{
+    const RequestBody request = ticketBody(ticket, cid);
+    if (const auto* error = std::get_if<RequestBuildError>(&request)) {
+        if (*error == RequestBuildError::SerializationFailed) {
+            Logger::log("Error on querying ticket");
+        }
+        return std::nullopt;
+    }
+    return contactServer(*bodyOf(request));
+}
+
+std::optional<ServerAnswer> UpdateServerClient::reportUpdateStatus(const std::optional<TicketId>& ticket,
+                                                                   const std::optional<std::string>& cid,
+                                                                   bool success) const
+{
+    const RequestBody request = ticketStatusBody(ticket, cid, success);
+    if (const auto* error = std::get_if<RequestBuildError>(&request)) {
+        if (*error == RequestBuildError::MissingParameter) {
+            Logger::log("Error reporting update status, passed nil parameter");
+        }
+        Logger::log("Error on reporting update status to server");
+        return std::nullopt;
+    }
+    Logger::log(std::string("Reporting upload status ") + (success ? "true" : "false"));
+    return contactServer(*bodyOf(request));
+}
+
+std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string& body) const
+{
+    try {
+        const std::optional<std::string> answer = post(_config, body);
+        if (!answer) {
+            return ServerAnswer::connectionError();
+        }
+        return ServerAnswer::fromJsonText(*answer);
+    } catch (...) {
+        // Only running out of memory can land here; the caller still gets a defined answer.
+        return ServerAnswer::connectionError();
+    }
+}
+
+} // namespace quendral

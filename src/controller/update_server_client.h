@@ -1,0 +1,84 @@
+#pragma once
+// The client side of the update server: three request builders and the one
+// transport operation, each a synchronous HTTPS POST of a JSON object to
+// <base URL>/api.php. Owned by MainViewController, which forwards the
+// operations of the same names; called from the update job's background
+// queue, one request at a time, never from the main queue.
+//
+// Transport rules:
+// - TLS peer and host name verification are always on. The system CA store is
+//   used unless a CA file is configured (tests hand in their own test CA); only
+//   https:// URLs are accepted and redirects are not followed.
+// - Time limits. A synchronous request without any limit could hang an update
+//   for ever on a half-open connection, so:
+//     * connecting (TCP and the TLS handshake) may take at most 30 s;
+//     * once connected, a transfer that moves fewer than 16 bytes/s for 60 s
+//       in a row is abandoned. The 60 s also bound how long the server may
+//       think before it sends the first byte of its answer.
+//   There is deliberately no limit on the whole exchange: a firmware answer
+//   (about 2 MB of Base64 for a full 512 kB flash) over a slow but working
+//   link takes as long as it takes, and the low-speed rule alone catches a
+//   stall. Worst case for a dead server: 30 s to fail the connection, or 60 s
+//   after the last byte moved.
+// - An answer larger than 64 MiB is abandoned as a transport failure: no
+//   firmware comes close, and the whole answer is held in memory.
+// - Every transport failure (no connection, TLS failure, time-out) is
+//   answered with ServerAnswer::connectionError(). The HTTP status is not
+//   looked at: an error page with a JSON body is an answer like any other, one
+//   without a JSON body is none.
+#include "controller/server_answer.h"
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace quendral {
+
+struct UpdateServerConfig {
+    // "https://host[:port]" without the path; "/api.php" is appended.
+    // Defaults to the build's QUENDRAL_UPDATE_SERVER_URL.
+    std::string baseUrl = defaultBaseUrl();
+    // PEM bundle to trust instead of the system CA store.
+    std::optional<std::filesystem::path> caFile;
+
+    std::chrono::seconds connectTimeout{30};
+    long lowSpeedLimitBytesPerSecond = 16;
+    std::chrono::seconds lowSpeedTime{60};
+    std::size_t maxAnswerBytes = 64u * 1024u * 1024u;
+
+    // Where the system's product version ("VERSION_ID") is read from.
+    std::string osReleasePath = "/etc/os-release";
+
+    static std::string defaultBaseUrl();
+};
+
+class UpdateServerClient {
+public:
+    explicit UpdateServerClient(UpdateServerConfig config = {});
+
+    // "check_update". None, with a log line, when a parameter (or the
+    // application or system version) is missing or cannot be serialised.
+    [[nodiscard]] std::optional<ServerAnswer> queryUpdate(const std::optional<std::string>& cid,
+                                                          const std::optional<std::string>& platform,
+                                                          const std::optional<std::string>& currentVersion,
+                                                          const std::optional<std::string>& version) const;
+    // "ticket". None, silently, when the ticket or the CID is missing.
+    [[nodiscard]] std::optional<ServerAnswer> queryTicket(const std::optional<TicketId>& ticket,
+                                                          const std::optional<std::string>& cid) const;
+    // "ticket_status". None, with two log lines, when the ticket or the CID is missing.
+    [[nodiscard]] std::optional<ServerAnswer> reportUpdateStatus(const std::optional<TicketId>& ticket,
+                                                                 const std::optional<std::string>& cid,
+                                                                 bool success) const;
+    // POSTs `body` as it is. The answer, the connection-error answer, or none
+    // when the server's body is not a JSON object.
+    [[nodiscard]] std::optional<ServerAnswer> contactServer(const std::string& body) const;
+
+    [[nodiscard]] const UpdateServerConfig& config() const { return _config; }
+
+private:
+    UpdateServerConfig _config;
+};
+
+} // namespace quendral
