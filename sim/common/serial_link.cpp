@@ -1,6 +1,7 @@
 #include "serial_link.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -11,6 +12,12 @@ namespace quendral::sim {
 
 SerialLink::SerialLink(int fd, std::string peerPath) : fd_(fd), peerPath_(std::move(peerPath))
 {
+    // Never block on the device end (a umockdev test bed hands out a blocking one):
+    // a board thread stuck in read() or write() would freeze the whole board.
+    int flags = fcntl(fd_, F_GETFL);
+    if (flags >= 0 && !(flags & O_NONBLOCK)) {
+        fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
+    }
     wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (!peerPath_.empty()) {
         inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);

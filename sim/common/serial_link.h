@@ -17,7 +17,8 @@ namespace quendral::sim {
 
 class SerialLink {
 public:
-    // fd stays the caller's. peerPath may be empty (then hang-up polling only).
+    // fd stays the caller's; it is switched to non-blocking mode. peerPath may be
+    // empty (then hang-up polling only).
     SerialLink(int fd, std::string peerPath);
     ~SerialLink();
     SerialLink(const SerialLink&) = delete;
