@@ -12,8 +12,15 @@ function(quendral_add_gtest target)
   endif()
   # The environment travels as an `env` prefix of the test command: gtest's
   # test discovery would split a list-valued ENVIRONMENT property apart.
+  set(sanitizer_env "")
+  if(QUENDRAL_SANITIZE STREQUAL "thread")
+    set(sanitizer_env "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/sanitizers/tsan.supp")
+  elseif(QUENDRAL_SANITIZE STREQUAL "address" AND ARG_WRAPPER)
+    # A preloading wrapper (umockdev-wrapper) puts its library ahead of ASan's runtime.
+    set(sanitizer_env "ASAN_OPTIONS=verify_asan_link_order=0")
+  endif()
   set(prefix /usr/bin/env "QUENDRAL_TEST_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "QUENDRAL_TEST_BUILD_DIR=${CMAKE_BINARY_DIR}"
-    ${ARG_ENV} ${ARG_WRAPPER})
+    ${sanitizer_env} ${ARG_ENV} ${ARG_WRAPPER})
   set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${prefix}")
   gtest_discover_tests(${target}
     DISCOVERY_MODE PRE_TEST
