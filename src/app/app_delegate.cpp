@@ -1,29 +1,179 @@
 #include "app_delegate.h"
 
+#include "controller/main_view_controller.h"
+#include "host_window.h"
 #include "log/logger.h"
 #include "platform/app_info.h"
-
+#include "platform/dispatch.h"
+#include "platform/notification_center.h"
 #include "qt_main_view.h"
+#include "ui_MasterView.h"
+#include "windows/ip_config.h"
+#include "windows/serial_monitor.h"
 
+#include <QAction>
+#include <QDesktopServices>
 #include <QMainWindow>
+#include <QMenuBar>
+#include <QUrl>
 
 namespace quendral::app {
 
 AppDelegate::AppDelegate() = default;
-AppDelegate::~AppDelegate() = default;
+
+AppDelegate::~AppDelegate()
+{
+    // The controller may still be referenced by queued work; it must not reach
+    // back into windows that are going away.
+    _serialMonitorWindow.reset();
+    _ipConfigWindow.reset();
+}
 
 void AppDelegate::applicationDidFinishLaunching()
 {
-    // The main view comes first: whatever its wiring logs precedes the log set-up.
+    // 1. The main view comes first: whatever its wiring logs precedes the log set-up.
     _mainWindow = std::make_unique<QMainWindow>();
     _mainWindow->setWindowTitle(QStringLiteral("QUENDRAL Firmware Updater"));
-    _mainWindow->setCentralWidget(new QtMainView);
-    _mainWindow->show();
+    _mainView = new QtMainView;
+    _mainWindow->setCentralWidget(_mainView);
+    _serialMonitorWindow = std::make_unique<HostWindow>(QStringLiteral("Serial monitor"));
+    _ipConfigWindow = std::make_unique<HostWindow>(QStringLiteral("IP configuration"));
+    buildMenus();
+    _mainViewController = MainViewController::create(*_mainView, this);
+    _mainViewController->viewDidLoad();
+    connectButtons();
+    const std::weak_ptr<MainViewController> controller = _mainViewController;
+    _mainView->setKeyHandler([controller](std::uint64_t flags, std::uint16_t key) {
+        if (auto c = controller.lock()) {
+            c->handleKeyDown(flags, key);
+        }
+    });
 
+    // 2. The monitor's port is closed when its window closes.
+    connect(_serialMonitorWindow.get(), &HostWindow::willClose, this, &AppDelegate::serialMonitorClosing);
+
+    // 3.-6. The version, the log file, the banner.
     const std::string version = appinfo::shortVersion();
     Logger::initLogPath();
     Logger::log("-----------------------------------------------------------------");
     Logger::log("Starting QUENDRAL Firmware Updater mac_" + version + " for macOS");
+
+    _mainWindow->resize(_mainView->sizeHint().expandedTo(_mainView->minimumSize()));
+    _mainWindow->show();
+}
+
+void AppDelegate::buildMenus()
+{
+    QMenu* file = _mainWindow->menuBar()->addMenu(QStringLiteral("&File"));
+    _updateConfigMenuItem = file->addAction(QStringLiteral("Update from file…"));
+    connect(_updateConfigMenuItem, &QAction::triggered, this, &AppDelegate::updateFromFile);
+    QAction* log = file->addAction(QStringLiteral("Show log"));
+    connect(log, &QAction::triggered, this, &AppDelegate::showLog);
+    file->addSeparator();
+    QAction* quit = file->addAction(QStringLiteral("Quit"));
+    quit->setShortcut(QKeySequence::Quit);
+    connect(quit, &QAction::triggered, _mainWindow.get(), &QWidget::close);
+}
+
+void AppDelegate::connectButtons()
+{
+    Ui::MasterView& ui = _mainView->ui();
+    const std::weak_ptr<MainViewController> controller = _mainViewController;
+    auto on = [controller](void (MainViewController::*action)()) {
+        return [controller, action] {
+            if (auto c = controller.lock()) {
+                ((*c).*action)();
+            }
+        };
+    };
+    connect(ui.updatesButton, &QPushButton::clicked, this, on(&MainViewController::checkForUpdate));
+    connect(ui.loadFirmwareButton, &QPushButton::clicked, this, on(&MainViewController::loadFirmwareFile));
+    connect(ui.configurationButton, &QPushButton::clicked, this, on(&MainViewController::configureController));
+    connect(ui.localConfigurationButton, &QPushButton::clicked, this, on(&MainViewController::localConfig));
+    connect(ui.webConfigButton, &QPushButton::clicked, this, on(&MainViewController::webConfig));
+    connect(ui.ipconfigButton, &QPushButton::clicked, this, on(&MainViewController::ipConfig));
+    connect(ui.serialMonitorButton, &QPushButton::clicked, this, on(&MainViewController::openSerialMonitor));
+}
+
+void AppDelegate::openSerialMonitor(const std::string& path)
+{
+    if (!getSerialMonitorState()) {
+        _serialMonitorController = new windows::SerialMonitor;
+        _serialMonitorWindow->setContent(_serialMonitorController);
+    }
+    _serialMonitorWindow->show();
+    _serialMonitorWindow->raise();
+    _serialMonitorWindow->activateWindow();
+    _serialMonitorController->openPort(path);
+}
+
+void AppDelegate::closeSerialMonitor()
+{
+    if (_serialMonitorController != nullptr) {
+        _serialMonitorController->closeSerial();
+    }
+    _serialMonitorWindow->hide();
+}
+
+bool AppDelegate::getSerialMonitorState() const
+{
+    if (!_serialMonitorWindow->isVisible() || _serialMonitorController == nullptr) {
+        return false;
+    }
+    return !_serialMonitorController->isSerialOpen();
+}
+
+void AppDelegate::openIPConfig(const std::string& path, const std::vector<std::string>& lines)
+{
+    dispatch::mainQueue()->async([this, path, lines] {
+        if (!getIPConfigState()) {
+            _ipConfigController = new windows::IPConfig(*this);
+            _ipConfigWindow->setContent(_ipConfigController);
+            _ipConfigWindow->resize(_ipConfigController->size());
+        }
+        _ipConfigController->loadData(lines);
+        _ipConfigWindow->show();
+        _ipConfigWindow->raise();
+        _ipConfigWindow->activateWindow();
+        _ipConfigController->setPort(path);
+    });
+}
+
+bool AppDelegate::getIPConfigState() const
+{
+    return _ipConfigWindow->isVisible();
+}
+
+void AppDelegate::setUpdateMenuEnable(bool enabled)
+{
+    if (_updateConfigMenuItem != nullptr) {
+        _updateConfigMenuItem->setEnabled(enabled);
+    }
+}
+
+void AppDelegate::closeIPConfig()
+{
+    _ipConfigWindow->hide();
+}
+
+void AppDelegate::updateFromFile()
+{
+    Logger::log("User triggered upload from file");
+    NotificationCenter::defaultCenter().post("updateFromConfig", notificationSender());
+}
+
+void AppDelegate::showLog()
+{
+    Logger::log("User opened log file");
+    // The desktop's text editor; a failure to open it is not reported.
+    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(Logger::getLogPath())));
+}
+
+void AppDelegate::serialMonitorClosing()
+{
+    if (_serialMonitorController != nullptr) {
+        _serialMonitorController->closeSerial();
+    }
 }
 
 } // namespace quendral::app

@@ -1,13 +1,33 @@
 #pragma once
-#include <QObject>
-#include <memory>
+// Starts the program and owns its three windows: the main window, the serial
+// monitor and the IP configuration. Serves the two menu commands (update from
+// a file, show the log).
+#include "controller/main_view.h"
+#include "windows/window_host.h"
 
+#include <QObject>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class QAction;
 class QMainWindow;
+
+namespace quendral {
+class MainViewController;
+namespace windows {
+class SerialMonitor;
+class IPConfig;
+} // namespace windows
+} // namespace quendral
 
 namespace quendral::app {
 
-// Starts the program and owns its windows.
-class AppDelegate : public QObject {
+class HostWindow;
+class QtMainView;
+
+class AppDelegate final : public QObject, public ApplicationDelegate, public windows::WindowHost {
     Q_OBJECT
 public:
     AppDelegate();
@@ -16,10 +36,46 @@ public:
     AppDelegate& operator=(const AppDelegate&) = delete;
 
     void applicationDidFinishLaunching();
+
+    // --- ApplicationDelegate and WindowHost ---
+    void openSerialMonitor(const std::string& path) override;
+    void closeSerialMonitor() override;
+    [[nodiscard]] bool getSerialMonitorState() const override;
+    // Callable from any thread: the window work moves to the main queue.
+    void openIPConfig(const std::string& path, const std::vector<std::string>& lines) override;
+    [[nodiscard]] bool getIPConfigState() const override;
+    void setUpdateMenuEnable(bool enabled) override;
+    void closeIPConfig() override;
+
+    // --- menu commands ---
+    void updateFromFile();
+    void showLog();
+    void serialMonitorClosing();
+
+    // The sender of "updateFromConfig": the one address the controller filters on.
+    [[nodiscard]] const void* notificationSender() const { return static_cast<const ApplicationDelegate*>(this); }
+
     [[nodiscard]] QMainWindow* mainWindow() const { return _mainWindow.get(); }
+    [[nodiscard]] QtMainView* mainView() const { return _mainView; }
+    [[nodiscard]] HostWindow* serialMonitorWindow() const { return _serialMonitorWindow.get(); }
+    [[nodiscard]] HostWindow* ipConfigWindow() const { return _ipConfigWindow.get(); }
+    [[nodiscard]] windows::SerialMonitor* serialMonitorController() const { return _serialMonitorController; }
+    [[nodiscard]] windows::IPConfig* ipConfigController() const { return _ipConfigController; }
+    [[nodiscard]] QAction* updateConfigMenuItem() const { return _updateConfigMenuItem; }
+    [[nodiscard]] const std::shared_ptr<MainViewController>& mainViewController() const { return _mainViewController; }
 
 private:
+    void buildMenus();
+    void connectButtons();
+
     std::unique_ptr<QMainWindow> _mainWindow;
+    std::unique_ptr<HostWindow> _serialMonitorWindow;
+    std::unique_ptr<HostWindow> _ipConfigWindow;
+    QtMainView* _mainView = nullptr; // owned by the main window
+    QAction* _updateConfigMenuItem = nullptr;
+    std::shared_ptr<MainViewController> _mainViewController;
+    windows::SerialMonitor* _serialMonitorController = nullptr; // owned by its window
+    windows::IPConfig* _ipConfigController = nullptr;           // owned by its window
 };
 
 } // namespace quendral::app

@@ -1,12 +1,16 @@
 #include "qt_main_view.h"
 
+#include "controller/keyboard_shortcuts.h"
 #include "platform/dispatch.h"
 #include "ui_MasterView.h"
 
+#include <QApplication>
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -45,6 +49,66 @@ QtMainView::QtMainView(QWidget* parent) : QWidget(parent), _ui(std::make_unique<
                        "QLabel#titleLabel { color: white; font-size: 16pt; font-weight: 600; }"));
     _ui->uploadState->setOpenExternalLinks(true);
     connect(_ui->portMenu, &QComboBox::currentIndexChanged, this, [this] { mirrorPortMenu(); });
+    // Shortcuts work wherever the focus is inside the window.
+    QCoreApplication::instance()->installEventFilter(this);
+}
+
+void QtMainView::setKeyHandler(std::function<void(std::uint64_t, std::uint16_t)> handler)
+{
+    _keyHandler = std::move(handler);
+}
+
+std::uint64_t QtMainView::modifierFlags(Qt::KeyboardModifiers modifiers)
+{
+    std::uint64_t flags = 0;
+    if (modifiers.testFlag(Qt::ControlModifier)) {
+        flags |= keys::Command;
+    }
+    if (modifiers.testFlag(Qt::AltModifier)) {
+        flags |= keys::Option;
+    }
+    if (modifiers.testFlag(Qt::ShiftModifier)) {
+        flags |= keys::Shift;
+    }
+    if (modifiers.testFlag(Qt::MetaModifier)) {
+        flags |= keys::Control;
+    }
+    return flags;
+}
+
+std::uint16_t QtMainView::keyCode(int qtKey)
+{
+    switch (qtKey) {
+    case Qt::Key_S:
+        return keys::S;
+    case Qt::Key_C:
+        return keys::C;
+    case Qt::Key_U:
+        return keys::U;
+    case Qt::Key_L:
+        return keys::L;
+    case Qt::Key_M:
+        return keys::M;
+    case Qt::Key_W:
+        return keys::W;
+    case Qt::Key_B:
+        return keys::B;
+    default:
+        return 0xFFFF;
+    }
+}
+
+bool QtMainView::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() == QEvent::KeyPress && _keyHandler) {
+        // A key press travels from the focus widget up to the window; look at it once.
+        QWidget* first = QApplication::focusWidget() != nullptr ? QApplication::focusWidget() : window();
+        if (watched == first && first->window() == window()) {
+            const auto* key = static_cast<QKeyEvent*>(event);
+            _keyHandler(modifierFlags(key->modifiers()), keyCode(key->key()));
+        }
+    }
+    return false; // the event always goes on unchanged
 }
 
 QtMainView::~QtMainView() = default;

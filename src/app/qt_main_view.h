@@ -5,6 +5,8 @@
 #include <QWidget>
 
 #include <array>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -47,6 +49,15 @@ public:
 
     void openURL(const std::string& url) override;
 
+    // Key-down events of the window, translated for the shortcut handler: Ctrl
+    // stands for Command, Alt for Option, the Meta key for Control.
+    void setKeyHandler(std::function<void(std::uint64_t modifierFlags, std::uint16_t keyCode)> handler);
+    [[nodiscard]] static std::uint64_t modifierFlags(Qt::KeyboardModifiers modifiers);
+    [[nodiscard]] static std::uint16_t keyCode(int qtKey);
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     QWidget* widgetFor(Control control) const;
     // Keeps the copy of the menu that background threads read.
@@ -58,6 +69,7 @@ private:
     std::optional<std::string> _selectedTitle;
     mutable std::mutex _enabledMutex;
     std::array<bool, 7> _enabled{};
+    std::function<void(std::uint64_t, std::uint16_t)> _keyHandler;
 };
 
 } // namespace quendral::app

@@ -119,6 +119,14 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
                 continue;
             }
         }
+        if ((invocation.command == Command::Update || invocation.command == Command::Flash) && arg == "--resources") {
+            auto folder = value(arg);
+            if (!folder || folder->empty()) {
+                return UsageError{"--resources needs a folder"};
+            }
+            invocation.resources = folder;
+            continue;
+        }
         if (invocation.command == Command::Flash && !invocation.firmwareFile && !arg.empty() && arg[0] != '-') {
             invocation.firmwareFile = arg;
             continue;
@@ -178,6 +186,8 @@ Options:
                              firmware; without either and without a terminal: no
   --server URL               (update) the update server, https://host[:port]
   --ca-file FILE             (update) trust the certificate authorities in FILE
+  --resources DIR            (update, flash) take the flashing tools and the
+                             intermediate firmware from DIR (the device lab's)
   -h, --help                 show this help and exit
   -V, --version              (alone) show the program's version and exit
 

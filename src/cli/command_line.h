@@ -30,6 +30,7 @@ struct Invocation {
     std::optional<std::string> serverURL;                         // update --server https://host[:port]
     std::optional<std::string> caFile;                            // update --ca-file FILE
     std::optional<std::string> firmwareFile;                      // flash FILE
+    std::optional<std::string> resources;                         // --resources DIR (the device lab's tools)
     std::vector<std::pair<std::string, std::string>> assignments; // ip KEY=VALUE ...
 };
 

@@ -1,4 +1,5 @@
 // quendral-cli: the updater's core for terminals and scripts.
+#include "cli_session.h"
 #include "command_line.h"
 #include "log/logger.h"
 #include "platform/app_info.h"
@@ -35,6 +36,6 @@ int main(int argc, char** argv)
     default:
         break;
     }
-    std::cerr << "quendral-cli: this command is not available in this build yet\n";
-    return kFailure;
+    CliSession session(invocation);
+    return session.run();
 }

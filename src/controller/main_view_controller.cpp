@@ -1,6 +1,8 @@
 // MainViewController: construction, the serial delegate side and shared services.
 #include "controller/main_view_controller.h"
 
+#include "flashing/avrdude_wrapper.h"
+#include "flashing/bossac_wrapper.h"
 #include "platform/dispatch.h"
 
 namespace quendral {
@@ -21,6 +23,41 @@ MainViewController::MainViewController(MainView& view, ApplicationDelegate* appD
 }
 
 MainViewController::~MainViewController() = default;
+
+void MainViewController::viewDidLoad()
+{
+    updateSerialPorts();
+    const std::weak_ptr<MainViewController> weakSelf = weak_from_this();
+    auto forward = [weakSelf](void (MainViewController::*handler)(const Notification&)) {
+        return [weakSelf, handler](const Notification& notification) {
+            if (auto self = weakSelf.lock()) {
+                ((*self).*handler)(notification);
+            }
+        };
+    };
+    NotificationCenter& center = NotificationCenter::defaultCenter();
+    // "updateFromConfig" counts only when the application delegate sent it.
+    const void* delegateSender = _appDelegate;
+    if (delegateSender != nullptr) {
+        _observers.emplace_back(center, "updateFromConfig", delegateSender,
+                                forward(&MainViewController::updateFromConfig));
+    }
+    _observers.emplace_back(center, "uploadProgress", nullptr, forward(&MainViewController::progressChanged));
+    _observers.emplace_back(center, "uploadState", nullptr, forward(&MainViewController::uploadState));
+    observePortChanges();
+    warnIfFTDIDriverMissing();
+}
+
+void MainViewController::setSerial(const SerialPort::Ptr& port)
+{
+    std::lock_guard lock(_serialMutex);
+    _serial = port;
+}
+
+void MainViewController::setUpdateServerConfig(UpdateServerConfig config)
+{
+    _updateServer = UpdateServerClient(std::move(config));
+}
 
 SerialPort::Ptr MainViewController::serial() const
 {

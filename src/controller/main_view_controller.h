@@ -23,6 +23,8 @@
 #include "controller/main_view.h"
 #include "controller/port_list.h"
 #include "controller/reply_parser.h"
+#include "controller/update_outcome.h"
+#include "controller/update_server_client.h"
 #include "platform/clock.h"
 #include "platform/notification_center.h"
 #include "serial/serial_port.h"
@@ -36,6 +38,9 @@
 
 namespace quendral {
 
+class AvrdudeWrapper;
+class BossacWrapper;
+
 class MainViewController : public SerialPortDelegate, public std::enable_shared_from_this<MainViewController> {
 public:
     static std::shared_ptr<MainViewController> create(MainView& view, ApplicationDelegate* appDelegate,
@@ -44,6 +49,11 @@ public:
     ~MainViewController() override;
     MainViewController(const MainViewController&) = delete;
     MainViewController& operator=(const MainViewController&) = delete;
+
+    // The window has loaded: the port menu is built, the notifications of the
+    // port manager, the flashing tools and the "update from file" menu command
+    // are observed, and a missing FTDI driver is reported.
+    void viewDidLoad();
 
     // --- Controller text protocol (text_protocol.cpp) -------------------------
     // Opens the port on `path` if needed and asks for identifier and version.
@@ -113,6 +123,33 @@ public:
     // The online configuration page of a Controller.
     [[nodiscard]] static std::string onlineConfigurationURL(const std::string& cid);
 
+    // --- upload driver (upload_driver.cpp) --------------------------------------
+    // Puts a HEX file onto the selected board: "prepareUpload", the boot loader
+    // (a reset and a wait for its port where the board needs it), the flashing
+    // tool. True when the tool reported success. Blocks: background only.
+    bool uploadSketch(const std::string& hexFile);
+    // The user's "load firmware file": a file chosen in the view, flashed in the background.
+    void loadFirmwareFile();
+    // The application delegate's "update from file" menu command.
+    void updateFromConfig(const Notification& notification);
+
+    // --- update workflow (update_workflow.cpp) ----------------------------------
+    // The update button: checkForUpdate with no requested version.
+    void checkForUpdate();
+    // Checks for, fetches, verifies, flashes and reports an update; the work
+    // runs on the global queue. `version`: "master", "masternodelete",
+    // "branch_<name>" or none (the server decides).
+    void checkForUpdate(const std::optional<std::string>& version);
+    // A key-down event of the main window (see keyboard_shortcuts.h); the event
+    // always goes on to the window unchanged.
+    void handleKeyDown(std::uint64_t modifierFlags, std::uint16_t keyCode);
+    // Where the update server is (the window keeps the build's default).
+    void setUpdateServerConfig(UpdateServerConfig config);
+    // Called with the outcome when an update check or an upload from a file
+    // has ended (on the thread that ran it). The window needs none; the
+    // command line turns it into its exit code.
+    void setUpdateFinishedHandler(std::function<void(UpdateOutcome)> handler);
+
     // --- SerialPortDelegate -----------------------------------------------------
     [[nodiscard]] bool respondsTo(SerialPortDelegateCallback callback) const override;
     // The reply parser.
@@ -143,7 +180,26 @@ private:
     // 20 minus the whole seconds since `start`.
     [[nodiscard]] long remainingCount(Clock::TimePoint start) const;
 
+    // The combined USB identifier of the selected port, asked for up to ten times.
+    [[nodiscard]] CombinedUsbIdentifier identifySelectedBoard() const;
+    // The re-appearance wait: up to 30 s for a port with one of the wanted
+    // identifiers, which is then flashed with the tool.
+    bool waitForBootloaderAndFlash(const std::string& hexFile, const std::vector<CombinedUsbIdentifier>& wanted,
+                                   FlashingTool tool);
+    void setSerial(const SerialPort::Ptr& port);
+    // The background update job and the steps it runs until it ends.
+    UpdateOutcome runUpdateJob(const std::string& platform, const std::optional<std::string>& version,
+                               bool inBootloader);
+    UpdateOutcome updateJobSteps(const std::string& platform, const std::optional<std::string>& version,
+                                 bool inBootloader, bool& uploadFailed);
+    void finishUpload(UpdateOutcome outcome);
+
     PortList _portList;
+    UpdateServerClient _updateServer;
+    std::shared_ptr<AvrdudeWrapper> _avrdude;
+    std::shared_ptr<BossacWrapper> _bossac;
+    std::function<void(UpdateOutcome)> _onUpdateFinished;
+    std::vector<ScopedObserver> _observers;
     ControllerState _state;
     ControllerReplyParser _parser{_state};
     mutable std::mutex _serialMutex;

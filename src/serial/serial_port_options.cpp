@@ -10,8 +10,7 @@ namespace quendral {
 
 void SerialPort::setPortOptions()
 {
-    const int fd = _fileDescriptor.load();
-    if (fd < 1) {
+    if (_fileDescriptor.load() < 1) {
         return; // applied at the next open
     }
     unsigned long baud = 0;
@@ -30,6 +29,12 @@ void SerialPort::setPortOptions()
         rtsCts = _usesRTSCTSFlowControl;
     }
 
+    // The descriptor must not be closed (and its number reused) while it is set up.
+    std::unique_lock descriptorLock(_descriptorMutex);
+    const int fd = _fileDescriptor.load();
+    if (fd < 1) {
+        return;
+    }
     termios options{};
     ::tcgetattr(fd, &options);
     ::cfmakeraw(&options);
@@ -83,17 +88,16 @@ void SerialPort::setPortOptions()
     if (result != 0 && allowsNonStandard) {
         result = setArbitraryBaudRate(fd, baud);
     }
+    const int error = errno;
+    descriptorLock.unlock();
     if (result != 0) {
+        errno = error;
         notifyDelegateOfPosixError();
     }
 }
 
 void SerialPort::updateModemLines()
 {
-    const int fd = _fileDescriptor.load();
-    if (fd < 1) {
-        return;
-    }
     bool rts = false;
     bool dtr = false;
     {
@@ -101,11 +105,24 @@ void SerialPort::updateModemLines()
         rts = _rts;
         dtr = _dtr;
     }
-    int bits = 0;
-    ::ioctl(fd, TIOCMGET, &bits);
-    bits = rts ? (bits | TIOCM_RTS) : (bits & ~TIOCM_RTS);
-    bits = dtr ? (bits | TIOCM_DTR) : (bits & ~TIOCM_DTR);
-    if (::ioctl(fd, TIOCMSET, &bits) < 0) {
+    int error = 0;
+    {
+        // The descriptor must not be closed (and its number reused) under the ioctls.
+        std::lock_guard lock(_descriptorMutex);
+        const int fd = _fileDescriptor.load();
+        if (fd < 1) {
+            return;
+        }
+        int bits = 0;
+        ::ioctl(fd, TIOCMGET, &bits);
+        bits = rts ? (bits | TIOCM_RTS) : (bits & ~TIOCM_RTS);
+        bits = dtr ? (bits | TIOCM_DTR) : (bits & ~TIOCM_DTR);
+        if (::ioctl(fd, TIOCMSET, &bits) < 0) {
+            error = errno;
+        }
+    }
+    if (error != 0) {
+        errno = error;
         notifyDelegateOfPosixError();
     }
 }

@@ -146,7 +146,8 @@ TEST(Timer, RepeatingTimerKeepsItsInterval)
     ASSERT_TRUE(waitFor([&] { return firings.size() >= 6; }));
     timer->cancel();
     const auto span = firings[5] - firings[0];
-    EXPECT_GE(span, 5 * 20ms - 2ms);
+    // The first firing may reach the main queue later than the rest.
+    EXPECT_GE(span, 5 * 20ms - 10ms);
     // Only a loose upper bound: the suite shares two cores with compilers and sanitizers.
     EXPECT_LT(span, 1000ms);
 }

@@ -1,0 +1,144 @@
+#include "due_controller.h"
+
+#include <sys/ioctl.h>
+
+namespace quendral::sim {
+namespace {
+
+SamBoardOptions optionsFor(const std::string& initialImage)
+{
+    SamBoardOptions options;
+    options.initialImage = initialImage;
+    options.bootFromFlash = !initialImage.empty();
+    return options;
+}
+
+} // namespace
+
+DueController::DueController(UmockdevTestbed& testbed, const std::string& initialImage)
+    : _testbed(testbed), _board(optionsFor(initialImage)), _hasFirmware(!initialImage.empty())
+{
+}
+
+DueController::~DueController()
+{
+    stop();
+}
+
+bool DueController::start()
+{
+    // A board with firmware boots into it at power-on; an erased one stays in SAM-BA.
+    _currentMode = _hasFirmware ? SamMode::Application : SamMode::BootLoader;
+    plugIn(_currentMode);
+    // Re-enumeration happens off the board's own thread: the board calls the
+    // observer from there, and attach() hands it work for that same thread.
+    _board.setModeObserver([this](SamMode) {
+        std::lock_guard lock(_mutex);
+        ++_pendingModeChanges;
+        _changed.notify_all();
+    });
+    _worker = std::thread([this] { reenumerate(); });
+    std::lock_guard lock(_mutex);
+    return _board.start(_device->deviceEnd(), "");
+}
+
+void DueController::stop()
+{
+    {
+        std::lock_guard lock(_mutex);
+        if (_stopping) {
+            return;
+        }
+        _stopping = true;
+        _changed.notify_all();
+    }
+    if (_worker.joinable()) {
+        _worker.join();
+    }
+    _board.stop();
+}
+
+void DueController::plugIn(SamMode mode)
+{
+    UsbSerialDeviceInfo info;
+    info.ttyName = "ttyACM" + std::to_string(_nextNumber++);
+    if (mode == SamMode::BootLoader) {
+        info.vendorId = 0x03EB;
+        info.productId = 0x6124;
+        info.product = "SAM-BA boot loader";
+    } else {
+        info.vendorId = 0x2341;
+        info.productId = 0x003E;
+        info.product = "QUENDRAL KorbatekDue";
+    }
+    auto device = _testbed.addUsbSerialDevice(info);
+    if (mode == SamMode::Application) {
+        // The firmware's USB stack resets into SAM-BA when the host sets the
+        // modem lines (DTR dropping) while the line stands at 1200 baud: the
+        // host's "1200-baud touch". Nothing else ever sets 1200 baud here.
+        std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
+        device->setIoctlHook([this, weakDevice](unsigned long request) {
+            const auto self = weakDevice.lock();
+            if (self && request == TIOCMSET && self->speed() == 1200 && _board.mode() == SamMode::Application) {
+                _board.touch1200();
+            }
+        });
+    }
+    std::lock_guard lock(_mutex);
+    _device = device;
+    ++_enumerations;
+}
+
+void DueController::reenumerate()
+{
+    std::unique_lock lock(_mutex);
+    for (;;) {
+        _changed.wait(lock, [this] { return _stopping || _pendingModeChanges > 0; });
+        if (_stopping) {
+            return;
+        }
+        --_pendingModeChanges;
+        const SamMode mode = _board.mode();
+        if (_unplugged || mode == _currentMode) {
+            continue; // a reset that keeps the USB identity needs no new node
+        }
+        _currentMode = mode;
+        auto old = _device;
+        lock.unlock();
+        // A USB reset: the old node goes, the new identity arrives a moment later.
+        // The host needs a moment to finish with the old node first.
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        _testbed.unplug(*old);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        plugIn(mode);
+        lock.lock();
+        _board.attach(_device->deviceEnd(), "");
+    }
+}
+
+std::string DueController::devnode() const
+{
+    std::lock_guard lock(_mutex);
+    return _device ? _device->devnode() : std::string();
+}
+
+int DueController::enumerations() const
+{
+    std::lock_guard lock(_mutex);
+    return _enumerations;
+}
+
+void DueController::unplug()
+{
+    std::shared_ptr<UmockdevSerialDevice> device;
+    {
+        std::lock_guard lock(_mutex);
+        _unplugged = true;
+        device = _device;
+    }
+    if (device && device->isPlugged()) {
+        _testbed.unplug(*device);
+    }
+}
+
+} // namespace quendral::sim

@@ -1,0 +1,61 @@
+#pragma once
+// A KorbatekDue Controller in a umockdev USB tree, as an owner's machine sees
+// it: running its firmware it is /dev/ttyACM<n> with USB identity 2341:003E
+// and speaks the Controller's text protocol (the identity and version carried
+// by the image in its flash); after the 1200-baud touch it re-enumerates as
+// the SAM-BA boot loader 03EB:6124 on a new node, where the real bossac
+// flashes it; after bossac's reset it comes back as 2341:003E with the
+// identity of what was flashed.
+#include "sam_board.h"
+#include "umockdev_testbed.h"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace quendral::sim {
+
+class DueController {
+public:
+    // `initialImage`: what the flash holds at power-on (a .bin or .hex test
+    // image); empty: an erased board that sits in its boot loader.
+    DueController(UmockdevTestbed& testbed, const std::string& initialImage);
+    ~DueController();
+    DueController(const DueController&) = delete;
+    DueController& operator=(const DueController&) = delete;
+
+    bool start();
+    void stop();
+
+    // The node the board has now ("/dev/ttyACM0", later "/dev/ttyACM1", ...).
+    [[nodiscard]] std::string devnode() const;
+    [[nodiscard]] SamMode mode() const { return _board.mode(); }
+    [[nodiscard]] std::optional<ControllerIdentity> identity() const { return _board.identity(); }
+    // How often it re-enumerated (each reset that changed its identity).
+    [[nodiscard]] int enumerations() const;
+    // Pulls the cable; the board stays unplugged.
+    void unplug();
+    [[nodiscard]] SamBoard& board() { return _board; }
+
+private:
+    void reenumerate();
+    void plugIn(SamMode mode);
+
+    UmockdevTestbed& _testbed;
+    SamBoard _board;
+    const bool _hasFirmware;
+    mutable std::mutex _mutex;
+    std::condition_variable _changed;
+    std::shared_ptr<UmockdevSerialDevice> _device;
+    int _nextNumber = 0;
+    int _enumerations = 0;
+    int _pendingModeChanges = 0;
+    SamMode _currentMode = SamMode::BootLoader;
+    bool _stopping = false;
+    bool _unplugged = false;
+    std::thread _worker;
+};
+
+} // namespace quendral::sim

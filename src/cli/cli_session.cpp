@@ -1,0 +1,469 @@
+#include "cli_session.h"
+
+#include "controller/board_identification.h"
+#include "controller/ip_settings.h"
+#include "controller/port_list.h"
+#include "log/logger.h"
+#include "platform/dispatch.h"
+#include "platform/paths.h"
+#include "serial/serial_port_attributes.h"
+#include "serial/serial_port_manager.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace quendral::cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+bool hasDesktop()
+{
+    const char* display = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (display != nullptr && display[0] != '\0') || (wayland != nullptr && wayland[0] != '\0');
+}
+
+// Hands a URL to the desktop's browser through xdg-open, without a shell.
+bool openOnDesktop(const std::string& url)
+{
+    const char* argv[] = {"xdg-open", url.c_str(), nullptr};
+    pid_t pid = 0;
+    if (::posix_spawnp(&pid, "xdg-open", nullptr, nullptr, const_cast<char* const*>(argv), environ) != 0) {
+        return false;
+    }
+    int status = 0;
+    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string hex4(std::uint16_t value)
+{
+    char text[5];
+    std::snprintf(text, sizeof text, "%04x", value);
+    return text;
+}
+
+} // namespace
+
+int exitCodeFor(UpdateOutcome outcome)
+{
+    switch (outcome) {
+    case UpdateOutcome::Updated:
+        return kSuccess;
+    case UpdateOutcome::NoUpdateNeeded:
+        return kNoUpdateNeeded;
+    case UpdateOutcome::NotAuthorized:
+    case UpdateOutcome::ServerMessage:
+    case UpdateOutcome::Refused:
+        return kRefused;
+    case UpdateOutcome::NoConnection:
+        return kNoConnection;
+    case UpdateOutcome::Declined:
+        return kDeclined;
+    default:
+        return kFailure;
+    }
+}
+
+CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
+{
+    TerminalMainView::Options options;
+    options.interactive = ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+    options.answer = invocation.answer == Answer::Yes  ? TerminalMainView::Answer::Yes
+                     : invocation.answer == Answer::No ? TerminalMainView::Answer::No
+                                                       : TerminalMainView::Answer::Ask;
+    options.desktop = hasDesktop();
+    options.openOnDesktop = openOnDesktop;
+    options.firmwareFile = invocation.firmwareFile;
+    _view = std::make_unique<TerminalMainView>(std::move(options));
+}
+
+CliSession::~CliSession()
+{
+    if (_controller) {
+        if (auto port = _controller->serial(); port && port->isOpen()) {
+            port->close();
+            runUntil([&] { return !port->isOpen(); });
+        }
+    }
+}
+
+void CliSession::runUntil(const std::function<bool()>& done)
+{
+    while (!dispatch::RunLoop::main().runUntil(done, 3600s)) {
+    }
+}
+
+void CliSession::runInBackground(const std::function<void()>& work)
+{
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    dispatch::globalQueue()->async([work, finished] {
+        work();
+        *finished = true;
+    });
+    runUntil([&] { return finished->load(); });
+    dispatch::RunLoop::main().drain();
+}
+
+int CliSession::run()
+{
+    // The log file is the same as the window's; its console echo stays off the terminal.
+    Logger::setConsole(nullptr);
+    Logger::initLogPath();
+
+    if (_invocation.resources) {
+        paths::setResourceFolder(std::filesystem::path(*_invocation.resources));
+    }
+    _controller = MainViewController::create(*_view, &_appDelegate);
+    _controller->viewDidLoad();
+    dispatch::RunLoop::main().drain(); // the first port menu
+
+    if (_invocation.command == Command::Ports) {
+        return ports();
+    }
+    if (!selectPort()) {
+        return kFailure;
+    }
+    switch (_invocation.command) {
+    case Command::Identify:
+        return identify();
+    case Command::Update:
+        return update();
+    case Command::Flash:
+        return flash();
+    case Command::Ip:
+        return _invocation.assignments.empty() ? ip() : writeIp();
+    case Command::WebConfig:
+        return webConfig();
+    case Command::OnlineConfig:
+        return onlineConfig();
+    case Command::Monitor:
+        return monitor();
+    default:
+        return kUsage;
+    }
+}
+
+bool CliSession::selectPort()
+{
+    const auto titles = _view->portMenuTitles();
+    if (_invocation.port) {
+        std::string name = *_invocation.port;
+        if (name.rfind("/dev/", 0) == 0) {
+            for (const auto& port : SerialPortManager::sharedSerialPortManager().availablePorts()) {
+                if (port->path() == name) {
+                    name = port->name();
+                }
+            }
+        }
+        if (std::find(titles.begin(), titles.end(), name) == titles.end()) {
+            std::cerr << "quendral-cli: no Controller port '" << *_invocation.port << "' (see 'quendral-cli ports')\n";
+            return false;
+        }
+        _view->selectPortMenuItem(name);
+    }
+    if (!_view->selectedPortTitle()) {
+        std::cerr << "quendral-cli: no Controller is connected\n";
+        return false;
+    }
+    return true;
+}
+
+int CliSession::ports()
+{
+    for (const std::string& name : _view->portMenuTitles()) {
+        const auto path = _controller->pathOfSerialPortWithName(name).value_or("");
+        const CombinedUsbIdentifier code = _controller->getPIDVID(path);
+        const BoardIdentification* board = identifyBoard(code);
+        std::cout << name << '\t' << path << '\t' << hex4(static_cast<std::uint16_t>(code >> 16)) << ':'
+                  << hex4(static_cast<std::uint16_t>(code & 0xFFFF)) << '\t'
+                  << (board != nullptr ? std::string(board->board) : std::string("unknown")) << '\n';
+    }
+    return kSuccess;
+}
+
+int CliSession::identify()
+{
+    std::optional<std::string> cid;
+    runInBackground([&] { cid = _controller->getCID(); });
+    if (!cid) {
+        if (!_controller->deviceMessage()) {
+            std::cout << "The Controller did not identify itself.\n";
+        }
+        return kFailure;
+    }
+    std::cout << "CID: " << *cid << '\n' << "Version: " << _controller->currentVersion().value_or("") << '\n';
+    return kSuccess;
+}
+
+int CliSession::update()
+{
+    UpdateServerConfig config;
+    if (_invocation.serverURL) {
+        config.baseUrl = *_invocation.serverURL;
+        while (!config.baseUrl.empty() && config.baseUrl.back() == '/') {
+            config.baseUrl.pop_back();
+        }
+    }
+    if (_invocation.caFile) {
+        config.caFile = *_invocation.caFile;
+    }
+    _controller->setUpdateServerConfig(std::move(config));
+    std::atomic<bool> finished{false};
+    std::atomic<UpdateOutcome> outcome{UpdateOutcome::UploadFailed};
+    _controller->setUpdateFinishedHandler([&](UpdateOutcome result) {
+        outcome = result;
+        finished = true;
+    });
+    _controller->checkForUpdate(_invocation.version);
+    runUntil([&] { return finished.load(); });
+    dispatch::RunLoop::main().drain();
+    _controller->setUpdateFinishedHandler(nullptr);
+    if (outcome.load() == UpdateOutcome::Updated) {
+        // The Controller restarts on its new firmware: say which version it reports now.
+        // A reply line is read only once the next byte arrives, so the first
+        // answer can still carry the old firmware's last line: ask twice.
+        std::optional<std::string> cid;
+        runInBackground([&] {
+            cid = _controller->getCID();
+            if (cid) {
+                cid = _controller->getCID();
+            }
+        });
+        if (cid) {
+            std::cout << "Controller " << *cid << " now runs version " << _controller->currentVersion().value_or("")
+                      << '\n';
+        }
+    }
+    return exitCodeFor(outcome.load());
+}
+
+int CliSession::flash()
+{
+    std::atomic<bool> finished{false};
+    std::atomic<UpdateOutcome> outcome{UpdateOutcome::UploadFailed};
+    _controller->setUpdateFinishedHandler([&](UpdateOutcome result) {
+        outcome = result;
+        finished = true;
+    });
+    _controller->loadFirmwareFile();
+    runUntil([&] { return finished.load(); });
+    dispatch::RunLoop::main().drain();
+    _controller->setUpdateFinishedHandler(nullptr);
+    return outcome.load() == UpdateOutcome::Updated ? kSuccess : kFailure;
+}
+
+int CliSession::ip()
+{
+    std::vector<std::string> lines;
+    runInBackground([&] { lines = _controller->getIPConfig(); });
+    if (lines.empty()) {
+        std::cout << "Could not get device IP configuration\n";
+        return kFailure;
+    }
+    for (const auto& line : lines) {
+        std::cout << line << '\n';
+    }
+    return kSuccess;
+}
+
+int CliSession::writeIp()
+{
+    std::vector<std::string> lines;
+    runInBackground([&] { lines = _controller->getIPConfig(); });
+    if (lines.empty()) {
+        std::cout << "Could not get device IP configuration\n";
+        return kFailure;
+    }
+    const auto dump = ipsettings::parseIpDump(lines);
+    ipsettings::Settings settings{
+        dump.ip.value_or(""), dump.subnet.value_or(""), dump.gateway.value_or(""), dump.dns.value_or(""), {}};
+    for (const auto& device : dump.devices) {
+        settings.devices.push_back({device.address, device.enabled});
+    }
+    std::map<std::string, std::string*> addresses{
+        {"ip", &settings.ip}, {"subnet", &settings.subnet}, {"gateway", &settings.gateway}, {"dns", &settings.dns}};
+    // dhcp first, so that an explicit ip= wins over its suggestion.
+    for (const auto& [key, value] : _invocation.assignments) {
+        if (key == "dhcp") {
+            settings.ip = value == "on" ? ipsettings::IpDump::kDhcpAddress : ipsettings::kSuggestedStaticAddress;
+        }
+    }
+    for (const auto& [key, value] : _invocation.assignments) {
+        if (const auto field = addresses.find(key); field != addresses.end()) {
+            *field->second = value;
+        } else if (key.rfind("dev", 0) == 0 || key.rfind("enable", 0) == 0) {
+            const bool isDev = key.rfind("dev", 0) == 0;
+            const std::size_t number = std::stoul(key.substr(isDev ? 3 : 6));
+            if (number > settings.devices.size()) {
+                std::cout << "The Controller has no device " << number << " (it reports " << settings.devices.size()
+                          << ")\n";
+                return kFailure;
+            }
+            auto& device = settings.devices[number - 1];
+            if (isDev) {
+                device.address = value;
+            } else {
+                device.enabled = value == "1";
+            }
+        }
+    }
+    // Every address is checked as the IP window checks it; one bad one and nothing is sent.
+    std::vector<std::pair<std::string, std::string*>> checks{
+        {"ip", &settings.ip}, {"subnet", &settings.subnet}, {"gateway", &settings.gateway}, {"dns", &settings.dns}};
+    for (std::size_t i = 0; i < settings.devices.size(); ++i) {
+        checks.emplace_back("dev" + std::to_string(i + 1), &settings.devices[i].address);
+    }
+    for (auto& [key, address] : checks) {
+        const auto valid = ipsettings::verifyIP(*address);
+        if (!valid) {
+            std::cout << "Invalid: " << key << "=" << *address << " (nothing was sent)\n";
+            return kFailure;
+        }
+        *address = *valid;
+    }
+
+    Logger::log("User clicked save IP settings");
+    const auto path = _controller->pathOfSelectedPort().value_or("");
+    Logger::log("Opening serial port " + path);
+    auto port = SerialPort::serialPortWithPath(path);
+    if (!port) {
+        std::cout << "The Controller's port is gone\n";
+        return kFailure;
+    }
+    port->setBaudRate(115200);
+    port->setDTR(true);
+    port->setRTS(true);
+    port->open();
+    if (!port->isOpen()) {
+        std::cout << "Could not open " << path << '\n';
+        return kFailure;
+    }
+    for (const auto& line : ipsettings::writeSequence(settings)) {
+        port->sendData(line);
+    }
+    port->close();
+    runUntil([&] { return !port->isOpen(); });
+    std::cout << "Settings written; the Controller stores them and restarts.\n";
+    return kSuccess;
+}
+
+void CliSession::action(void (MainViewController::*work)())
+{
+    const int before = _appDelegate.actionEnds();
+    ((*_controller).*work)();
+    runUntil([&] { return _appDelegate.actionEnds() > before; });
+    dispatch::RunLoop::main().drain();
+}
+
+int CliSession::webConfig()
+{
+    action(&MainViewController::webConfig);
+    const auto alerts = _view->alerts();
+    const bool switchedOff = !alerts.empty() && alerts.back() == "Webconfig sucessfully disabeled";
+    return !_view->openedURLs().empty() || switchedOff ? kSuccess : kFailure;
+}
+
+int CliSession::onlineConfig()
+{
+    action(&MainViewController::configureController);
+    return _view->openedURLs().empty() ? kFailure : kSuccess;
+}
+
+namespace {
+
+// Prints what the Controller sends, as it comes.
+class MonitorDelegate final : public SerialPortDelegate {
+public:
+    void serialPortDidReceiveData(const SerialPort::Ptr& /*port*/, const SerialData& data) override
+    {
+        std::cout.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+        std::cout.flush();
+    }
+    void serialPortDidEncounterError(const SerialPort::Ptr& /*port*/, const SerialError& error) override
+    {
+        std::cerr << "\r\nquendral-cli: " << error.path << ": " << error.description << "\r\n";
+    }
+    void serialPortWasRemovedFromSystem(const SerialPort::Ptr& /*port*/) override
+    {
+        std::cerr << "\r\nquendral-cli: the Controller was unplugged\r\n";
+        gone = true;
+    }
+    std::atomic<bool> gone{false};
+};
+
+} // namespace
+
+int CliSession::monitor()
+{
+    const auto path = _controller->pathOfSelectedPort().value_or("");
+    Logger::log("Opening serial port " + path + " with baud rate 115200");
+    auto port = SerialPort::serialPortWithPath(path);
+    if (!port) {
+        std::cerr << "quendral-cli: the Controller's port is gone\n";
+        return kFailure;
+    }
+    auto delegate = std::make_shared<MonitorDelegate>();
+    port->setDelegate(delegate);
+    port->setBaudRate(115200);
+    port->setDTR(true);
+    port->setRTS(true);
+    port->open();
+    if (!port->isOpen()) {
+        std::cerr << "quendral-cli: could not open " << path << "\n";
+        return kFailure;
+    }
+    const bool terminal = ::isatty(STDIN_FILENO) != 0;
+    termios saved{};
+    if (terminal) {
+        std::cerr << "Serial monitor on " << path << " at 115200 baud. Ctrl-] leaves.\r\n";
+        ::tcgetattr(STDIN_FILENO, &saved);
+        termios raw = saved;
+        ::cfmakeraw(&raw);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+    }
+    std::atomic<bool> done{false};
+    std::thread input([&] {
+        // Keystrokes go out as typed on a terminal; piped input goes line by line.
+        std::string line;
+        char c = 0;
+        while (!done && ::read(STDIN_FILENO, &c, 1) == 1) {
+            if (terminal) {
+                if (c == 0x1d) { // Ctrl-]
+                    break;
+                }
+                port->sendData(std::string_view(&c, 1));
+                continue;
+            }
+            line += c;
+            if (c == '\n') {
+                port->sendData(line);
+                line.clear();
+            }
+        }
+        done = true;
+    });
+    runUntil([&] { return done.load() || delegate->gone.load(); });
+    if (terminal) {
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+    }
+    port->close();
+    runUntil([&] { return !port->isOpen(); });
+    if (!done) {
+        input.detach(); // blocked reading the terminal; the process ends anyway
+    } else {
+        input.join();
+    }
+    return delegate->gone ? kFailure : kSuccess;
+}
+
+} // namespace quendral::cli

@@ -1,0 +1,75 @@
+#pragma once
+// One run of quendral-cli: the same MainViewController as the window, with a
+// terminal view, the port manager and a run loop on the main thread.
+#include "command_line.h"
+#include "controller/main_view_controller.h"
+#include "terminal_main_view.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace quendral::cli {
+
+// The application delegate of a terminal: there are no secondary windows;
+// the end of an action (its controls coming back) is what matters.
+class TerminalApplicationDelegate final : public ApplicationDelegate {
+public:
+    void openSerialMonitor(const std::string& /*path*/) override {}
+    void closeSerialMonitor() override {}
+    [[nodiscard]] bool getSerialMonitorState() const override { return false; }
+    void openIPConfig(const std::string& /*path*/, const std::vector<std::string>& /*lines*/) override {}
+    [[nodiscard]] bool getIPConfigState() const override { return false; }
+    void setUpdateMenuEnable(bool enabled) override
+    {
+        if (enabled) {
+            ++_actionEnds;
+        }
+    }
+    [[nodiscard]] int actionEnds() const { return _actionEnds.load(); }
+
+private:
+    std::atomic<int> _actionEnds{0};
+};
+
+class CliSession {
+public:
+    explicit CliSession(const Invocation& invocation);
+    ~CliSession();
+    CliSession(const CliSession&) = delete;
+    CliSession& operator=(const CliSession&) = delete;
+
+    int run();
+
+private:
+    // Selects the port named on the command line (name or /dev path), or keeps
+    // the menu's first port. False, with a message, when there is none.
+    bool selectPort();
+    // Runs `work` on the global queue while the main thread serves the main queue.
+    void runInBackground(const std::function<void()>& work);
+    // Serves the main queue until `done`.
+    static void runUntil(const std::function<bool()>& done);
+
+    int ports();
+    int identify();
+    int update();
+    int flash();
+    int ip();
+    int writeIp();
+    // Runs a window action and waits until its controls come back.
+    void action(void (MainViewController::*work)());
+    int webConfig();
+    int onlineConfig();
+    int monitor();
+
+    const Invocation& _invocation;
+    std::unique_ptr<TerminalMainView> _view;
+    TerminalApplicationDelegate _appDelegate;
+    std::shared_ptr<MainViewController> _controller;
+};
+
+// The exit code of an update or upload outcome.
+int exitCodeFor(UpdateOutcome outcome);
+
+} // namespace quendral::cli

@@ -1,0 +1,126 @@
+// MainViewController: putting a firmware file onto the selected board.
+#include "controller/main_view_controller.h"
+
+#include "flashing/avrdude_wrapper.h"
+#include "flashing/bossac_wrapper.h"
+#include "log/logger.h"
+#include "platform/dispatch.h"
+#include "serial/serial_port_manager.h"
+
+#include <algorithm>
+
+namespace quendral {
+namespace {
+
+constexpr int kIdentificationAttempts = 10;
+constexpr long kReappearanceSeconds = 30;
+
+} // namespace
+
+CombinedUsbIdentifier MainViewController::identifySelectedBoard() const
+{
+    // A port can be between two states of the registry; ask a few times.
+    CombinedUsbIdentifier code = 0;
+    for (int attempt = 0; attempt < kIdentificationAttempts && code == 0; ++attempt) {
+        code = getPIDVID(pathOfSelectedPort().value_or(std::string()));
+    }
+    return code;
+}
+
+bool MainViewController::uploadSketch(const std::string& hexFile)
+{
+    Logger::log("Uploading firmware " + hexFile);
+    dispatch::mainQueue()->sync([this] {
+        if (_appDelegate != nullptr) {
+            _appDelegate->closeSerialMonitor();
+        }
+        _view.setProgress(0.0);
+        _view.startProgressAnimation();
+    });
+
+    const CombinedUsbIdentifier code = identifySelectedBoard();
+
+    // Tell the firmware that an update follows; no answer is read.
+    const auto selected = pathOfSelectedPort();
+    auto port = selected ? SerialPort::serialPortWithPath(*selected) : nullptr;
+    setSerial(port);
+    if (port) {
+        port->setBaudRate(115200);
+        port->setDTR(true);
+        port->setRTS(true);
+        port->open();
+        port->sendData(std::string_view("prepareUpload\n"));
+        port->close();
+    }
+    _clock.sleepFor(Clock::Seconds(0));
+
+    const BoardIdentification* board = identifyBoard(code);
+    if (board == nullptr) {
+        _view.setStatusText("Error: Unable to identify device");
+        return false;
+    }
+    if (!board->waitsForBootloader) {
+        _avrdude = std::make_shared<AvrdudeWrapper>();
+        const std::string path = pathOfSelectedPort().value_or(std::string());
+        return _avrdude->startUpload(hexFile, path, getPIDVID(path));
+    }
+    if (board->resetDelaySeconds && selected) {
+        resetDevice(*selected, *board->resetDelaySeconds);
+    }
+    const auto wanted = bootloaderIdentifiers(board->family);
+    return waitForBootloaderAndFlash(hexFile, wanted, board->tool);
+}
+
+bool MainViewController::waitForBootloaderAndFlash(const std::string& hexFile,
+                                                   const std::vector<CombinedUsbIdentifier>& wanted, FlashingTool tool)
+{
+    const auto start = _clock.now();
+    long remaining = kReappearanceSeconds;
+    while (remaining >= 1) {
+        postStatusText("Waiting for device to go into programming mode.. (" + std::to_string(remaining) + ")");
+        for (const auto& port : SerialPortManager::sharedSerialPortManager().availablePorts()) {
+            const CombinedUsbIdentifier code = getPIDVID(port->path());
+            if (std::find(wanted.begin(), wanted.end(), code) == wanted.end()) {
+                continue;
+            }
+            if (tool == FlashingTool::Bossac) {
+                _bossac = std::make_shared<BossacWrapper>(port->path());
+                return _bossac->startUpload(hexFile);
+            }
+            _avrdude = std::make_shared<AvrdudeWrapper>();
+            return _avrdude->startUpload(hexFile, port->path(), code);
+        }
+        _clock.sleepFor(Clock::Seconds(1.0));
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(_clock.now() - start).count();
+        remaining = kReappearanceSeconds - elapsed;
+    }
+    postStatusText("Unable to reset device into programming mode!");
+    return false;
+}
+
+void MainViewController::loadFirmwareFile()
+{
+    if (!pathOfSelectedPort()) {
+        showAlert("Please select a device from the drop-down menu.");
+        return;
+    }
+    const auto file = _view.chooseFirmwareFile();
+    if (!file) {
+        return;
+    }
+    [[maybe_unused]] const auto title = _view.selectedPortTitle();
+    auto self = shared_from_this();
+    dispatch::globalQueue()->async([self, file = *file] {
+        self->toggleUI(false);
+        const bool uploaded = self->uploadSketch(file);
+        self->toggleUI(true);
+        self->finishUpload(uploaded ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed);
+    });
+}
+
+void MainViewController::updateFromConfig(const Notification& /*notification*/)
+{
+    loadFirmwareFile();
+}
+
+} // namespace quendral
