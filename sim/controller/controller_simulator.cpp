@@ -1,5 +1,7 @@
 #include "controller_simulator.h"
 
+#include "serial/arbitrary_baud_rate.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -12,6 +14,9 @@ namespace quendral::sim {
 namespace {
 
 constexpr auto kHangUpRecheck = std::chrono::milliseconds(5);
+// While the port is open the line speed is looked at this often (a touch with
+// a delay of a second or more is seen by this alone).
+constexpr auto kSpeedSample = std::chrono::milliseconds(5);
 // Data sent the instant the port opens can meet the terminal still in its
 // cooked, echoing mode; a real board takes longer than this to say anything.
 constexpr auto kSettleAfterOpen = std::chrono::milliseconds(50);
@@ -200,6 +205,60 @@ bool ControllerSimulator::waitForPortOpen(bool open, std::chrono::milliseconds t
     return _changed.wait_for(lock, timeout, [&] { return _portOpen == open; });
 }
 
+// --- the 1200-baud touch ----------------------------------------------------------------
+
+void ControllerSimulator::setTouchHandler(std::function<void()> handler)
+{
+    std::lock_guard lock(_mutex);
+    _touchHandler = std::move(handler);
+}
+
+unsigned long ControllerSimulator::lineSpeed() const
+{
+    return arbitraryBaudRate(_deviceEnd);
+}
+
+void ControllerSimulator::noteLineSpeed()
+{
+    const unsigned long speed = lineSpeed();
+    std::lock_guard lock(_mutex);
+    _sessionActive = true;
+    if (speed == kTouchBaudRate) {
+        _sawTouchSpeed = true;
+    }
+}
+
+int ControllerSimulator::touchCount() const
+{
+    std::lock_guard lock(_mutex);
+    return _touchCount;
+}
+
+bool ControllerSimulator::endSession()
+{
+    bool touched = false;
+    {
+        std::lock_guard lock(_mutex);
+        if (!_portOpen && !_sessionActive) {
+            return false; // nobody has had it open: the hang-up of an unused pty
+        }
+        touched = _sawTouchSpeed;
+    }
+    // A hang-up seen just before an open must not end the session that open began.
+    pollfd check{_deviceEnd, 0, 0};
+    if (::poll(&check, 1, 0) < 0 || (check.revents & POLLHUP) == 0) {
+        return false;
+    }
+    std::lock_guard lock(_mutex);
+    _sessionActive = false;
+    _sawTouchSpeed = false;
+    if (touched) {
+        ++_touchCount;
+        _changed.notify_all();
+    }
+    return touched;
+}
+
 // --- serving the line -----------------------------------------------------------------
 
 bool ControllerSimulator::hasBooted() const
@@ -331,12 +390,15 @@ void ControllerSimulator::run()
         pollfd fds[2] = {{_deviceEnd, POLLIN, 0}, {_cancelFd, POLLIN, 0}};
         // While nobody has the port open the device end reports a hang-up
         // without pause, so look again every few milliseconds instead.
-        const int ready = ::poll(fds, 2, open ? -1 : static_cast<int>(kHangUpRecheck.count()));
+        const int ready = ::poll(fds, 2, static_cast<int>(open ? kSpeedSample.count() : kHangUpRecheck.count()));
         if (ready < 0 && errno != EINTR) {
             return;
         }
         if ((fds[1].revents & POLLIN) != 0) {
             return;
+        }
+        if (open && (fds[0].revents & POLLHUP) == 0) {
+            noteLineSpeed();
         }
         if ((fds[0].revents & POLLIN) != 0) {
             char buffer[1024];
@@ -357,14 +419,22 @@ void ControllerSimulator::run()
         }
         const bool hungUp = (fds[0].revents & POLLHUP) != 0;
         if (hungUp) {
+            const bool touched = endSession();
+            std::function<void()> touchHandler;
             {
                 std::lock_guard lock(_mutex);
                 if (_portOpen) {
                     _portOpen = false;
                     _changed.notify_all();
                 }
+                if (touched) {
+                    touchHandler = _touchHandler;
+                }
             }
             pending.clear();
+            if (touchHandler) {
+                touchHandler();
+            }
             pollfd cancel = {_cancelFd, POLLIN, 0};
             if (::poll(&cancel, 1, static_cast<int>(kHangUpRecheck.count())) > 0) {
                 return;

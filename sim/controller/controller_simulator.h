@@ -28,6 +28,17 @@
 // every reply into chunks with pauses (setChunking), or push arbitrary bytes
 // (sendRaw: garbage, non-ASCII, over-long lines, unsolicited replies).
 //
+// The 1200-baud touch: a port that was opened, set to 1200 baud and closed
+// again is how the application asks a native-USB board to restart into its
+// boot loader. The simulator watches the device end: it notes the line speed
+// whenever it wakes while the port is open and whenever someone calls
+// noteLineSpeed() (the umockdev board calls it from its ioctl handler, which
+// sees every modem-line call the application makes, so even an open-and-close
+// without pause is seen), and counts a touch when the port closes (hang-up on
+// the device end) after 1200 baud was seen in that session. The touch handler
+// then runs on the simulator's thread; it must not stop() the simulator from
+// there.
+//
 // Threading: a thread of its own serves the pty between start() and stop();
 // every method is thread-safe. The boot delay is measured with the Clock given
 // at construction, so a test with a fast-forwarding clock sees a slow boot
@@ -93,6 +104,15 @@ public:
     // Waits (real time) until the line was received `count` times in all.
     bool waitForLine(const std::string& line, std::chrono::milliseconds timeout, std::size_t count = 1) const;
     void clearReceivedLines();
+    // --- the 1200-baud touch ------------------------------------------------------
+    static constexpr unsigned long kTouchBaudRate = 1200;
+    void setTouchHandler(std::function<void()> handler);
+    // Looks at the line speed now (the speed the application set).
+    void noteLineSpeed();
+    [[nodiscard]] int touchCount() const;
+    // The speed as the device end sees it now.
+    [[nodiscard]] unsigned long lineSpeed() const;
+
     // How often the port side was opened, and whether it is open now.
     [[nodiscard]] int openCount() const;
     [[nodiscard]] bool isPortOpen() const;
@@ -105,6 +125,8 @@ private:
     void reply(const std::string& text);
     void writeAll(std::string_view bytes);
     [[nodiscard]] bool hasBooted() const;
+    // The port closed: ends the session; true when it was a touch.
+    bool endSession();
 
     int _deviceEnd = -1;
     bool _ownsDeviceEnd = false;
@@ -133,6 +155,10 @@ private:
     std::string _partialLine;
     bool _portOpen = false;
     int _openCount = 0;
+    bool _sessionActive = false; // the application did something on the open port
+    bool _sawTouchSpeed = false; // ... and the line stood at 1200 baud meanwhile
+    int _touchCount = 0;
+    std::function<void()> _touchHandler;
     std::mutex _writeMutex;
 };
 

@@ -4,6 +4,7 @@
 
 #include <umockdev.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -214,7 +215,7 @@ bool UmockdevSerialDevice::isPlugged() const
 // --- the test bed ----------------------------------------------------------------
 
 struct UmockdevTestbed::Impl {
-    std::mutex mutex;
+    mutable std::mutex mutex;
     UMockdevTestbed* testbed = nullptr;
     std::vector<std::shared_ptr<UmockdevSerialDevice>> devices;
     int nextUsbPort = 1;
@@ -273,7 +274,8 @@ std::string hex4(std::uint16_t value)
 
 } // namespace
 
-std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const UsbSerialDeviceInfo& info)
+std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const UsbSerialDeviceInfo& info,
+                                                                          bool announce)
 {
     int port = 0;
     {
@@ -299,7 +301,7 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const 
     }
     record += "P: " + tty + "\nN: " + info.ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + info.ttyName +
               "\nA: dev=" + (acm ? "166:" : "188:") + std::to_string(number) + "\n";
-    return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb);
+    return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce);
 }
 
 std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addBuiltinSerialPort(const std::string& ttyName)
@@ -309,11 +311,12 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addBuiltinSerialPort(cons
     const std::string record = "P: " + platform + "\nE: SUBSYSTEM=platform\nE: DRIVER=serial8250\n\n" + "P: " + tty +
                                "\nN: " + ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + ttyName +
                                "\nA: dev=4:" + std::to_string(64 + suffixNumber(ttyName)) + "\n";
-    return addTty(record, ttyName, "/sys" + tty, "");
+    return addTty(record, ttyName, "/sys" + tty, "", true);
 }
 
 std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addTty(const std::string& record, const std::string& ttyName,
-                                                              const std::string& syspath, const std::string& usbSyspath)
+                                                              const std::string& syspath, const std::string& usbSyspath,
+                                                              bool announce)
 {
     std::lock_guard lock(_impl->mutex);
     GError* error = nullptr;
@@ -344,8 +347,41 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addTty(const std::string&
     }
     device->_deviceEnd = umockdev_testbed_get_dev_fd(_impl->testbed, device->_devnode.c_str());
     _impl->devices.push_back(device);
-    umockdev_testbed_uevent(_impl->testbed, syspath.c_str(), "add");
+    if (announce) {
+        umockdev_testbed_uevent(_impl->testbed, syspath.c_str(), "add");
+    }
     return device;
+}
+
+std::string UmockdevTestbed::unusedTtyName(const std::string& preferred) const
+{
+    std::size_t digits = preferred.size();
+    while (digits > 0 && preferred[digits - 1] >= '0' && preferred[digits - 1] <= '9') {
+        --digits;
+    }
+    const std::string base = preferred.substr(0, digits);
+    std::lock_guard lock(_impl->mutex);
+    bool used = false;
+    int highest = -1;
+    for (const auto& device : _impl->devices) {
+        const std::string& name = device->ttyName();
+        used = used || name == preferred;
+        if (name.rfind(base, 0) == 0 && name.size() > base.size() &&
+            name.find_first_not_of("0123456789", base.size()) == std::string::npos) {
+            highest = std::max(highest, suffixNumber(name));
+        }
+    }
+    return used ? base + std::to_string(highest + 1) : preferred;
+}
+
+void UmockdevTestbed::setUsbAttribute(const UmockdevSerialDevice& device, const std::string& name,
+                                      const std::string& value)
+{
+    if (device.usbSyspath().empty()) {
+        return;
+    }
+    std::lock_guard lock(_impl->mutex);
+    umockdev_testbed_set_attribute(_impl->testbed, device.usbSyspath().c_str(), name.c_str(), value.c_str());
 }
 
 void UmockdevTestbed::uevent(const UmockdevSerialDevice& device, const std::string& action)

@@ -110,8 +110,9 @@ public:
     UmockdevTestbed(const UmockdevTestbed&) = delete;
     UmockdevTestbed& operator=(const UmockdevTestbed&) = delete;
 
-    // A USB device with one tty child; announced with an "add" uevent.
-    std::shared_ptr<UmockdevSerialDevice> addUsbSerialDevice(const UsbSerialDeviceInfo& info);
+    // A USB device with one tty child; announced with an "add" uevent unless
+    // `announce` is false (the caller then sends it with uevent(), e.g. to time it).
+    std::shared_ptr<UmockdevSerialDevice> addUsbSerialDevice(const UsbSerialDeviceInfo& info, bool announce = true);
     // A serial port that is not on USB (like a mainboard's ttyS0).
     std::shared_ptr<UmockdevSerialDevice> addBuiltinSerialPort(const std::string& ttyName = "ttyS0");
 
@@ -123,12 +124,22 @@ public:
     // Sends a uevent ("add", "remove", "change") for a device's tty.
     void uevent(const UmockdevSerialDevice& device, const std::string& action);
 
+    // umockdev cannot give a /dev node to a second device once it was used in
+    // this test bed (not even after the first device left). This is the name
+    // to use instead: `preferred` while it is unused, else the next number of
+    // its kind after every number used so far (as Linux numbers a board that
+    // comes back while its old node is still held).
+    [[nodiscard]] std::string unusedTtyName(const std::string& preferred) const;
+    // Changes a sysfs attribute of a device's USB device ("idProduct"), in place.
+    void setUsbAttribute(const UmockdevSerialDevice& device, const std::string& name, const std::string& value);
+
     // The test bed's root folder (UMOCKDEV_DIR).
     [[nodiscard]] std::string rootDir() const;
 
 private:
     std::shared_ptr<UmockdevSerialDevice> addTty(const std::string& record, const std::string& ttyName,
-                                                 const std::string& syspath, const std::string& usbSyspath);
+                                                 const std::string& syspath, const std::string& usbSyspath,
+                                                 bool announce);
 
     struct Impl;
     std::unique_ptr<Impl> _impl;

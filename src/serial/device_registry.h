@@ -41,6 +41,26 @@ inline constexpr std::string_view TTYDevice = "IOTTYDevice";
 inline constexpr std::string_view TTYSuffix = "IOTTYSuffix";
 } // namespace SerialPropertyKey
 
+// One hot-plug event of a serial device: "add", "remove" (others, like
+// "change", are passed on as they come).
+struct DeviceEvent {
+    std::string action;
+    DeviceHandle device;
+};
+
+// A subscription to the arrival and removal of serial devices. Its descriptor
+// becomes readable when events wait; receive() then hands them out one by one.
+// Events are announced after the system's rules have run (device permissions
+// are set), and only for devices that count as serial ports.
+class DeviceMonitor {
+public:
+    virtual ~DeviceMonitor() = default;
+    // For poll(): readable while events wait.
+    [[nodiscard]] virtual int fileDescriptor() const = 0;
+    // The next waiting event, or none when nothing (more) waits. Never blocks.
+    [[nodiscard]] virtual std::optional<DeviceEvent> receive() = 0;
+};
+
 class DeviceRegistry {
 public:
     virtual ~DeviceRegistry() = default;
@@ -56,6 +76,10 @@ public:
     [[nodiscard]] virtual DeviceHandle parentOf(const DeviceHandle& device) = 0;
     // A sysfs attribute of the entry ("idVendor"), or none.
     [[nodiscard]] virtual std::optional<std::string> attribute(const DeviceHandle& device, const std::string& name) = 0;
+    // Starts listening for serial devices that arrive or go; nullptr when the
+    // registry cannot deliver such events. Listen first, then enumerate, so
+    // that nothing falls between the two.
+    [[nodiscard]] virtual std::unique_ptr<DeviceMonitor> monitorSerialDevices() = 0;
     // One of the serial string properties above, or none when the entry lacks it.
     [[nodiscard]] virtual std::optional<std::string> stringProperty(const DeviceHandle& device,
                                                                     std::string_view key) = 0;

@@ -3,6 +3,7 @@
 #include <libudev.h>
 
 #include <cctype>
+#include <fcntl.h>
 
 namespace quendral {
 namespace {
@@ -167,6 +168,83 @@ std::optional<std::string> UdevDeviceRegistry::stringProperty(const DeviceHandle
         return device->sysname.substr(digits);
     }
     return std::nullopt;
+}
+
+// --- hot-plug ---------------------------------------------------------------
+
+namespace {
+
+// A udev monitor on the "udev" source: events come after the rules have run,
+// so a port announced here can already be opened by its group.
+class UdevDeviceMonitor final : public DeviceMonitor {
+public:
+    UdevDeviceMonitor(std::mutex& mutex, udev_monitor* monitor) : _mutex(mutex), _monitor(monitor) {}
+    ~UdevDeviceMonitor() override
+    {
+        std::lock_guard lock(_mutex);
+        udev_monitor_unref(_monitor);
+    }
+    UdevDeviceMonitor(const UdevDeviceMonitor&) = delete;
+    UdevDeviceMonitor& operator=(const UdevDeviceMonitor&) = delete;
+
+    [[nodiscard]] int fileDescriptor() const override { return _fd; }
+
+    [[nodiscard]] std::optional<DeviceEvent> receive() override
+    {
+        for (;;) {
+            std::lock_guard lock(_mutex);
+            UdevDevicePtr device(udev_monitor_receive_device(_monitor));
+            if (!device) {
+                return std::nullopt;
+            }
+            DeviceHandle entry = UdevDeviceRegistry::entryFromUdevDevice(device.get());
+            // The filter lets every tty through; consoles and pseudo-terminals are not ports.
+            if (!UdevDeviceRegistry::isSerialDevice(*entry)) {
+                continue;
+            }
+            return DeviceEvent{orEmpty(udev_device_get_action(device.get())), std::move(entry)};
+        }
+    }
+
+    void setDescriptor(int fd) { _fd = fd; }
+
+private:
+    std::mutex& _mutex;
+    udev_monitor* _monitor;
+    int _fd = -1;
+};
+
+} // namespace
+
+std::unique_ptr<DeviceMonitor> UdevDeviceRegistry::monitorSerialDevices()
+{
+    std::lock_guard lock(_mutex);
+    if (_udev == nullptr) {
+        return nullptr;
+    }
+    udev_monitor* monitor = udev_monitor_new_from_netlink(_udev, "udev");
+    if (monitor == nullptr) {
+        return nullptr;
+    }
+    if (udev_monitor_filter_add_match_subsystem_devtype(monitor, "tty", nullptr) < 0 ||
+        udev_monitor_enable_receiving(monitor) < 0) {
+        udev_monitor_unref(monitor);
+        return nullptr;
+    }
+    const int fd = udev_monitor_get_fd(monitor);
+    if (fd < 0) {
+        udev_monitor_unref(monitor);
+        return nullptr;
+    }
+    // The receive call must not block: the watcher polls the descriptor first,
+    // and an event that the filter drops must not stall it.
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+    auto result = std::make_unique<UdevDeviceMonitor>(_mutex, monitor);
+    result->setDescriptor(fd);
+    return result;
 }
 
 } // namespace quendral

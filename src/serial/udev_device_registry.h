@@ -23,6 +23,7 @@ public:
     [[nodiscard]] DeviceHandle parentOf(const DeviceHandle& device) override;
     [[nodiscard]] std::optional<std::string> attribute(const DeviceHandle& device, const std::string& name) override;
     [[nodiscard]] std::optional<std::string> stringProperty(const DeviceHandle& device, std::string_view key) override;
+    [[nodiscard]] std::unique_ptr<DeviceMonitor> monitorSerialDevices() override;
 
     // A snapshot of a libudev device (the caller keeps its reference). For the
     // hot-plug monitor, which receives udev_device objects of its own.

@@ -1,0 +1,194 @@
+#include "controller/port_list.h"
+
+#include "log/logger.h"
+#include "platform/dispatch.h"
+#include "serial/serial_port_attributes.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+
+namespace quendral {
+namespace {
+
+constexpr std::array<std::string_view, 2> kMenuPortPrefixes = {"ttyUSB", "ttyACM"};
+
+} // namespace
+
+bool isUsbSerialPortName(std::string_view name)
+{
+    for (const std::string_view prefix : kMenuPortPrefixes) {
+        if (name.starts_with(prefix)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager& manager, Clock& clock)
+    : _view(view), _appDelegate(appDelegate), _manager(manager), _clock(clock)
+{
+}
+
+PortList::~PortList()
+{
+    _alive->store(false);
+}
+
+void PortList::observePortChanges()
+{
+    auto& center = NotificationCenter::defaultCenter();
+    _connectedObserver = ScopedObserver(center, SerialPortsWereConnectedNotification, nullptr,
+                                        [this](const Notification& /*notification*/) { updateSerialPorts(); });
+    _disconnectedObserver = ScopedObserver(center, SerialPortsWereDisconnectedNotification, nullptr,
+                                           [this](const Notification& /*notification*/) { updateSerialPorts(); });
+}
+
+// --- the menu -----------------------------------------------------------------------
+
+void PortList::updateSerialPorts()
+{
+    dispatch::mainQueue()->async([this, alive = _alive] {
+        if (alive->load()) {
+            rebuildPortMenu();
+        }
+    });
+}
+
+void PortList::rebuildPortMenu()
+{
+    const SerialPortList ports = _manager.availablePorts();
+
+    std::optional<std::string> previousSelection = _view.selectedPortTitle();
+    if (previousSelection) {
+        const bool stillListed = isUsbSerialPortName(*previousSelection) &&
+                                 std::any_of(ports.begin(), ports.end(), [&](const SerialPort::Ptr& port) {
+                                     return port->name() == *previousSelection;
+                                 });
+        if (!stillListed) {
+            previousSelection.reset();
+        }
+    }
+
+    _view.removeAllPortMenuItems();
+    bool selected = false;
+    for (const SerialPort::Ptr& port : ports) {
+        const std::string& name = port->name();
+        if (!isUsbSerialPortName(name)) {
+            continue;
+        }
+        _view.addPortMenuItem(name);
+        // Every listed name passes the second test, so the first listed port is
+        // the one selected; an earlier choice survives only when it is first.
+        if (!selected && (name == previousSelection || isUsbSerialPortName(name))) {
+            _view.selectPortMenuItem(name);
+            selected = true;
+            // A monitor window whose device went away follows the new selection.
+            if (_appDelegate != nullptr && _appDelegate->getSerialMonitorState()) {
+                _appDelegate->openSerialMonitor(port->path());
+            }
+        }
+    }
+}
+
+std::optional<std::string> PortList::pathOfSerialPortWithName(const std::string& name) const
+{
+    for (const SerialPort::Ptr& port : _manager.availablePorts()) {
+        if (port->name() == name) {
+            return port->path();
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> PortList::pathOfSelectedPort() const
+{
+    const std::optional<std::string> title = _view.selectedPortTitle();
+    if (!title) {
+        return std::nullopt;
+    }
+    return pathOfSerialPortWithName(*title);
+}
+
+CombinedUsbIdentifier PortList::getPIDVID(const std::string& path) const
+{
+    for (const SerialPort::Ptr& port : _manager.availablePorts()) {
+        if (port->path() == path) {
+            return combinedUsbIdentifier(vendorID(*port).value_or(0), productID(*port).value_or(0));
+        }
+    }
+    return 0;
+}
+
+// --- the 1200-baud touch ------------------------------------------------------------------
+
+void PortList::resetDevice(const std::string& path, int delay)
+{
+    resetDevice(path, delay, std::stop_token{});
+}
+
+void PortList::resetDevice(const std::string& path, int delay, std::stop_token stop)
+{
+    SerialPort::Ptr port = SerialPort::serialPortWithPath(path);
+    {
+        std::lock_guard lock(_serialMutex);
+        _serial = port;
+    }
+    if (port) {
+        port->setDTR(false);
+        port->setRTS(false);
+    }
+    // A fresh object is closed; one still open elsewhere is waited for.
+    while (port && port->isOpen() && !stop.stop_requested()) {
+    }
+    Logger::log("Resetting device into programming mode..");
+    if (port) {
+        port->setBaudRate(1200);
+    }
+    // No limit and no pause: a port that cannot be opened keeps this thread
+    // here (a vanished path leaves no object to open at all).
+    while (!(port && port->isOpen()) && !stop.stop_requested()) {
+        if (port) {
+            port->open();
+        }
+    }
+    if (stop.stop_requested()) {
+        return;
+    }
+    _clock.sleepFor(std::chrono::seconds(delay));
+    port->close();
+}
+
+SerialPort::Ptr PortList::serial() const
+{
+    std::lock_guard lock(_serialMutex);
+    return _serial;
+}
+
+// --- the FTDI driver ----------------------------------------------------------------------
+
+void PortList::warnIfFTDIDriverMissing(bool installed)
+{
+    if (installed) {
+        return;
+    }
+    Logger::log("FTDI driver not installed");
+    const bool download = _view.showDriverAlert("FTDI driver not installed",
+                                                "Please install the USB Serial driver from " + ftdiDriverDownloadURL(),
+                                                "Go to download", "Close");
+    alertDidClose(download ? kAlertFirstButtonReturn : kAlertSecondButtonReturn);
+}
+
+void PortList::alertDidClose(int returnCode)
+{
+    if (returnCode == kAlertFirstButtonReturn) {
+        _view.openURL(ftdiDriverDownloadURL());
+    }
+}
+
+std::string PortList::ftdiDriverDownloadURL()
+{
+    return QUENDRAL_FTDI_DRIVER_URL;
+}
+
+} // namespace quendral
