@@ -110,7 +110,7 @@ int main(int argc, char** argv)
         return 1;
     }
     TimingView view;
-    PortList list(view, nullptr, manager);
+    PortList list(view, nullptr, &manager);
     list.observePortChanges();
 
     std::optional<SteadyClock::time_point> connectedAt;

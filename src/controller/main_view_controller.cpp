@@ -12,8 +12,12 @@ std::shared_ptr<MainViewController> MainViewController::create(MainView& view, A
 }
 
 MainViewController::MainViewController(MainView& view, ApplicationDelegate* appDelegate, Clock& clock)
-    : _view(view), _appDelegate(appDelegate), _clock(clock)
+    : _view(view), _appDelegate(appDelegate), _clock(clock), _portList(view, appDelegate, nullptr, clock)
 {
+    _portList.setSerialStore([this](const SerialPort::Ptr& port) {
+        std::lock_guard lock(_serialMutex);
+        _serial = port;
+    });
 }
 
 MainViewController::~MainViewController() = default;
@@ -22,11 +26,6 @@ SerialPort::Ptr MainViewController::serial() const
 {
     std::lock_guard lock(_serialMutex);
     return _serial;
-}
-
-std::optional<std::string> MainViewController::pathOfSelectedPort() const
-{
-    return std::nullopt;
 }
 
 void MainViewController::postStatusText(std::string text)

@@ -9,6 +9,8 @@
 //   main_view_controller.cpp  construction, the delegate side (reply parser),
 //                             small services shared by the concerns
 //   reply_parser.*            turning received bytes into ControllerState
+//   port_list.*               the port menu, paths, USB identities, the
+//                             1200-baud touch (PortList, which this owns)
 //
 // Threading: the waiting procedures block their caller (one-second sleeps on
 // the injected Clock) and are meant for a background queue; they post their
@@ -16,8 +18,10 @@
 // the port's delegate. ControllerState makes the shared fields safe.
 //
 // Always owned by a std::shared_ptr (create()): ports hold it as a weak delegate.
+#include "controller/board_identification.h"
 #include "controller/controller_state.h"
 #include "controller/main_view.h"
+#include "controller/port_list.h"
 #include "controller/reply_parser.h"
 #include "platform/clock.h"
 #include "platform/notification_center.h"
@@ -70,11 +74,23 @@ public:
     // The port currently used for the protocol.
     [[nodiscard]] SerialPort::Ptr serial() const;
 
-    // --- port list ------------------------------------------------------------
+    // --- port list (port_list.cpp) ----------------------------------------------
     // The device path of the port selected in the port menu, looked up afresh
-    // on every call (from background threads too). The port list fills this
-    // in from the menu and the port manager; until then nothing is selected.
+    // on every call (from background threads too).
     [[nodiscard]] virtual std::optional<std::string> pathOfSelectedPort() const;
+    [[nodiscard]] std::optional<std::string> pathOfSerialPortWithName(const std::string& name) const;
+    [[nodiscard]] CombinedUsbIdentifier getPIDVID(const std::string& path) const;
+    // Rebuilds the port menu on the main queue.
+    void updateSerialPorts();
+    // The 1200-baud touch; blocks (background only). The port becomes `serial`.
+    void resetDevice(const std::string& path, int delay);
+    [[nodiscard]] static bool isFTDIInstalled() { return PortList::isFTDIInstalled(); }
+    void alertDidClose(int returnCode);
+    // The view's loading: the port manager's notifications rebuild the menu;
+    // the driver check warns when the FTDI driver is missing.
+    void observePortChanges();
+    void warnIfFTDIDriverMissing();
+    [[nodiscard]] PortList& portList() { return _portList; }
 
     // --- configuration actions (configuration_actions.cpp) ----------------------
     // The main window's buttons besides the update. Each logs, checks that a
@@ -127,6 +143,7 @@ private:
     // 20 minus the whole seconds since `start`.
     [[nodiscard]] long remainingCount(Clock::TimePoint start) const;
 
+    PortList _portList;
     ControllerState _state;
     ControllerReplyParser _parser{_state};
     mutable std::mutex _serialMutex;

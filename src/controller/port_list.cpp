@@ -1,5 +1,6 @@
 #include "controller/port_list.h"
 
+#include "controller/main_view_controller.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
 #include "serial/serial_port_attributes.h"
@@ -25,7 +26,7 @@ bool isUsbSerialPortName(std::string_view name)
     return false;
 }
 
-PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager& manager, Clock& clock)
+PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager* manager, Clock& clock)
     : _view(view), _appDelegate(appDelegate), _manager(manager), _clock(clock)
 {
 }
@@ -33,6 +34,11 @@ PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortM
 PortList::~PortList()
 {
     _alive->store(false);
+}
+
+SerialPortManager& PortList::manager() const
+{
+    return _manager != nullptr ? *_manager : SerialPortManager::sharedSerialPortManager();
 }
 
 void PortList::observePortChanges()
@@ -57,7 +63,7 @@ void PortList::updateSerialPorts()
 
 void PortList::rebuildPortMenu()
 {
-    const SerialPortList ports = _manager.availablePorts();
+    const SerialPortList ports = manager().availablePorts();
 
     std::optional<std::string> previousSelection = _view.selectedPortTitle();
     if (previousSelection) {
@@ -93,7 +99,7 @@ void PortList::rebuildPortMenu()
 
 std::optional<std::string> PortList::pathOfSerialPortWithName(const std::string& name) const
 {
-    for (const SerialPort::Ptr& port : _manager.availablePorts()) {
+    for (const SerialPort::Ptr& port : manager().availablePorts()) {
         if (port->name() == name) {
             return port->path();
         }
@@ -112,7 +118,7 @@ std::optional<std::string> PortList::pathOfSelectedPort() const
 
 CombinedUsbIdentifier PortList::getPIDVID(const std::string& path) const
 {
-    for (const SerialPort::Ptr& port : _manager.availablePorts()) {
+    for (const SerialPort::Ptr& port : manager().availablePorts()) {
         if (port->path() == path) {
             return combinedUsbIdentifier(vendorID(*port).value_or(0), productID(*port).value_or(0));
         }
@@ -130,9 +136,14 @@ void PortList::resetDevice(const std::string& path, int delay)
 void PortList::resetDevice(const std::string& path, int delay, std::stop_token stop)
 {
     SerialPort::Ptr port = SerialPort::serialPortWithPath(path);
+    std::function<void(const SerialPort::Ptr&)> store;
     {
         std::lock_guard lock(_serialMutex);
         _serial = port;
+        store = _storeSerial;
+    }
+    if (store) {
+        store(port);
     }
     if (port) {
         port->setDTR(false);
@@ -165,6 +176,12 @@ SerialPort::Ptr PortList::serial() const
     return _serial;
 }
 
+void PortList::setSerialStore(std::function<void(const SerialPort::Ptr& port)> store)
+{
+    std::lock_guard lock(_serialMutex);
+    _storeSerial = std::move(store);
+}
+
 // --- the FTDI driver ----------------------------------------------------------------------
 
 void PortList::warnIfFTDIDriverMissing(bool installed)
@@ -189,6 +206,48 @@ void PortList::alertDidClose(int returnCode)
 std::string PortList::ftdiDriverDownloadURL()
 {
     return QUENDRAL_FTDI_DRIVER_URL;
+}
+
+// --- MainViewController's port list -------------------------------------------------------
+
+std::optional<std::string> MainViewController::pathOfSelectedPort() const
+{
+    return _portList.pathOfSelectedPort();
+}
+
+std::optional<std::string> MainViewController::pathOfSerialPortWithName(const std::string& name) const
+{
+    return _portList.pathOfSerialPortWithName(name);
+}
+
+CombinedUsbIdentifier MainViewController::getPIDVID(const std::string& path) const
+{
+    return _portList.getPIDVID(path);
+}
+
+void MainViewController::updateSerialPorts()
+{
+    _portList.updateSerialPorts();
+}
+
+void MainViewController::resetDevice(const std::string& path, int delay)
+{
+    _portList.resetDevice(path, delay);
+}
+
+void MainViewController::alertDidClose(int returnCode)
+{
+    _portList.alertDidClose(returnCode);
+}
+
+void MainViewController::observePortChanges()
+{
+    _portList.observePortChanges();
+}
+
+void MainViewController::warnIfFTDIDriverMissing()
+{
+    _portList.warnIfFTDIDriverMissing();
 }
 
 } // namespace quendral

@@ -20,6 +20,7 @@
 #include "serial/serial_port_manager.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,9 +36,10 @@ namespace quendral {
 
 class PortList {
 public:
-    // appDelegate may be null (no secondary windows).
-    PortList(MainView& view, ApplicationDelegate* appDelegate,
-             SerialPortManager& manager = SerialPortManager::sharedSerialPortManager(), Clock& clock = systemClock());
+    // appDelegate may be null (no secondary windows). Without a manager the
+    // shared one is used, fetched (and so created) on first need only.
+    PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager* manager = nullptr,
+             Clock& clock = systemClock());
     ~PortList();
     PortList(const PortList&) = delete;
     PortList& operator=(const PortList&) = delete;
@@ -61,6 +63,9 @@ public:
     void resetDevice(const std::string& path, int delay);
     void resetDevice(const std::string& path, int delay, std::stop_token stop);
     [[nodiscard]] SerialPort::Ptr serial() const;
+    // Where the owner keeps its port object (MainViewController's `serial`):
+    // resetDevice stores its port there too.
+    void setSerialStore(std::function<void(const SerialPort::Ptr& port)> store);
 
     // The FTDI serial driver is part of the Linux kernel.
     [[nodiscard]] static bool isFTDIInstalled() { return true; }
@@ -75,10 +80,11 @@ public:
 
 private:
     void rebuildPortMenu();
+    [[nodiscard]] SerialPortManager& manager() const;
 
     MainView& _view;
     ApplicationDelegate* _appDelegate;
-    SerialPortManager& _manager;
+    SerialPortManager* _manager;
     Clock& _clock;
     ScopedObserver _connectedObserver;
     ScopedObserver _disconnectedObserver;
@@ -88,6 +94,7 @@ private:
 
     mutable std::mutex _serialMutex;
     SerialPort::Ptr _serial;
+    std::function<void(const SerialPort::Ptr& port)> _storeSerial;
 };
 
 } // namespace quendral

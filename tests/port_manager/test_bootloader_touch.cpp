@@ -1,7 +1,7 @@
 // The 1200-baud touch on simulated USB boards: the board leaves the bus and
 // comes back as its boot loader; the port manager and the menu follow.
 #include "port_manager_world.h"
-#include "recording_main_view.h"
+#include "port_menu_view.h"
 
 #include "controller/port_list.h"
 #include "simulated_usb_board.h"
@@ -69,8 +69,8 @@ protected:
         EXPECT_TRUE(waitFor([&] { return done.load(); })) << "resetDevice did not return";
     }
 
-    RecordingMainView view;
-    RecordingApplicationDelegate appDelegate;
+    PortMenuView view;
+    MonitorStateDelegate appDelegate;
     RecordingClock clock;
 };
 
@@ -78,7 +78,7 @@ protected:
 
 TEST_F(BootloaderTouch, TouchingASamBoardBringsUpItsSambaBootLoaderAndTheMenuFollows)
 {
-    PortList list(view, &appDelegate, manager(), clock);
+    PortList list(view, &appDelegate, &manager(), clock);
     list.observePortChanges();
     sim::SimulatedUsbBoard board(*world().testbed, sim::SimulatedUsbBoard::korbatekDue(nextTtyName("ttyACM")));
     board.plugIn();
@@ -117,7 +117,7 @@ TEST_F(BootloaderTouch, TouchingASamBoardBringsUpItsSambaBootLoaderAndTheMenuFol
 
 TEST_F(BootloaderTouch, AnAtmega32U4BoardIsTouchedWithItsDelayAndComesBackAsItsBootLoader)
 {
-    PortList list(view, &appDelegate, manager(), clock);
+    PortList list(view, &appDelegate, &manager(), clock);
     sim::SimulatedUsbBoard board(*world().testbed, sim::SimulatedUsbBoard::atmega32u4(nextTtyName("ttyACM")));
     board.setRebootTime(50ms);
     board.plugIn();
@@ -171,7 +171,7 @@ TEST_F(BootloaderTouch, FlashingDoneRebootsIntoTheApplicationIdentityAndItsContr
     });
     board.plugIn();
     const std::string path = board.device()->devnode();
-    PortList list(view, &appDelegate, manager(), clock);
+    PortList list(view, &appDelegate, &manager(), clock);
     ASSERT_TRUE(waitFor([&] { return listed(path); }));
 
     board.rebootIntoBootloader();
@@ -209,7 +209,7 @@ TEST_F(BootloaderTouch, FlashingDoneRebootsIntoTheApplicationIdentityAndItsContr
 
 TEST_F(BootloaderTouch, AResetOfAPortThatNeverOpensKeepsTryingUntilStopped)
 {
-    PortList list(view, &appDelegate, manager(), clock);
+    PortList list(view, &appDelegate, &manager(), clock);
     std::atomic<bool> returned{false};
     {
         std::jthread worker([&](std::stop_token stop) {

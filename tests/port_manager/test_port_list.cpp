@@ -1,6 +1,6 @@
 // The port menu against the real port manager in a umockdev world.
 #include "port_manager_world.h"
-#include "recording_main_view.h"
+#include "port_menu_view.h"
 
 #include "controller/port_list.h"
 #include "serial/serial_port_attributes.h"
@@ -49,8 +49,8 @@ protected:
         ASSERT_TRUE(waitFor([&] { return view.rebuilds() > rebuilds; }));
     }
 
-    RecordingMainView view;
-    RecordingApplicationDelegate appDelegate;
+    PortMenuView view;
+    MonitorStateDelegate appDelegate;
     std::unique_ptr<PortList> list;
 };
 

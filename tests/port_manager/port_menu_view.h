@@ -12,7 +12,7 @@
 
 namespace quendral::test {
 
-class RecordingMainView final : public MainView {
+class PortMenuView final : public MainView {
 public:
     void setStatusText(const std::string& text) override { record("status " + text); }
     void setStatusTextWithLink(const std::string& text, std::size_t /*linkLength*/, const std::string& url) override
@@ -117,7 +117,7 @@ inline std::string lastTitle(const MainView& view)
 
 // The serial monitor's state as the application delegate reports it, and the
 // requests to open it.
-class RecordingApplicationDelegate final : public ApplicationDelegate {
+class MonitorStateDelegate final : public ApplicationDelegate {
 public:
     void openSerialMonitor(const std::string& path) override
     {
