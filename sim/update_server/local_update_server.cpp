@@ -60,7 +60,8 @@ LocalUpdateServer::LocalUpdateServer(LocalUpdateServerOptions options)
                                      "--identity",
                                      options.identity,
                                      "--record",
-                                     (_folder / "requests.jsonl").string()};
+                                     (_folder / "requests.jsonl").string(),
+                                     "--exit-with-parent"};
     args.insert(args.end(), options.arguments.begin(), options.arguments.end());
     std::vector<char*> argv;
     for (std::string& arg : args) {

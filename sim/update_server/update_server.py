@@ -322,6 +322,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return
         command = request.get("cmd") if isinstance(request, dict) else None
         fault = state.take_fault(("non_json", "html_500", "json_500", "raw", "stall", "slow", "drop"), command)
+        if fault:
+            sys.stderr.write("update_server: %s -> fault %s\n" % (command, fault))
         if fault == "stall":
             state.stop.wait()
             self.close_connection = True
@@ -348,6 +350,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_json(400, {"status": "error", "description": "bad_request"})
             return
         answer = state.answer(request)
+        sys.stderr.write("update_server: %s -> %s %s\n" % (command, answer.get("status"), answer.get("description")))
         rate = None
         if fault == "slow":
             with state.lock:
@@ -416,6 +419,17 @@ def serve(args):
 
     signal.signal(signal.SIGTERM, stop)
     signal.signal(signal.SIGINT, stop)
+    if args.exit_with_parent:
+        # A test that crashes cannot stop us; do not outlive it.
+        parent = os.getppid()
+
+        def watch_parent():
+            while not state.stop.wait(0.5):
+                if os.getppid() != parent:
+                    stop(None, None)
+                    return
+
+        threading.Thread(target=watch_parent, daemon=True).start()
     port = server.server_address[1]
     sys.stderr.write("update_server: https://%s:%d/api.php (certificate %s)\n" % (args.host, port, cert))
     print(port, flush=True)
@@ -439,6 +453,8 @@ def main():
     run.add_argument("--key", help="PEM private key, instead of --certs")
     run.add_argument("--host", default="127.0.0.1")
     run.add_argument("--port", type=int, default=0, help="0 (default): any free port")
+    run.add_argument("--exit-with-parent", action="store_true",
+                     help="stop when the process that started the server ends (tests use this)")
     run.add_argument("--record", help="append every request to this JSON-lines file")
     run.add_argument("--firmware", help="Intel-HEX file to serve (default: one generated per CID)")
     run.add_argument("--polls", type=int, help="ticket polls before the file is ready (default 2)")

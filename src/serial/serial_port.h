@@ -153,7 +153,29 @@ public:
     // The termios record found at open (restored on close).
     [[nodiscard]] termios originalPortAttributes() const;
 
+    // --- packets (serial_port_packets.cpp) --------------------------------
+    // Listening changes the descriptor list on requestHandlingQueue and waits
+    // for it: never call these from that queue (they then do nothing). A
+    // descriptor listened for twice keeps its one buffer.
+    void startListeningForPacketsMatchingDescriptor(const std::shared_ptr<SerialPacketDescriptor>& descriptor);
+    void stopListeningForPacketsMatchingDescriptor(const std::shared_ptr<SerialPacketDescriptor>& descriptor);
+    // In the order listening began.
+    [[nodiscard]] std::vector<std::shared_ptr<SerialPacketDescriptor>> packetDescriptors() const;
+
+    // --- requests (serial_port_requests.cpp) ------------------------------
+    // Sends now when no request is pending (waiting for the write), else
+    // queues. False when the immediate send failed, and when called from
+    // requestHandlingQueue (refused: it would wait for itself).
+    bool sendRequest(const std::shared_ptr<SerialRequest>& request);
+    // Both return at once. The pending request cannot be cancelled.
+    void cancelQueuedRequest(const std::shared_ptr<SerialRequest>& request);
+    void cancelAllQueuedRequests();
+    // The waiting requests, oldest first (not the pending one).
+    [[nodiscard]] std::vector<std::shared_ptr<SerialRequest>> queuedRequests() const;
+    [[nodiscard]] std::shared_ptr<SerialRequest> pendingRequest() const;
+
     struct ReadSource;
+    struct PacketsAndRequests;
 
 private:
     SerialPort(const DeviceHandle& device, std::string path, std::string name);
@@ -182,9 +204,19 @@ private:
     // drop the queued requests and the pending one.
     void resetRequestsAfterClose();
 
+    // Packets and requests (serial_port_packets.cpp, serial_port_requests.cpp).
+    static std::shared_ptr<PacketsAndRequests> makePacketsAndRequests();
+    void detectPackets(std::uint8_t byte);
+    bool reallySendRequest(const std::shared_ptr<SerialRequest>& request);
+    void sendNextRequest();
+    void checkResponseToPendingRequestAndContinueIfValidWithReceivedByte(std::optional<std::uint8_t> byte);
+    void pendingRequestDidTimeout();
+
     const std::string _path;
     const std::string _name;
     dispatch::QueuePtr _requestHandlingQueue;
+    // Lives on requestHandlingQueue; lists that other threads read are guarded inside.
+    std::shared_ptr<PacketsAndRequests> _packetsAndRequests = makePacketsAndRequests();
 
     std::atomic<int> _fileDescriptor{0};
     std::mutex _descriptorMutex; // held while the line poll uses the descriptor and while it is closed

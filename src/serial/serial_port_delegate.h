@@ -53,6 +53,8 @@ public:
                                               const std::shared_ptr<SerialRequest>& /*request*/)
     {
     }
+    // The request is null when its time limit passed after a close had already
+    // dropped it (closing does not stop the timer).
     virtual void serialPortRequestDidTimeout(const std::shared_ptr<SerialPort>& /*port*/,
                                              const std::shared_ptr<SerialRequest>& /*request*/)
     {

@@ -1,21 +1,35 @@
 // SerialPort: where packets and requests hook into the port.
 //
 // Packet detection and request/response handling keep their state on the
-// port's requestHandlingQueue. The port calls in here from that queue; the
-// packet and request machinery fills these in.
-#include "serial/serial_port.h"
+// port's requestHandlingQueue; the port calls in here from that queue.
+#include "serial/serial_port_packets_requests.h"
 
 namespace quendral {
 
-void SerialPort::handleReceivedChunk(const SerialData& /*chunk*/)
+void SerialPort::handleReceivedChunk(const SerialData& chunk)
 {
-    // For each byte: every listened-for packet descriptor, then the pending
-    // request's response check. No descriptors or requests exist yet.
+    // Byte by byte: every listened-for descriptor sees the byte before the
+    // pending request's response check does.
+    for (const std::uint8_t byte : chunk) {
+        detectPackets(byte);
+        checkResponseToPendingRequestAndContinueIfValidWithReceivedByte(byte);
+    }
 }
 
 void SerialPort::resetRequestsAfterClose()
 {
-    // Drops the queued requests and the pending one; none exist yet.
+    auto& state = *_packetsAndRequests;
+    bool hadQueuedRequests = false;
+    {
+        std::lock_guard lock(state.mutex);
+        hadQueuedRequests = !state.requestsQueue.empty();
+        state.requestsQueue.clear();
+        state.pendingRequest.reset();
+    }
+    // The time-out timer keeps running: closing has never stopped it.
+    if (hadQueuedRequests) {
+        notifyPropertyObservers(SerialPortProperty::QueuedRequests);
+    }
 }
 
 } // namespace quendral

@@ -5,6 +5,8 @@
 #include "serial/serial_port.h"
 
 #include <algorithm>
+#include <chrono>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -16,11 +18,14 @@ namespace quendral::test {
 class RecordingSerialDelegate : public SerialPortDelegate {
 public:
     struct Event {
-        std::string kind; // "opened", "closed", "removed", "data", "error"
-        SerialData data;
+        std::string kind; // "opened", "closed", "removed", "data", "error", "packet", "response", "timeout"
+        SerialData data;  // the chunk, packet or response
         std::optional<SerialError> error;
         bool onMainThread = false;
         bool portOpenDuringCall = false;
+        std::shared_ptr<SerialPacketDescriptor> descriptor; // "packet"
+        std::shared_ptr<SerialRequest> request;             // "response", "timeout"
+        std::chrono::steady_clock::time_point at = std::chrono::steady_clock::now();
     };
 
     explicit RecordingSerialDelegate(std::set<SerialPortDelegateCallback> declined = {})
@@ -43,6 +48,21 @@ public:
     void serialPortDidEncounterError(const std::shared_ptr<SerialPort>& port, const SerialError& error) override
     {
         record("error", *port, {}, error);
+    }
+    void serialPortDidReceivePacket(const std::shared_ptr<SerialPort>& port, const SerialData& packet,
+                                    const std::shared_ptr<SerialPacketDescriptor>& descriptor) override
+    {
+        record("packet", *port, packet, std::nullopt, descriptor);
+    }
+    void serialPortDidReceiveResponse(const std::shared_ptr<SerialPort>& port, const SerialData& response,
+                                      const std::shared_ptr<SerialRequest>& request) override
+    {
+        record("response", *port, response, std::nullopt, nullptr, request);
+    }
+    void serialPortRequestDidTimeout(const std::shared_ptr<SerialPort>& port,
+                                     const std::shared_ptr<SerialRequest>& request) override
+    {
+        record("timeout", *port, {}, std::nullopt, nullptr, request);
     }
 
     [[nodiscard]] std::vector<Event> events() const
@@ -76,6 +96,15 @@ public:
         }
         return text;
     }
+    // The events of one kind, in order.
+    [[nodiscard]] std::vector<Event> eventsOfKind(const std::string& kind) const
+    {
+        std::lock_guard lock(_mutex);
+        std::vector<Event> result;
+        std::copy_if(_events.begin(), _events.end(), std::back_inserter(result),
+                     [&](const Event& e) { return e.kind == kind; });
+        return result;
+    }
     [[nodiscard]] std::vector<SerialError> errors() const
     {
         std::lock_guard lock(_mutex);
@@ -90,11 +119,13 @@ public:
 
 private:
     void record(std::string kind, const SerialPort& port, SerialData data = {},
-                std::optional<SerialError> error = std::nullopt)
+                std::optional<SerialError> error = std::nullopt,
+                std::shared_ptr<SerialPacketDescriptor> descriptor = nullptr,
+                std::shared_ptr<SerialRequest> request = nullptr)
     {
         std::lock_guard lock(_mutex);
-        _events.push_back(
-            {std::move(kind), std::move(data), std::move(error), dispatch::isMainThread(), port.isOpen()});
+        _events.push_back({std::move(kind), std::move(data), std::move(error), dispatch::isMainThread(), port.isOpen(),
+                           std::move(descriptor), std::move(request), std::chrono::steady_clock::now()});
     }
 
     std::set<SerialPortDelegateCallback> _declined;
