@@ -1,10 +1,12 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# quendral_add_gtest(<target> LABELS <labels...> SOURCES <files...> [LIBS <libs...>] [WRAPPER <cmd...>] [ENV <k=v...>])
+# quendral_add_gtest(<target> [SERIAL] LABELS <labels...> SOURCES <files...> [LIBS <libs...>] [WRAPPER <cmd...>] [ENV <k=v...>])
 # One executable; every GoogleTest case becomes a CTest test carrying the labels.
 function(quendral_add_gtest target)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "LABELS;SOURCES;LIBS;WRAPPER;ENV" ${ARGN})
+  # SERIAL: the tests run alone (simulated boards paced to the wall clock
+  # fall behind when another test competes for the two cores).
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "LABELS;SOURCES;LIBS;WRAPPER;ENV" ${ARGN})
   add_executable(${target} ${ARG_SOURCES})
   target_link_libraries(${target} PRIVATE quendral_warnings GTest::gtest GTest::gtest_main GTest::gmock ${ARG_LIBS})
   if(NOT ARG_TIMEOUT)
@@ -25,5 +27,5 @@ function(quendral_add_gtest target)
   gtest_discover_tests(${target}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 30
-    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${ARG_SERIAL})
 endfunction()

@@ -8,7 +8,8 @@ namespace {
 SamBoardOptions optionsFor(const std::string& initialImage)
 {
     SamBoardOptions options;
-    options.initialImage = initialImage;
+    // A board without firmware: flash that carries no Controller, boot-from-flash off.
+    options.initialImage = initialImage.empty() ? QUENDRAL_LAB_IMAGE_DIR "/lab_no_firmware.bin" : initialImage;
     options.bootFromFlash = !initialImage.empty();
     return options;
 }

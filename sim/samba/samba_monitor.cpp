@@ -37,7 +37,13 @@ void SambaMonitor::feed(const uint8_t* data, size_t size, std::vector<uint8_t>& 
             command_.clear();
             continue;
         }
-        if (command_.empty() && (c == '\n' || c == '\r' || c == ' ')) {
+        if (c == '\n' || c == '\r') {
+            // Text the firmware side sent before the boot loader took over
+            // ("prepareUpload\n") never reaches a '#': a line break ends it.
+            command_.clear();
+            continue;
+        }
+        if (command_.empty() && c == ' ') {
             continue;
         }
         if (command_.size() >= kMaxCommand) {

@@ -40,6 +40,9 @@ void AppDelegate::applicationDidFinishLaunching()
     _ipConfigWindow = std::make_unique<HostWindow>(QStringLiteral("IP configuration"));
     buildMenus();
     _mainViewController = MainViewController::create(*_mainView, this);
+    if (_serverConfig) {
+        _mainViewController->setUpdateServerConfig(*_serverConfig);
+    }
     _mainViewController->viewDidLoad();
     connectButtons();
     const std::weak_ptr<MainViewController> controller = _mainViewController;

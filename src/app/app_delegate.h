@@ -3,11 +3,13 @@
 // monitor and the IP configuration. Serves the two menu commands (update from
 // a file, show the log).
 #include "controller/main_view.h"
+#include "controller/update_server_client.h"
 #include "windows/window_host.h"
 
 #include <QObject>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,9 @@ public:
     AppDelegate& operator=(const AppDelegate&) = delete;
 
     void applicationDidFinishLaunching();
+    // The device lab's window talks to its local update server; the
+    // application itself keeps the build's server and reads no settings.
+    void setUpdateServerConfig(UpdateServerConfig config) { _serverConfig = std::move(config); }
 
     // --- ApplicationDelegate and WindowHost ---
     void openSerialMonitor(const std::string& path) override;
@@ -74,6 +79,7 @@ private:
     QtMainView* _mainView = nullptr; // owned by the main window
     QAction* _updateConfigMenuItem = nullptr;
     std::shared_ptr<MainViewController> _mainViewController;
+    std::optional<UpdateServerConfig> _serverConfig;
     windows::SerialMonitor* _serialMonitorController = nullptr; // owned by its window
     windows::IPConfig* _ipConfigController = nullptr;           // owned by its window
 };
