@@ -180,6 +180,7 @@ bool AvrBoard::start(int fd, const std::string& peerPath)
     free_ihex_chunks(chunks); // frees the chunks' data, not the array
     std::free(chunks);
     avr->reset_pc = bootStart; // BOOTRST programmed, as on the real boards
+    bootStart_ = bootStart;
     avr->pc = bootStart;
 
     uint32_t flags = 0;
@@ -247,6 +248,7 @@ void AvrBoard::run()
             avr->data[avr->reset_flags.extrf.reg] = 0;
             avr_regbit_set(avr, avr->reset_flags.extrf);
             core_->xon = true;
+            inApplication_ = false; // before the count: a reader of both sees the boot loader
             ++resets_;
         }
         core_->feedUart();
@@ -266,6 +268,7 @@ void AvrBoard::run()
                 break;
             }
         }
+        inApplication_ = avr->pc < bootStart_;
         if (options_.stuckFlashByte) {
             uint8_t& b = avr->flash[*options_.stuckFlashByte];
             if (b != core_->stuckLastSeen) {

@@ -53,6 +53,9 @@ public:
     // External reset (the DTR pulse): the boot loader starts with EXTRF set.
     void resetNow();
     unsigned resetCount() const { return resets_.load(); }
+    // True while the core executes outside the boot section (the application,
+    // or erased flash on its way to the boot loader).
+    bool runningApplication() const { return inApplication_.load(); }
 
     std::vector<uint8_t> flash() const;
     uint32_t flashSize() const;
@@ -72,6 +75,8 @@ private:
     std::atomic<bool> stop_{false};
     std::atomic<bool> resetRequested_{false};
     std::atomic<unsigned> resets_{0};
+    std::atomic<bool> inApplication_{false};
+    uint32_t bootStart_ = 0;
     std::string error_;
 };
 

@@ -197,8 +197,10 @@ void SerialLink::pump(int timeoutMs)
         readInotify();
     }
     pollHangup();
+    // What the peer wrote just before it closed is still there to be read (a
+    // tool's last command, e.g. bossac's reset): read even after the hang-up.
+    readInput();
     if (peerOpen_) {
-        readInput();
         flushOutput();
     }
 }

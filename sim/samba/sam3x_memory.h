@@ -40,6 +40,7 @@ public:
 
     // Set by a write to the reset controller with its key; cleared by the caller.
     bool takeResetRequest();
+    bool resetPending() const { return resetRequested_; }
 
     // Failure mode: this flash offset never keeps the value a page write gives it.
     void setStuckByte(std::optional<uint32_t> flashOffset) { stuck_ = flashOffset; }

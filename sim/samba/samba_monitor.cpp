@@ -35,6 +35,9 @@ void SambaMonitor::feed(const uint8_t* data, size_t size, std::vector<uint8_t>& 
         if (c == '#') {
             execute(command_, out);
             command_.clear();
+            if (memory_.resetPending()) {
+                return; // the chip is resetting: whatever followed is lost
+            }
             continue;
         }
         if (c == '\n' || c == '\r') {

@@ -21,6 +21,7 @@ public:
     explicit SambaMonitor(Sam3xMemory& memory) : memory_(memory) {}
 
     // Consumes bytes from the host; appends the monitor's answers to `out`.
+    // Bytes after a command that resets the chip are dropped.
     void feed(const uint8_t* data, size_t size, std::vector<uint8_t>& out);
     // Forgets a half-received command (after a reset or a new session).
     void restart();

@@ -299,8 +299,11 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const 
         record += "P: " + interface + "/" + info.ttyName + "\nE: SUBSYSTEM=usb-serial\nE: DRIVER=ftdi_sio\n\n";
         tty = interface + "/" + info.ttyName + "/tty/" + info.ttyName;
     }
+    // umockdev's isatty() counts only major 4 as a terminal (avrdude checks
+    // isatty() before it sets the line up): the number is borrowed from there,
+    // with minors above the built-in ports'.
     record += "P: " + tty + "\nN: " + info.ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + info.ttyName +
-              "\nA: dev=" + (acm ? "166:" : "188:") + std::to_string(number) + "\n";
+              "\nA: dev=4:" + std::to_string((acm ? 128 : 192) + number) + "\n";
     return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce);
 }
 

@@ -12,7 +12,8 @@
 // TIOCMBIS/TIOCMBIC answer from a simulated line state the test can read and
 // set) and records TIOCEXCL/TIOCNXCL; everything else goes to the real pty.
 // unplug() behaves like pulling the cable: a "remove" uevent, every ioctl
-// answers EIO, and the terminal is hung up (reads give 0, poll gives POLLHUP),
+// answers EIO, and the terminal is hung up (reads give 0, poll gives POLLHUP;
+// the hang-up, TIOCVHANGUP, needs root or CAP_SYS_ADMIN),
 // then the device leaves the tree.
 //
 // Only works inside umockdev's preload: run the program under

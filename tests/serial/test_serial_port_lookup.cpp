@@ -129,3 +129,9 @@ TEST_F(SerialPortLookup, UsbIdentityIsFoundAboveThePort)
     EXPECT_EQ(vendor, "2341");
     EXPECT_EQ(product, "003e");
 }
+
+TEST_F(SerialPortLookup, PortWithoutADeviceIsAProgrammingErrorThatStopsTheProgram)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(SerialPort::serialPortWithDevice(nullptr), "initWithDevice: requires non-zero device argument\\.");
+}

@@ -87,3 +87,23 @@ TEST(SerialLink, InotifyCountsAnOpenAndCloseTooQuickToSee)
     EXPECT_EQ(link.takeOpens(), 1u);
     EXPECT_EQ(link.takeCloses(), 1u);
 }
+
+TEST(SerialLink, BytesWrittenJustBeforeTheCloseAreStillRead)
+{
+    for (bool watchNode : {true, false}) {
+        Line line;
+        SerialLink link(line.pty.master, watchNode ? line.pty.slavePath : std::string());
+        pumpFew(link);
+        int peer = open(line.pty.slavePath.c_str(), O_RDWR | O_NOCTTY);
+        ASSERT_GE(peer, 0);
+        termios tio{};
+        tcgetattr(peer, &tio);
+        cfmakeraw(&tio);
+        tcsetattr(peer, TCSANOW, &tio);
+        ASSERT_EQ(write(peer, "last words", 10), 10);
+        close(peer); // before the link has looked at all
+        pumpFew(link);
+        EXPECT_FALSE(link.peerOpen());
+        EXPECT_EQ(std::string(link.input().begin(), link.input().end()), "last words") << watchNode;
+    }
+}

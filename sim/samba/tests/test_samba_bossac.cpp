@@ -56,15 +56,25 @@ ToolRun bossac(const std::string& port, const std::string& file)
     return runTool({"bossac", "-i", "--port=" + port, "--usb-port=1", "-e", "-w", "-v", "-b", file, "-R"}, 60);
 }
 
-bool ask(const std::string& port, std::string& cid, std::string& version, double seconds = 3)
+// Asks like the application does: both requests once a second until both
+// replies came (a board that has just reset may miss the first requests).
+bool ask(const std::string& port, std::string& cid, std::string& version, double seconds = 10)
 {
     LineClient client(port);
     if (!client.isOpen()) {
         return false;
     }
-    client.send("getCID\ngetVersion\n");
-    cid = client.waitForLine("CID:", seconds);
-    version = client.waitForLine("VERSION:", seconds);
+    cid.clear();
+    version.clear();
+    for (double waited = 0; waited < seconds && (cid.empty() || version.empty()); waited += 1) {
+        client.send("getCID\ngetVersion\n");
+        if (cid.empty()) {
+            cid = client.waitForLine("CID:", 1.0);
+        }
+        if (!cid.empty()) {
+            version = client.waitForLine("VERSION:", 1.0);
+        }
+    }
     return !cid.empty() && !version.empty();
 }
 

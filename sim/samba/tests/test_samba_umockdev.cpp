@@ -40,15 +40,23 @@ template <typename Pred> bool waitFor(Pred pred, double seconds)
     return true;
 }
 
+// Asks like the application does: once a second until both replies came.
 std::string askCid(const std::string& node)
 {
     LineClient client(node);
     if (!client.isOpen()) {
         return "cannot open " + node;
     }
-    client.send("getCID\ngetVersion\n");
-    std::string cid = client.waitForLine("CID:", 3);
-    std::string version = client.waitForLine("VERSION:", 1);
+    std::string cid, version;
+    for (int pass = 0; pass < 10 && (cid.empty() || version.empty()); ++pass) {
+        client.send("getCID\ngetVersion\n");
+        if (cid.empty()) {
+            cid = client.waitForLine("CID:", 1.0);
+        }
+        if (!cid.empty()) {
+            version = client.waitForLine("VERSION:", 1.0);
+        }
+    }
     return cid + " " + version;
 }
 
