@@ -6,16 +6,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ;
 
 #ifndef QUENDRAL_UPDATE_SERVER_SCRIPT
 #error "QUENDRAL_UPDATE_SERVER_SCRIPT must be defined by the build"
@@ -47,7 +45,7 @@ LocalUpdateServer::LocalUpdateServer(LocalUpdateServerOptions options)
 {
     std::string pattern = (std::filesystem::temp_directory_path() / "quendral-update-server-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
-        _error = std::string("mkdtemp: ") + std::strerror(errno);
+        _error = std::string("mkdtemp: ") + std::system_category().message(errno);
         return;
     }
     _folder = pattern;
@@ -64,6 +62,7 @@ LocalUpdateServer::LocalUpdateServer(LocalUpdateServerOptions options)
                                      "--exit-with-parent"};
     args.insert(args.end(), options.arguments.begin(), options.arguments.end());
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& arg : args) {
         argv.push_back(arg.data());
     }
@@ -71,7 +70,7 @@ LocalUpdateServer::LocalUpdateServer(LocalUpdateServerOptions options)
 
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
-        _error = std::string("pipe: ") + std::strerror(errno);
+        _error = std::string("pipe: ") + std::system_category().message(errno);
         return;
     }
     posix_spawn_file_actions_t actions;
@@ -83,7 +82,7 @@ LocalUpdateServer::LocalUpdateServer(LocalUpdateServerOptions options)
     _stdout = fds[0];
     if (spawned != 0) {
         _pid = -1;
-        _error = std::string("posix_spawn ") + kPython + ": " + std::strerror(spawned);
+        _error = std::string("posix_spawn ") + kPython + ": " + std::system_category().message(spawned);
         return;
     }
 

@@ -46,7 +46,7 @@ struct UpdateServerConfig {
     std::chrono::seconds connectTimeout{30};
     long lowSpeedLimitBytesPerSecond = 16;
     std::chrono::seconds lowSpeedTime{60};
-    std::size_t maxAnswerBytes = 64u * 1024u * 1024u;
+    std::size_t maxAnswerBytes = std::size_t{64} * 1024 * 1024;
 
     // Where the system's product version ("VERSION_ID") is read from.
     std::string osReleasePath = "/etc/os-release";

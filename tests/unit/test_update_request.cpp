@@ -79,7 +79,7 @@ TEST(UpdateRequest, BodiesAreCompact)
 {
     const auto body = quendral::ticketStatusBody(TicketId("T 1"), "CID with blanks", true);
     ASSERT_TRUE(std::holds_alternative<std::string>(body));
-    const std::string& text = std::get<std::string>(body);
+    const auto& text = std::get<std::string>(body);
     EXPECT_EQ(text, nlohmann::json::parse(text).dump());
     EXPECT_EQ(text.find(": "), std::string::npos);
 }

@@ -25,7 +25,7 @@ std::optional<std::string> decodeBase64(const std::string& text)
     if (n < 0) {
         return std::nullopt;
     }
-    std::size_t length = static_cast<std::size_t>(n);
+    auto length = static_cast<std::size_t>(n);
     for (auto it = text.rbegin(); it != text.rend() && *it == '='; ++it) {
         --length;
     }
@@ -41,7 +41,7 @@ std::string md5Hex(const std::string& data)
     std::string hex;
     for (unsigned int i = 0; i < size; ++i) {
         char two[3];
-        std::snprintf(two, sizeof two, "%02x", digest[i]);
+        (void)std::snprintf(two, sizeof two, "%02x", digest[i]);
         hex += two;
     }
     return hex;

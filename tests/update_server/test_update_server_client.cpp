@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-using quendral::ServerAnswer;
 using quendral::TicketId;
 using quendral::UpdateServerClient;
 using quendral::test::keysOf;
