@@ -1,0 +1,69 @@
+#pragma once
+// Flashes a firmware file into the SAM-based board by running bossac from the
+// resource folder on the port where the board's boot loader has appeared,
+// turns bossac's output into "uploadState" / "uploadProgress" notifications
+// (see upload_status.h) and reports whether bossac succeeded. One wrapper
+// serves one upload.
+//
+// The output of a run reaches the log file only when bossac failed: it is
+// collected in Logger's buffer chunk by chunk, prefixed "Bossac: ".
+//
+// Threads: startUpload() blocks its caller until bossac has exited. readData()
+// and terminated() run on the child process's reader and waiter threads, one
+// at a time, and post from there.
+#include "platform/child_process.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quendral {
+
+class BossacWrapper {
+public:
+    // `port` is the boot loader's device path. Logs "Bossac initiated".
+    explicit BossacWrapper(std::string port);
+    ~BossacWrapper();
+    BossacWrapper(const BossacWrapper&) = delete;
+    BossacWrapper& operator=(const BossacWrapper&) = delete;
+
+    // Erases, writes and verifies `hexFile`, sets boot-from-flash and resets the
+    // board. True exactly when bossac ran and exited with status 0.
+    bool startUpload(const std::string& hexFile);
+
+    // --- the two steps a run's output drives ---
+    // One chunk of output from the pipe `handle`; chunks from a pipe that is not
+    // this run's standard output or standard error are ignored.
+    void readData(ChildProcess::HandleId handle, std::string_view data);
+    // bossac has exited and all its output has been read.
+    void terminated(const ChildProcess::Termination& termination);
+
+    // Takes the pipes whose chunks count. startUpload() does this for every run;
+    // tests that replay recorded output call it directly.
+    void resetRunState(ChildProcess::HandleId standardOutput, ChildProcess::HandleId standardError);
+
+    // bossac's arguments for a port name and a firmware file.
+    static std::vector<std::string> uploadArguments(const std::string& portName, const std::string& hexFile);
+
+    [[nodiscard]] const std::string& port() const { return _port; }
+    // The name bossac knows the port by: the device path below /dev/
+    // ("ttyACM0", "pts/3"), where bossac looks names up; a path outside /dev
+    // stays whole.
+    [[nodiscard]] std::string portName() const;
+    [[nodiscard]] const std::string& hexFile() const { return _hexFile; }
+
+private:
+    std::string _port;
+    std::string _hexFile;
+    ChildProcess::HandleId _stdout = 0;
+    ChildProcess::HandleId _stderr = 0;
+    bool _hasUploaded = false;
+    bool _appeared = false;
+    bool _disappeared = false;
+
+    // Last, so that it goes first: its threads call back into the fields above.
+    std::unique_ptr<ChildProcess> bossac;
+};
+
+} // namespace quendral

@@ -1,0 +1,32 @@
+#pragma once
+// What the flashing-tool wrappers tell the main window while a tool runs: two
+// notifications on NotificationCenter::defaultCenter(), the wrapper as sender.
+//
+//   "uploadState"     object: std::string, the status line to show
+//   "uploadProgress"  object: int, the progress bar value in percent
+//
+// Observers read them with objectAs<std::string>() and objectAs<int>().
+// The progress is passed on as the tools' output gives it, so it is 0..100 in
+// practice but is not clamped (bossac's "1234%" yields 234).
+#include <string>
+
+namespace quendral::upload {
+
+inline constexpr const char* kStateNotification = "uploadState";
+inline constexpr const char* kProgressNotification = "uploadProgress";
+
+// Status texts, shown to the user exactly as written.
+inline constexpr const char* kPreparingUpload = "Preparing upload...";
+inline constexpr const char* kWritingFirmware = "Writing firmware...";
+inline constexpr const char* kVerifyingFirmware = "Verifying firmware...";
+inline constexpr const char* kIdentifyingDeviceType = "Identifying device type...";
+inline constexpr const char* kFirmwareUpdated = "Firmware successfully updated!";
+inline constexpr const char* kUpdateFailed = "An error occured during the firmware update";
+
+// Both wrappers report a missing or non-executable tool with this one line.
+inline constexpr const char* kNotExecutable = "Bossac: Not executable";
+
+void postState(const void* sender, const std::string& text);
+void postProgress(const void* sender, int percent);
+
+} // namespace quendral::upload
