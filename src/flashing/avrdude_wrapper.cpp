@@ -14,8 +14,14 @@ namespace {
 
 // Three full bars of 50 marks: the signature read, the write and the verifying read.
 constexpr std::uint64_t kMarksOfASuccessfulRun = 150;
+// avrdude 7 (the one Debian ships) draws no bar for the signature read: a good
+// run is then one write bar and one verifying bar, both full.
+constexpr std::uint64_t kMarksOfASuccessfulRunWithoutSignatureBar = 100;
 constexpr std::size_t kSignatureBlockSize = 64;
+constexpr std::size_t kVerificationPhraseLength = std::string_view("verification mismatch").size();
 constexpr std::string_view kSignatureKey = "Device signature = ";
+// avrdude 7 starts the line in lower case.
+constexpr std::string_view kSignatureKeyLowerCase = "device signature = ";
 constexpr std::size_t kSignatureLength = 8;
 
 std::filesystem::path avrdudeExecutable()
@@ -30,6 +36,12 @@ std::filesystem::path avrdudeConfig()
 bool contains(std::string_view text, std::string_view part)
 {
     return text.find(part) != std::string_view::npos;
+}
+
+std::size_t findSignatureKey(std::string_view block)
+{
+    const auto at = block.find(kSignatureKey);
+    return at != std::string_view::npos ? at : block.find(kSignatureKeyLowerCase);
 }
 
 } // namespace
@@ -48,6 +60,8 @@ void AvrdudeWrapper::resetRunState(ChildProcess::HandleId standardOutput, ChildP
     _isReading = false;
     _countHash = 0;
     _totalHash = 0;
+    _bars.clear();
+    _previousTail.clear();
     _stdout = standardOutput;
     _stderr = standardError;
 }
@@ -100,25 +114,39 @@ void AvrdudeWrapper::readData(ChildProcess::HandleId handle, std::string_view da
     if (contains(data, "Writing | ")) {
         _isWriting = true;
         _countHash = 0;
+        _bars.push_back(Bar::Write);
         upload::postState(this, upload::kWritingFirmware);
     } else if (contains(data, "Reading | ")) {
         upload::postState(this, upload::kVerifyingFirmware);
         _isReading = true;
         _countHash = 0;
+        _bars.push_back(Bar::Read);
     }
-    if (contains(data, "verification error")) {
+    // avrdude 7 words a failed comparison "verification mismatch", and writes
+    // the first letter of a message on its own: look across the chunk border.
+    const std::string window = _previousTail + std::string(data);
+    if (contains(window, "verification error") || contains(window, "verification mismatch")) {
         _verificationError = true;
     }
+    _previousTail = window.substr(window.size() - std::min(window.size(), kVerificationPhraseLength - 1));
     const auto marks = static_cast<std::uint64_t>(std::count(data.begin(), data.end(), '#'));
     _countHash += marks;
     _totalHash += marks;
     upload::postProgress(this, static_cast<int>(std::min<std::uint64_t>(_countHash * 2, INT_MAX)));
 }
 
+bool AvrdudeWrapper::allBarsComplete() const
+{
+    if (_totalHash == kMarksOfASuccessfulRun) {
+        return true;
+    }
+    return _totalHash == kMarksOfASuccessfulRunWithoutSignatureBar && _bars == std::vector<Bar>{Bar::Write, Bar::Read};
+}
+
 void AvrdudeWrapper::terminated()
 {
     Logger::log(std::to_string(_totalHash));
-    if (_totalHash == kMarksOfASuccessfulRun && !_verificationError) {
+    if (allBarsComplete() && !_verificationError) {
         Logger::log("Avrdude terminated successfully");
         Logger::clearCurrentBuffer();
         upload::postState(this, upload::kFirmwareUpdated);
@@ -178,8 +206,20 @@ std::optional<std::string> AvrdudeWrapper::getSignature(const std::vector<std::s
             break;
         }
         Logger::log("Avrdude: " + block);
-        if (const auto at = block.find(kSignatureKey); at != std::string::npos) {
-            signature = block.substr(at + kSignatureKey.size(), kSignatureLength);
+        if (const auto at = findSignatureKey(block); at != std::string::npos) {
+            // avrdude 7 writes the signature's bytes one by one, so they may
+            // come in the next blocks.
+            std::string text = block.substr(at + kSignatureKey.size());
+            while (text.size() < kSignatureLength) {
+                const std::string more =
+                    avrdude->readAvailable(ChildProcess::Stream::StandardError, kSignatureBlockSize);
+                if (more.empty()) {
+                    break;
+                }
+                Logger::log("Avrdude: " + more);
+                text += more;
+            }
+            signature = text.substr(0, kSignatureLength);
             Logger::log("Signature: " + *signature);
             break;
         }

@@ -2,7 +2,10 @@
 // Flashes an Intel-HEX file into an AVR board by running avrdude from the
 // resource folder, turns its output into "uploadState" / "uploadProgress"
 // notifications (see upload_status.h) and judges the run by the "#" marks of
-// its progress bars. One wrapper serves one upload.
+// its progress bars: a good run draws only full bars of 50 marks, three of them
+// (signature read, write, verifying read: 150 marks) or, with avrdude 7, which
+// draws no bar for the signature read, a write bar and a verifying bar (100),
+// and reports no verification error. One wrapper serves one upload.
 //
 // The output of a run reaches the log file only when the run failed: it is
 // collected in Logger's buffer chunk by chunk, prefixed "Avrdude: ".
@@ -66,6 +69,9 @@ public:
     [[nodiscard]] bool verificationError() const { return _verificationError; }
 
 private:
+    enum class Bar { Write, Read };
+    [[nodiscard]] bool allBarsComplete() const;
+
     ChildProcess::HandleId _stderr = 0;
     ChildProcess::HandleId _stdout = 0;
     bool _isWriting = false;
@@ -73,6 +79,8 @@ private:
     std::uint64_t _countHash = 0;
     std::uint64_t _totalHash = 0;
     bool _verificationError = false;
+    std::vector<Bar> _bars;    // the bars drawn so far, in order
+    std::string _previousTail; // the end of the previous chunk, for phrases split over two
 
     mutable std::mutex _hexFileMutex;
     std::string _hexFile;

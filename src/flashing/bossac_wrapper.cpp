@@ -30,7 +30,7 @@ const std::regex& percentage()
 
 } // namespace
 
-BossacWrapper::BossacWrapper(std::string port) : _port(std::move(port))
+BossacWrapper::BossacWrapper(std::string port) : _port(std::move(port)), _portObj(SerialPort::serialPortWithPath(_port))
 {
     _appeared = false;
     _disappeared = false;
@@ -41,6 +41,9 @@ BossacWrapper::~BossacWrapper() = default;
 
 std::string BossacWrapper::portName() const
 {
+    if (_portObj) {
+        return _portObj->name();
+    }
     const std::filesystem::path path(_port);
     const std::filesystem::path dev("/dev");
     if (const auto relative = path.lexically_relative(dev); !relative.empty() && *relative.begin() != "..") {
@@ -57,6 +60,21 @@ std::vector<std::string> BossacWrapper::uploadArguments(const std::string& portN
     // reset afterwards. bossac 1.9 takes native USB as "--usb-port=1": it
     // refuses a separate "true" and reads "-Utrue" as false.
     return {"-i", "--port=" + portName, "--usb-port=1", "-e", "-w", "-v", "-b", hexFile, "-R"};
+}
+
+void BossacWrapper::serialPortDidReceiveData(const std::shared_ptr<SerialPort>& /*port*/, const SerialData& data)
+{
+    // Bytes in groups of four, as a data object describes itself: <48656c6c 6f>.
+    std::string description = "<";
+    static const char* const digits = "0123456789abcdef";
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        if (i > 0 && i % 4 == 0) {
+            description += ' ';
+        }
+        description += digits[data[i] >> 4U];
+        description += digits[data[i] & 0x0FU];
+    }
+    Logger::log("Bossac: Serialportdata: " + description + ">");
 }
 
 void BossacWrapper::resetRunState(ChildProcess::HandleId standardOutput, ChildProcess::HandleId standardError)

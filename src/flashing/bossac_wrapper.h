@@ -12,6 +12,8 @@
 // and terminated() run on the child process's reader and waiter threads, one
 // at a time, and post from there.
 #include "platform/child_process.h"
+#include "serial/serial_port.h"
+#include "serial/serial_port_delegate.h"
 
 #include <memory>
 #include <string>
@@ -20,11 +22,11 @@
 
 namespace quendral {
 
-class BossacWrapper {
+class BossacWrapper : public SerialPortDelegate {
 public:
     // `port` is the boot loader's device path. Logs "Bossac initiated".
     explicit BossacWrapper(std::string port);
-    ~BossacWrapper();
+    ~BossacWrapper() override;
     BossacWrapper(const BossacWrapper&) = delete;
     BossacWrapper& operator=(const BossacWrapper&) = delete;
 
@@ -46,15 +48,20 @@ public:
     // bossac's arguments for a port name and a firmware file.
     static std::vector<std::string> uploadArguments(const std::string& portName, const std::string& hexFile);
 
+    // Never reached in practice: the wrapper opens no port and is nobody's
+    // delegate. Logs "Bossac: Serialportdata: <hex bytes>".
+    void serialPortDidReceiveData(const std::shared_ptr<SerialPort>& port, const SerialData& data) override;
+
     [[nodiscard]] const std::string& port() const { return _port; }
-    // The name bossac knows the port by: the device path below /dev/
-    // ("ttyACM0", "pts/3"), where bossac looks names up; a path outside /dev
-    // stays whole.
+    // The name bossac knows the port by: the serial port's name ("ttyACM0";
+    // bossac looks names up below /dev/). A path the serial layer does not know
+    // (a pseudo-terminal) is named below /dev/ ("pts/3"), or whole when outside.
     [[nodiscard]] std::string portName() const;
     [[nodiscard]] const std::string& hexFile() const { return _hexFile; }
 
 private:
     std::string _port;
+    SerialPort::Ptr _portObj; // only for its name; never opened
     std::string _hexFile;
     ChildProcess::HandleId _stdout = 0;
     ChildProcess::HandleId _stderr = 0;

@@ -316,3 +316,77 @@ TEST(AvrdudeBoards, EachKnownBoardHasItsSevenArguments)
         EXPECT_EQ(quendral::avrdudeBoardFor(unknown), nullptr) << std::hex << unknown;
     }
 }
+
+namespace {
+
+// What avrdude 7.1 prints: no bar for the signature read, and a failed
+// comparison is a "verification mismatch".
+std::string sessionOutput7(int writeMarks, int verifyMarks, const std::string& tail = "")
+{
+    return "avrdude: AVR device initialized and ready to accept instructions\n"
+           "avrdude: device signature = 0x1e9801 (probably m2560)\n"
+           "avrdude: reading input file blink.hex for flash\n"
+           "         with 502 bytes in 1 section within [0, 0x1f5]\n"
+           "avrdude: writing 502 bytes flash ...\n\nWriting | " +
+           marks(writeMarks) +
+           " | 100% 0.10s\n\navrdude: 502 bytes of flash written\navrdude: verifying flash memory against blink.hex\n"
+           "\nReading | " +
+           marks(verifyMarks) + " | 100% 0.05s\n\n" + tail + "\navrdude done.  Thank you.\n\n";
+}
+
+} // namespace
+
+TEST_F(AvrdudeOutput, AvrdudeSevenWithAFullWriteAndVerifyBarIsASuccess)
+{
+    feed(randomChunks(sessionOutput7(50, 50), 13));
+    wrapper.terminated();
+    EXPECT_EQ(wrapper.totalHash(), 100U);
+    const std::vector<std::string> expected{kWriting, kVerifying, kSuccess};
+    EXPECT_EQ(recorder.states(), expected);
+    EXPECT_EQ(timesReaching100(recorder.progress()), 2);
+    EXPECT_TRUE(log.contains("] 100\n"));
+    EXPECT_FALSE(log.contains("Avrdude: "));
+}
+
+TEST_F(AvrdudeOutput, AvrdudeSevenWithAShortBarIsAFailure)
+{
+    feed(randomChunks(sessionOutput7(50, 49), 17));
+    wrapper.terminated();
+    EXPECT_EQ(recorder.states().back(), kFailure);
+}
+
+TEST_F(AvrdudeOutput, AHundredMarksInOtherBarsAreAFailure)
+{
+    // A signature bar and a write bar, then nothing verified.
+    feed({"Reading | " + marks(50), "Writing | " + marks(50)});
+    wrapper.terminated();
+    EXPECT_EQ(wrapper.totalHash(), 100U);
+    EXPECT_EQ(recorder.states().back(), kFailure);
+}
+
+TEST_F(AvrdudeOutput, AvrdudeSevensVerificationMismatchIsAVerificationError)
+{
+    feed(randomChunks(sessionOutput7(50, 50,
+                                     "avrdude error: verification mismatch\n"
+                                     "        device 0xff != input 0x0c at addr 0x0010 (error)\n"
+                                     "avrdude error: verification mismatch\n"),
+                      19));
+    wrapper.terminated();
+    EXPECT_TRUE(wrapper.verificationError());
+    EXPECT_EQ(recorder.states().back(), kFailure);
+}
+
+TEST_F(AvrdudeOutput, AVerificationPhraseSplitOverTwoChunksIsSeen)
+{
+    feed({"Reading | " + marks(50) + "\navrdude error: v", "erification mismatch\n"});
+    EXPECT_TRUE(wrapper.verificationError());
+}
+
+TEST_F(AvrdudeOutput, TheSplitPhraseLooksOnlyAtThisRunsChunks)
+{
+    feed({"avrdude error: verification"});
+    ChildProcess next;
+    wrapper.resetRunState(next.handle(out), next.handle(err));
+    wrapper.readData(next.handle(err), " mismatch");
+    EXPECT_FALSE(wrapper.verificationError());
+}

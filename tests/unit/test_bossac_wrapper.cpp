@@ -186,3 +186,11 @@ TEST(BossacWrapper, ThePortIsNamedBelowDev)
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
     EXPECT_TRUE(log.contains("] Bossac initiated\n"));
 }
+
+TEST(BossacWrapper, DataFromTheSerialPortIsLoggedAsBytes)
+{
+    ScopedLog log;
+    BossacWrapper wrapper("/dev/ttyACM0");
+    wrapper.serialPortDidReceiveData(nullptr, quendral::SerialData{'H', 'e', 'l', 'l', 'o', 0x0A});
+    EXPECT_TRUE(log.contains("] Bossac: Serialportdata: <48656c6c 6f0a>\n")) << log.text();
+}
