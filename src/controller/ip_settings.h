@@ -35,7 +35,7 @@ std::vector<std::string> splitParts(const std::string& line);
 
 // Reads the lines between the dump markers. "ip", "subnet", "gateway" and "dns"
 // lines set their value (a later line wins); a "dev" line with exactly five
-// parts adds a device row (label part 3, address part 4, enabled part 5).
+// parts adds a device row (the label third, the address fourth, the switch fifth).
 // Everything else, including a key line without a value, is ignored.
 IpDump parseIpDump(const std::vector<std::string>& lines);
 
