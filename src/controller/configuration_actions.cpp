@@ -48,6 +48,16 @@ std::optional<std::string> MainViewController::selectedPortOrAlert()
     return path;
 }
 
+std::optional<std::string> MainViewController::beginPortAction(const std::string& logLine)
+{
+    Logger::log(logLine);
+    // The monitor would hold the port.
+    if (_appDelegate != nullptr) {
+        _appDelegate->closeSerialMonitor();
+    }
+    return selectedPortOrAlert();
+}
+
 void MainViewController::runActionInBackground(std::function<void(const std::string& path)> work, std::string path)
 {
     toggleUI(false);
@@ -73,11 +83,7 @@ void MainViewController::openSerialMonitor()
 
 void MainViewController::ipConfig()
 {
-    Logger::log("User clicked IP Configuration");
-    if (_appDelegate != nullptr) {
-        _appDelegate->closeSerialMonitor();
-    }
-    const auto path = selectedPortOrAlert();
+    const auto path = beginPortAction("User clicked IP Configuration");
     if (!path) {
         return;
     }
@@ -101,11 +107,7 @@ void MainViewController::ipConfig()
 
 void MainViewController::configureController()
 {
-    Logger::log("User clicked online configuration");
-    if (_appDelegate != nullptr) {
-        _appDelegate->closeSerialMonitor();
-    }
-    const auto path = selectedPortOrAlert();
+    const auto path = beginPortAction("User clicked online configuration");
     if (!path) {
         return;
     }
@@ -125,11 +127,7 @@ void MainViewController::configureController()
 
 void MainViewController::localConfig()
 {
-    Logger::log("User clicked local configuration (legacy)");
-    if (_appDelegate != nullptr) {
-        _appDelegate->closeSerialMonitor();
-    }
-    const auto path = selectedPortOrAlert();
+    const auto path = beginPortAction("User clicked local configuration (legacy)");
     if (!path) {
         return;
     }
@@ -147,11 +145,7 @@ void MainViewController::localConfig()
 
 void MainViewController::webConfig()
 {
-    Logger::log("User clicked local configuration (webconfig)");
-    if (_appDelegate != nullptr) {
-        _appDelegate->closeSerialMonitor();
-    }
-    const auto path = selectedPortOrAlert();
+    const auto path = beginPortAction("User clicked local configuration (webconfig)");
     if (!path) {
         return;
     }

@@ -173,6 +173,9 @@ private:
     // The common opening of the port actions: the selected path, or none after
     // telling the user that nothing is selected.
     std::optional<std::string> selectedPortOrAlert();
+    // The opening of the four port actions: their log line, the serial monitor
+    // closed, then the selected path (or none, after telling the user).
+    std::optional<std::string> beginPortAction(const std::string& logLine);
     // Runs an action's work on the global queue with the controls disabled.
     void runActionInBackground(std::function<void(const std::string& path)> work, std::string path);
     void closeSerial();
