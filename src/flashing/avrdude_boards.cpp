@@ -1,22 +1,30 @@
 #include "flashing/avrdude_boards.h"
 
-#include <array>
+#include "controller/board_identification.h"
 
 namespace quendral {
 namespace {
 
-constexpr std::array<AvrdudeBoard, 4> kBoards{{
-    {0x26BA0003, "Identified Arduino Mega 2560 device type.", "-patmega2560", "-cwiring", "-b115200"},
-    {0x23410037, "Identified Arduino Micro device type.", "-patmega32u4", "-cavr109", "-b57600"},
-    {0x2A030037, "Identified Arduino Micro device type.", "-patmega32u4", "-cavr109", "-b57600"},
-    {0x04036001, "Identified KORBATEK device type.", "-patmega1284p", "-carduino", "-b115200"},
-}};
+// The boards avrdude is used for, read from the one board table.
+std::vector<AvrdudeBoard> makeBoards()
+{
+    std::vector<AvrdudeBoard> boards;
+    for (const BoardIdentification& row : boardIdentificationTable()) {
+        if (row.avrdude) {
+            // The table's texts are string literals: their data() ends in a NUL.
+            boards.push_back({row.identifier, row.avrdude->logLine.data(), row.avrdude->part.data(),
+                              row.avrdude->programmer.data(), row.avrdude->baudRate.data()});
+        }
+    }
+    return boards;
+}
 
 } // namespace
 
 const AvrdudeBoard* avrdudeBoardFor(std::uint32_t usbIdentifier)
 {
-    for (const auto& board : kBoards) {
+    static const std::vector<AvrdudeBoard> boards = makeBoards();
+    for (const auto& board : boards) {
         if (board.usbIdentifier == usbIdentifier) {
             return &board;
         }
