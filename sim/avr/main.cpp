@@ -2,14 +2,11 @@
 // boot loader, on a fresh pty (--pty, path printed) or on a given descriptor (--fd).
 
 #include "avr_board.h"
-#include "pty.h"
+#include "board_command_line.h"
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
-#include <unistd.h>
 
 using quendral::sim::AvrBoard;
 using quendral::sim::AvrBoardKind;
@@ -35,97 +32,68 @@ void usage()
 int main(int argc, char** argv)
 {
     AvrBoardOptions options;
-    bool havePty = false;
     bool haveBoard = false;
-    int fd = -1;
-    std::string peerPath;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                usage();
-                std::exit(2);
-            }
-            return argv[++i];
-        };
-        if (a == "--board") {
-            std::string b = next();
-            haveBoard = true;
-            if (b == "2560" || b == "atmega2560") {
-                options.kind = AvrBoardKind::Mega2560;
-            } else if (b == "1284p" || b == "atmega1284p") {
-                options.kind = AvrBoardKind::Mega1284P;
+    quendral::sim::BoardCommandLine line;
+    const bool parsed = line.parse(
+        argc, argv,
+        [&](const std::string& option, const quendral::sim::BoardCommandLine::ValueFetcher& value) {
+            if (option == "--board") {
+                const std::string board = value().value_or("");
+                haveBoard = true;
+                if (board == "2560" || board == "atmega2560") {
+                    options.kind = AvrBoardKind::Mega2560;
+                } else if (board == "1284p" || board == "atmega1284p") {
+                    options.kind = AvrBoardKind::Mega1284P;
+                } else {
+                    return false;
+                }
+            } else if (option == "--flash-file") {
+                options.flashFile = value().value_or("");
+            } else if (option == "--program") {
+                options.programHex = value().value_or("");
+            } else if (option == "--boot-loader") {
+                options.bootLoaderHex = value().value_or("");
+            } else if (option == "--boot-loader-first") {
+                options.bootIntoBootLoader = true;
+            } else if (option == "--no-reset-on-open") {
+                options.resetOnOpen = false;
             } else {
-                usage();
-                return 2;
+                return false;
             }
-        } else if (a == "--pty") {
-            havePty = true;
-        } else if (a == "--fd") {
-            fd = std::atoi(next().c_str());
-        } else if (a == "--peer-path") {
-            peerPath = next();
-        } else if (a == "--flash-file") {
-            options.flashFile = next();
-        } else if (a == "--program") {
-            options.programHex = next();
-        } else if (a == "--boot-loader") {
-            options.bootLoaderHex = next();
-        } else if (a == "--boot-loader-first") {
-            options.bootIntoBootLoader = true;
-        } else if (a == "--no-reset-on-open") {
-            options.resetOnOpen = false;
-        } else if (a == "--mute") {
-            options.mute = true;
-        } else if (a == "--stuck-byte") {
-            options.stuckFlashByte = static_cast<uint32_t>(std::strtoul(next().c_str(), nullptr, 0));
-        } else if (a == "--verbose") {
-            options.verbose = true;
-        } else {
+            return true;
+        },
+        usage);
+    if (!parsed || !haveBoard) {
+        if (parsed) {
             usage();
-            return 2;
         }
-    }
-    if (!haveBoard || havePty == (fd >= 0)) {
-        usage();
         return 2;
     }
+    options.mute = line.mute;
+    options.stuckFlashByte = line.stuckFlashByte;
+    options.verbose = line.verbose;
 
-    // Signals are taken by sigwait below, never by the board's thread.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
-    if (havePty) {
-        auto pty = quendral::sim::openPty();
-        if (pty.master < 0) {
-            std::perror("quendral-avr-sim: pty");
-            return 1;
-        }
-        fd = pty.master;
-        peerPath = pty.slavePath;
+    // Signals are taken by the loop below, never by the board's thread.
+    const sigset_t signals = quendral::sim::blockSignals({SIGINT, SIGTERM, SIGUSR1});
+    if (!line.openEndpoint("quendral-avr-sim")) {
+        return 1;
     }
     AvrBoard board(options);
-    if (!board.start(fd, peerPath)) {
+    if (!board.start(line.fd, line.peerPath)) {
         std::fprintf(stderr, "quendral-avr-sim: %s\n", board.error().c_str());
         return 1;
     }
-    if (havePty) {
-        std::printf("%s\n", peerPath.c_str());
+    if (line.pty) {
+        std::printf("%s\n", line.peerPath.c_str());
         std::fflush(stdout);
     }
-    for (;;) {
-        int sig = 0;
-        sigwait(&signals, &sig);
-        if (sig == SIGUSR1) {
+    quendral::sim::runSignalLoop(signals, [&board](int signal) {
+        if (signal == SIGUSR1) {
             board.resetNow();
-            continue;
+            return true;
         }
-        break;
-    }
+        return false;
+    });
     board.stop();
     return 0;
 }

@@ -1,12 +1,11 @@
 // quendral-samba-sim: a simulated SAM3X8E board whose SAM-BA boot monitor the
 // real bossac flashes, on a fresh pty (--pty, path printed) or a given descriptor.
 
-#include "pty.h"
+#include "board_command_line.h"
 #include "sam_board.h"
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 using quendral::sim::SamBoard;
@@ -33,61 +32,32 @@ void usage()
 int main(int argc, char** argv)
 {
     SamBoardOptions options;
-    bool havePty = false;
-    int fd = -1;
-    std::string peerPath;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                usage();
-                std::exit(2);
+    quendral::sim::BoardCommandLine line;
+    const bool parsed = line.parse(
+        argc, argv,
+        [&](const std::string& option, const quendral::sim::BoardCommandLine::ValueFetcher& value) {
+            if (option == "--flash-out") {
+                options.flashFile = value().value_or("");
+            } else if (option == "--image") {
+                options.initialImage = value().value_or("");
+            } else if (option == "--boot-flash") {
+                options.bootFromFlash = true;
+            } else {
+                return false;
             }
-            return argv[++i];
-        };
-        if (a == "--pty") {
-            havePty = true;
-        } else if (a == "--fd") {
-            fd = std::atoi(next().c_str());
-        } else if (a == "--peer-path") {
-            peerPath = next();
-        } else if (a == "--flash-out") {
-            options.flashFile = next();
-        } else if (a == "--image") {
-            options.initialImage = next();
-        } else if (a == "--boot-flash") {
-            options.bootFromFlash = true;
-        } else if (a == "--mute") {
-            options.mute = true;
-        } else if (a == "--stuck-byte") {
-            options.stuckFlashByte = static_cast<uint32_t>(std::strtoul(next().c_str(), nullptr, 0));
-        } else if (a == "--verbose") {
-            options.verbose = true;
-        } else {
-            usage();
-            return 2;
-        }
-    }
-    if (havePty == (fd >= 0)) {
-        usage();
+            return true;
+        },
+        usage);
+    if (!parsed) {
         return 2;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGUSR1);
-    sigaddset(&signals, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    options.mute = line.mute;
+    options.stuckFlashByte = line.stuckFlashByte;
+    options.verbose = line.verbose;
 
-    if (havePty) {
-        auto pty = quendral::sim::openPty();
-        if (pty.master < 0) {
-            std::perror("quendral-samba-sim: pty");
-            return 1;
-        }
-        fd = pty.master;
-        peerPath = pty.slavePath;
+    const sigset_t signals = quendral::sim::blockSignals({SIGINT, SIGTERM, SIGUSR1, SIGUSR2});
+    if (!line.openEndpoint("quendral-samba-sim")) {
+        return 1;
     }
     SamBoard board(options);
     board.setModeObserver([&board](SamMode mode) {
@@ -95,25 +65,24 @@ int main(int argc, char** argv)
                      mode == SamMode::BootLoader ? "in SAM-BA" : "running the application", board.usbVendorId(),
                      board.usbProductId());
     });
-    if (!board.start(fd, peerPath)) {
+    if (!board.start(line.fd, line.peerPath)) {
         std::fprintf(stderr, "quendral-samba-sim: %s\n", board.error().c_str());
         return 1;
     }
-    if (havePty) {
-        std::printf("%s\n", peerPath.c_str());
+    if (line.pty) {
+        std::printf("%s\n", line.peerPath.c_str());
         std::fflush(stdout);
     }
-    for (;;) {
-        int sig = 0;
-        sigwait(&signals, &sig);
-        if (sig == SIGUSR1) {
+    quendral::sim::runSignalLoop(signals, [&board](int signal) {
+        if (signal == SIGUSR1) {
             board.resetNow();
-        } else if (sig == SIGUSR2) {
+        } else if (signal == SIGUSR2) {
             board.touch1200();
         } else {
-            break;
+            return false;
         }
-    }
+        return true;
+    });
     board.stop();
     return 0;
 }
