@@ -379,27 +379,17 @@ void SerialPort::setDelegate(const std::shared_ptr<SerialPortDelegate>& delegate
 
 std::uint64_t SerialPort::addPropertyObserver(PropertyObserver observer)
 {
-    std::lock_guard lock(_mutex);
-    const std::uint64_t id = _nextObserverId++;
-    _observers.emplace_back(id, std::move(observer));
-    return id;
+    return _observers.add(std::move(observer));
 }
 
 void SerialPort::removePropertyObserver(std::uint64_t id)
 {
-    std::lock_guard lock(_mutex);
-    std::erase_if(_observers, [id](const auto& entry) { return entry.first == id; });
+    _observers.remove(id);
 }
 
 void SerialPort::notifyPropertyObservers(SerialPortProperty property)
 {
-    std::vector<PropertyObserver> observers;
-    {
-        std::lock_guard lock(_mutex);
-        for (const auto& entry : _observers) {
-            observers.push_back(entry.second);
-        }
-    }
+    const auto observers = _observers.snapshot();
     if (observers.empty()) {
         return;
     }

@@ -20,6 +20,7 @@
 //
 // Everything here may be called from any thread; the settings are guarded.
 #include "platform/dispatch.h"
+#include "platform/observer_list.h"
 #include "serial/device_registry.h"
 #include "serial/serial_port_delegate.h"
 
@@ -240,8 +241,7 @@ private:
     termios _originalPortAttributes{};
     std::shared_ptr<ReadSource> _readPollSource;
     dispatch::TimerPtr _pinPollTimer;
-    std::vector<std::pair<std::uint64_t, PropertyObserver>> _observers;
-    std::uint64_t _nextObserverId = 1;
+    ObserverList<PropertyObserver> _observers;
     // Set once the vanished device was reported for the current open.
     std::shared_ptr<std::atomic<bool>> _vanishReported;
 };

@@ -299,30 +299,17 @@ void SerialPortManager::setAvailablePorts(const SerialPortList& ports)
 
 std::uint64_t SerialPortManager::addAvailablePortsObserver(ListObserver observer)
 {
-    std::lock_guard lock(_mutex);
-    const std::uint64_t id = _nextObserverId++;
-    _observers.emplace_back(id, std::move(observer));
-    return id;
+    return _observers.add(std::move(observer));
 }
 
 void SerialPortManager::removeAvailablePortsObserver(std::uint64_t id)
 {
-    std::lock_guard lock(_mutex);
-    std::erase_if(_observers, [id](const auto& entry) { return entry.first == id; });
+    _observers.remove(id);
 }
 
 void SerialPortManager::notifyListObservers(const AvailablePortsChange& change)
 {
-    std::vector<ListObserver> observers;
-    {
-        std::lock_guard lock(_mutex);
-        for (const auto& entry : _observers) {
-            observers.push_back(entry.second);
-        }
-    }
-    for (const ListObserver& observer : observers) {
-        observer(change);
-    }
+    _observers.notify(change);
 }
 
 } // namespace quendral

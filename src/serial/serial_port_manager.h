@@ -15,6 +15,7 @@
 // availablePorts may be read from any thread (background work asks for paths
 // and identities while the main queue changes the list); changes are made on
 // the main queue only, and list observers hear them there.
+#include "platform/observer_list.h"
 #include "serial/device_registry.h"
 #include "serial/serial_port.h"
 
@@ -108,8 +109,7 @@ private:
     mutable std::mutex _mutex; // guards the lists and the observers
     SerialPortList _availablePorts;
     SerialPortList _portsToReopenAfterSleep;
-    std::vector<std::pair<std::uint64_t, ListObserver>> _observers;
-    std::uint64_t _nextObserverId = 1;
+    ObserverList<ListObserver> _observers;
 
     std::thread _watcher;
     int _cancelFd = -1;
