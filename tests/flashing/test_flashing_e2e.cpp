@@ -1,6 +1,7 @@
 // The real avrdude and bossac, run by the wrappers, flash the device lab's
 // simulated boards: ATmega2560 and ATmega1284P in simavr with their real boot
 // loaders, and the SAM3X8E's SAM-BA monitor. Then the flashed program answers.
+#include "../support/flashing_expectations.h"
 #include "../support/scoped_log.h"
 #include "../support/temp_dir.h"
 #include "../support/upload_recorder.h"
@@ -24,18 +25,20 @@
 
 using quendral::AvrdudeWrapper;
 using quendral::BossacWrapper;
+using quendral::test::kFailure;
+using quendral::test::kPreparing;
+using quendral::test::kSuccess;
+using quendral::test::kVerifying;
+using quendral::test::kWriting;
 using quendral::test::ScopedLog;
+using quendral::test::timesReaching100;
+using quendral::test::toolOutput;
 using quendral::test::UploadRecorder;
 using Event = UploadRecorder::Event;
 namespace sim = quendral::sim;
 
 namespace {
 
-const std::string kPreparing = "Preparing upload...";
-const std::string kWriting = "Writing firmware...";
-const std::string kVerifying = "Verifying firmware...";
-const std::string kSuccess = "Firmware successfully updated!";
-const std::string kFailure = "An error occured during the firmware update";
 constexpr std::uint32_t kMega2560 = 0x26BA0003;
 constexpr std::uint32_t kKorbatek = 0x04036001;
 
@@ -52,37 +55,6 @@ std::vector<std::uint8_t> readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// The tool's text, put back together from the log's prefixed entries.
-std::string toolOutput(const std::string& log, const std::string& prefix)
-{
-    static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] )");
-    const std::string unstamped = std::regex_replace(log, stamp, "");
-    std::string output;
-    for (auto at = unstamped.find(prefix); at != std::string::npos;) {
-        const auto next = unstamped.find(prefix, at + prefix.size());
-        auto piece = unstamped.substr(at + prefix.size(),
-                                      next == std::string::npos ? std::string::npos : next - at - prefix.size());
-        if (!piece.empty() && piece.back() == '\n') {
-            piece.pop_back();
-        }
-        output += piece;
-        at = next;
-    }
-    return output;
-}
-
-// How often the bar fills up: arrivals at 100 from below.
-int timesReaching100(const std::vector<int>& progress)
-{
-    int times = 0;
-    int previous = 0;
-    for (const int value : progress) {
-        times += (value == 100 && previous != 100) ? 1 : 0;
-        previous = value;
-    }
-    return times;
 }
 
 template <typename Board> struct BoardOnPty {

@@ -1,6 +1,7 @@
 // The wrappers run the real avrdude and bossac from the resource folder
 // against ports where no boot loader answers, and against a resource folder
 // whose tool is missing or cannot be executed.
+#include "../support/flashing_expectations.h"
 #include "../support/intel_hex.h"
 #include "../support/pseudo_terminal.h"
 #include "../support/scoped_log.h"
@@ -19,43 +20,22 @@
 
 using quendral::AvrdudeWrapper;
 using quendral::BossacWrapper;
+using quendral::test::kFailure;
+using quendral::test::kPreparing;
 using quendral::test::ScopedLog;
 using quendral::test::SilentPseudoTerminal;
 using quendral::test::TempDir;
+using quendral::test::toolOutput;
 using quendral::test::UploadRecorder;
 using Event = UploadRecorder::Event;
 namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kPreparing = "Preparing upload...";
-const std::string kFailure = "An error occured during the firmware update";
 const std::string kNoSuchPort = "/dev/quendral-no-such-port";
 constexpr std::uint32_t kMega2560 = 0x26BA0003;
 constexpr std::uint32_t kMicro = 0x23410037;
 constexpr std::uint32_t kKorbatek = 0x04036001;
-
-// The tool's own text, put back together from the log's "Avrdude: " (or
-// "Bossac: ") entries: avrdude writes its messages in small pieces, and a
-// word often arrives split over two chunks.
-std::string toolOutput(const std::string& log, const std::string& prefix)
-{
-    static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] )");
-    const std::string unstamped = std::regex_replace(log, stamp, "");
-    std::string output;
-    for (auto at = unstamped.find(prefix); at != std::string::npos;) {
-        const auto next = unstamped.find(prefix, at + prefix.size());
-        auto piece = unstamped.substr(at + prefix.size(),
-                                      next == std::string::npos ? std::string::npos : next - at - prefix.size());
-        // logBuffered ends every piece with a newline of its own.
-        if (!piece.empty() && piece.back() == '\n') {
-            piece.pop_back();
-        }
-        output += piece;
-        at = next;
-    }
-    return output;
-}
 
 class FlashingTools : public ::testing::Test {
 protected:

@@ -1,5 +1,6 @@
 // AvrdudeWrapper's reading of avrdude's output, replayed chunk by chunk
 // through its data-available and termination steps (no process involved).
+#include "../support/flashing_expectations.h"
 #include "../support/scoped_log.h"
 #include "../support/upload_recorder.h"
 #include "flashing/avrdude_boards.h"
@@ -16,15 +17,15 @@
 using quendral::AvrdudeWrapper;
 using quendral::ChildProcess;
 using quendral::Logger;
+using quendral::test::kFailure;
+using quendral::test::kSuccess;
+using quendral::test::kVerifying;
+using quendral::test::kWriting;
 using quendral::test::ScopedLog;
+using quendral::test::timesReaching100;
 using quendral::test::UploadRecorder;
 
 namespace {
-
-const std::string kVerifying = "Verifying firmware...";
-const std::string kWriting = "Writing firmware...";
-const std::string kSuccess = "Firmware successfully updated!";
-const std::string kFailure = "An error occured during the firmware update";
 
 std::string marks(int n)
 {
@@ -76,18 +77,6 @@ std::vector<std::string> randomChunks(const std::string& text, unsigned seed)
     }
     chunks.push_back(text.substr(start));
     return chunks;
-}
-
-// How often the bar fills up: arrivals at 100 from below.
-int timesReaching100(const std::vector<int>& progress)
-{
-    int times = 0;
-    int previous = 0;
-    for (const int value : progress) {
-        times += (value == 100 && previous != 100) ? 1 : 0;
-        previous = value;
-    }
-    return times;
 }
 
 class AvrdudeOutput : public ::testing::Test {

@@ -1,5 +1,6 @@
 // BossacWrapper's reading of bossac's output, replayed chunk by chunk through
 // its data-available and termination steps (no process involved).
+#include "../support/flashing_expectations.h"
 #include "../support/scoped_log.h"
 #include "../support/upload_recorder.h"
 #include "flashing/bossac_wrapper.h"
@@ -12,17 +13,16 @@
 using quendral::BossacWrapper;
 using quendral::ChildProcess;
 using quendral::Logger;
+using quendral::test::kFailure;
+using quendral::test::kSuccess;
+using quendral::test::kVerifying;
+using quendral::test::kWriting;
 using quendral::test::ScopedLog;
 using quendral::test::UploadRecorder;
 using Event = UploadRecorder::Event;
 using Reason = ChildProcess::TerminationReason;
 
 namespace {
-
-const std::string kVerifying = "Verifying firmware...";
-const std::string kWriting = "Writing firmware...";
-const std::string kSuccess = "Firmware successfully updated!";
-const std::string kFailure = "An error occured during the firmware update";
 
 std::string bar(int done, int pages)
 {
