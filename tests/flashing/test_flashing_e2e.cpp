@@ -10,6 +10,7 @@
 #include "platform/paths.h"
 
 #include "avr_board.h"
+#include "board_on_pty.h"
 #include "intel_hex.h"
 #include "line_client.h"
 #include "pty.h"
@@ -57,31 +58,6 @@ std::vector<std::uint8_t> readFile(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-template <typename Board> struct BoardOnPty {
-    sim::Pty pty = sim::openPty();
-    Board board;
-    template <typename Options> explicit BoardOnPty(Options options) : board(std::move(options)) {}
-    ~BoardOnPty()
-    {
-        board.stop();
-        if (pty.master >= 0) {
-            ::close(pty.master);
-        }
-    }
-    BoardOnPty(const BoardOnPty&) = delete;
-    BoardOnPty& operator=(const BoardOnPty&) = delete;
-    ::testing::AssertionResult start()
-    {
-        if (pty.master < 0) {
-            return ::testing::AssertionFailure() << "no pty";
-        }
-        if (!board.start(pty.master, pty.slavePath)) {
-            return ::testing::AssertionFailure() << board.error();
-        }
-        return ::testing::AssertionSuccess();
-    }
-};
-
 // Asks the program on the line for its identity. The stk500v2 boot loader
 // stays put while bytes keep arriving after the open, so the first request
 // waits a moment.
@@ -117,7 +93,7 @@ void expectAvrBoardFlashedAndRunning(const ScopedLog& log, sim::AvrBoardKind kin
 {
     sim::AvrBoardOptions options;
     options.kind = kind;
-    BoardOnPty<sim::AvrBoard> lab(options);
+    sim::BoardOnPty<sim::AvrBoard> lab(options);
     ASSERT_TRUE(lab.start());
 
     AvrdudeWrapper wrapper;
@@ -177,7 +153,7 @@ TEST_F(FlashingEndToEnd, AnAvrBoardThatKeepsAByteWrongFailsVerification)
     sim::AvrBoardOptions options;
     options.kind = sim::AvrBoardKind::Mega2560;
     options.stuckFlashByte = 0x10;
-    BoardOnPty<sim::AvrBoard> lab(options);
+    sim::BoardOnPty<sim::AvrBoard> lab(options);
     ASSERT_TRUE(lab.start());
 
     AvrdudeWrapper wrapper;
@@ -193,7 +169,7 @@ TEST_F(FlashingEndToEnd, TheSignatureProbeReadsTheSimulatedChip)
 {
     sim::AvrBoardOptions options;
     options.kind = sim::AvrBoardKind::Mega1284P;
-    BoardOnPty<sim::AvrBoard> lab(options);
+    sim::BoardOnPty<sim::AvrBoard> lab(options);
     ASSERT_TRUE(lab.start());
     AvrdudeWrapper wrapper;
     const auto signature = wrapper.getDeviceSignature(lab.pty.slavePath);
@@ -208,7 +184,7 @@ TEST_F(FlashingEndToEnd, TheSignatureProbeReadsTheSimulatedChip)
 TEST_F(FlashingEndToEnd, BossacFlashesTheSam3x)
 {
     sim::SamBoardOptions options;
-    BoardOnPty<sim::SamBoard> lab(options);
+    sim::BoardOnPty<sim::SamBoard> lab(options);
     ASSERT_TRUE(lab.start());
 
     BossacWrapper wrapper(lab.pty.slavePath);
@@ -270,7 +246,7 @@ TEST_F(FlashingEndToEnd, ASamBoardThatKeepsAByteWrongFailsWithBossacsOutputInThe
 {
     sim::SamBoardOptions options;
     options.stuckFlashByte = 0x100;
-    BoardOnPty<sim::SamBoard> lab(options);
+    sim::BoardOnPty<sim::SamBoard> lab(options);
     ASSERT_TRUE(lab.start());
 
     BossacWrapper wrapper(lab.pty.slavePath);
@@ -287,7 +263,7 @@ TEST_F(FlashingEndToEnd, ASamBoardThatNeverAnswersFails)
 {
     sim::SamBoardOptions options;
     options.mute = true;
-    BoardOnPty<sim::SamBoard> lab(options);
+    sim::BoardOnPty<sim::SamBoard> lab(options);
     ASSERT_TRUE(lab.start());
 
     BossacWrapper wrapper(lab.pty.slavePath);

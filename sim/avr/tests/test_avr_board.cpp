@@ -2,6 +2,7 @@
 // flashed program runs and answers the identification requests.
 
 #include "avr_board.h"
+#include "board_on_pty.h"
 #include "intel_hex.h"
 #include "line_client.h"
 #include "pty.h"
@@ -31,31 +32,6 @@ std::string avrdudePath()
     return "avrdude"; // Debian's, as the application's resource folder links it
 }
 
-struct BoardOnPty {
-    Pty pty = openPty();
-    AvrBoard board;
-    explicit BoardOnPty(AvrBoardOptions options) : board(std::move(options)) {}
-    ~BoardOnPty()
-    {
-        board.stop();
-        if (pty.master >= 0) {
-            close(pty.master);
-        }
-    }
-    // watchNode false: the peer's open is seen only from the hang-up state of
-    // the device end, as on a umockdev tty.
-    ::testing::AssertionResult start(bool watchNode = true)
-    {
-        if (pty.master < 0) {
-            return ::testing::AssertionFailure() << "no pty";
-        }
-        if (!board.start(pty.master, watchNode ? pty.slavePath : std::string())) {
-            return ::testing::AssertionFailure() << board.error();
-        }
-        return ::testing::AssertionSuccess();
-    }
-};
-
 // The application's argument list for the board, plus `extra` (before the operation).
 ToolRun flash(AvrBoardKind kind, const std::string& port, const std::string& hex,
               const std::vector<std::string>& extra = {})
@@ -71,18 +47,6 @@ ToolRun flash(AvrBoardKind kind, const std::string& port, const std::string& hex
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.push_back("-Uflash:w:" + hex + ":i");
     return runTool(argv, 60);
-}
-
-template <typename Pred> bool waitFor(Pred pred, double seconds)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int>(seconds * 1000));
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 // Asks like the application does: both requests once a second until both replies came.
@@ -135,7 +99,7 @@ void flashAndIdentify(AvrBoardKind kind, const std::string& image, const std::st
     AvrBoardOptions options;
     options.kind = kind;
     options.flashFile = (dir.path() / "flash.bin").string();
-    BoardOnPty b(options);
+    BoardOnPty<AvrBoard> b(options);
     ASSERT_TRUE(b.start(watchNode));
 
     ToolRun run = flash(kind, b.pty.slavePath, firmware(image));
@@ -179,7 +143,7 @@ TEST(AvrBoard, FlashFileCarriesTheProgramIntoTheNextRun)
     options.kind = AvrBoardKind::Mega2560;
     options.flashFile = (dir.path() / "flash.bin").string();
     {
-        BoardOnPty b(options);
+        BoardOnPty<AvrBoard> b(options);
         ASSERT_TRUE(b.start());
         ToolRun run = flash(options.kind, b.pty.slavePath, firmware("identity_b_2560"));
         ASSERT_EQ(run.exitStatus, 0) << run.output;
@@ -188,7 +152,7 @@ TEST(AvrBoard, FlashFileCarriesTheProgramIntoTheNextRun)
     ASSERT_TRUE(saved.has_value());
     EXPECT_EQ(saved->size(), 256u * 1024u);
 
-    BoardOnPty again(options); // a "reboot": a new simulator on the saved flash
+    BoardOnPty<AvrBoard> again(options); // a "reboot": a new simulator on the saved flash
     ASSERT_TRUE(again.start());
     std::string cid, version;
     ASSERT_TRUE(identify(again.board, again.pty.slavePath, cid, version));
@@ -202,7 +166,7 @@ TEST(AvrBoard, ResetNowStartsTheBootLoaderWithoutOpenDetection)
     options.kind = AvrBoardKind::Mega1284P;
     options.resetOnOpen = false;
     options.programHex = firmware("identity_a_1284p");
-    BoardOnPty b(options);
+    BoardOnPty<AvrBoard> b(options);
     ASSERT_TRUE(b.start());
 
     // Without a reset the application owns the line and avrdude finds no boot loader.
@@ -221,7 +185,7 @@ TEST(AvrBoard, StuckFlashByteMakesAvrdudeVerificationFail)
     AvrBoardOptions options;
     options.kind = AvrBoardKind::Mega2560;
     options.stuckFlashByte = 0x10;
-    BoardOnPty b(options);
+    BoardOnPty<AvrBoard> b(options);
     ASSERT_TRUE(b.start());
     ToolRun run = flash(options.kind, b.pty.slavePath, firmware("identity_a_2560"));
     EXPECT_NE(run.exitStatus, 0) << run.output;
@@ -236,7 +200,7 @@ TEST(AvrBoard, MuteBoardLeavesAvrdudeWithoutAnAnswer)
     AvrBoardOptions options;
     options.kind = AvrBoardKind::Mega1284P;
     options.mute = true;
-    BoardOnPty b(options);
+    BoardOnPty<AvrBoard> b(options);
     ASSERT_TRUE(b.start());
     // Two attempts instead of avrdude's ten (about 52 s with the arduino
     // programmer, 30 s with wiring) keep the test short; the outcome is the same.

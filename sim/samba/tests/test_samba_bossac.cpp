@@ -1,6 +1,7 @@
 // The real bossac against the simulated SAM3X board, with the arguments the
 // application uses; then the board boots what was flashed.
 
+#include "board_on_pty.h"
 #include "intel_hex.h"
 #include "line_client.h"
 #include "pty.h"
@@ -27,29 +28,6 @@ std::string image(const std::string& name)
 {
     return std::string(QUENDRAL_SAM_IMAGE_DIR) + "/" + name;
 }
-
-struct BoardOnPty {
-    Pty pty = openPty();
-    SamBoard board;
-    explicit BoardOnPty(SamBoardOptions options) : board(std::move(options)) {}
-    ~BoardOnPty()
-    {
-        board.stop();
-        if (pty.master >= 0) {
-            close(pty.master);
-        }
-    }
-    ::testing::AssertionResult start(bool watchNode = true)
-    {
-        if (pty.master < 0) {
-            return ::testing::AssertionFailure() << "no pty";
-        }
-        if (!board.start(pty.master, watchNode ? pty.slavePath : std::string())) {
-            return ::testing::AssertionFailure() << board.error();
-        }
-        return ::testing::AssertionSuccess();
-    }
-};
 
 ToolRun bossac(const std::string& port, const std::string& file)
 {
@@ -104,18 +82,6 @@ void touch(const std::string& port)
     close(fd);
 }
 
-template <typename Pred> bool waitFor(Pred pred, double seconds)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int>(seconds * 1000));
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 } // namespace
 
 TEST(SambaBossac, FlashesVerifiesSetsBootFlashResetsAndTheImageAnswers)
@@ -123,7 +89,7 @@ TEST(SambaBossac, FlashesVerifiesSetsBootFlashResetsAndTheImageAnswers)
     quendral::test::TempDir dir;
     SamBoardOptions options;
     options.flashFile = (dir.path() / "flash.bin").string();
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start());
     EXPECT_EQ(b.board.mode(), SamMode::BootLoader);
     EXPECT_EQ(b.board.usbVendorId(), 0x03EB);
@@ -161,7 +127,7 @@ TEST(SambaBossac, FlashesVerifiesSetsBootFlashResetsAndTheImageAnswers)
 
 TEST(SambaBossac, HexFileIsWrittenAsTextAndItsIdentityStillBoots)
 {
-    BoardOnPty b(SamBoardOptions{});
+    BoardOnPty<SamBoard> b(SamBoardOptions{});
     ASSERT_TRUE(b.start());
     ToolRun run = bossac(b.pty.slavePath, image("identity_b.hex"));
     ASSERT_EQ(run.exitStatus, 0) << run.output;
@@ -176,7 +142,7 @@ TEST(SambaBossac, HexFileIsWrittenAsTextAndItsIdentityStillBoots)
 TEST(SambaBossac, ImageWithoutIdentityLeavesTheBoardSilent)
 {
     for (const char* name : {"no_identity.bin", "no_identity.hex"}) {
-        BoardOnPty b(SamBoardOptions{});
+        BoardOnPty<SamBoard> b(SamBoardOptions{});
         ASSERT_TRUE(b.start());
         ToolRun run = bossac(b.pty.slavePath, image(name));
         ASSERT_EQ(run.exitStatus, 0) << run.output;
@@ -196,7 +162,7 @@ TEST(SambaBossac, TouchAt1200BaudReturnsToSamBaThenANewImageBoots)
         SamBoardOptions options;
         options.initialImage = image("identity_a.bin");
         options.bootFromFlash = true;
-        BoardOnPty b(options);
+        BoardOnPty<SamBoard> b(options);
         std::mutex m;
         std::vector<SamMode> modes;
         b.board.setModeObserver([&](SamMode mode) {
@@ -230,7 +196,7 @@ TEST(SambaBossac, OpeningAtTheApplicationSpeedIsNoTouch)
     SamBoardOptions options;
     options.initialImage = image("identity_a.bin");
     options.bootFromFlash = true;
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start());
     for (int i = 0; i < 3; ++i) {
         std::string cid, version;
@@ -244,7 +210,7 @@ TEST(SambaBossac, StuckByteMakesBossacVerifyFail)
 {
     SamBoardOptions options;
     options.stuckFlashByte = 0x123;
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start());
     ToolRun run = bossac(b.pty.slavePath, image("identity_a.bin"));
     EXPECT_NE(run.exitStatus, 0) << run.output;
@@ -257,7 +223,7 @@ TEST(SambaBossac, MuteBoardIsNoDeviceForBossac)
 {
     SamBoardOptions options;
     options.mute = true;
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start());
     ToolRun run = bossac(b.pty.slavePath, image("identity_a.bin"));
     EXPECT_FALSE(run.timedOut);
@@ -269,7 +235,7 @@ TEST(SambaBossac, ResetNowBootsByTheBootFlashBit)
 {
     SamBoardOptions options;
     options.initialImage = image("identity_a.bin");
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start());
     EXPECT_EQ(b.board.mode(), SamMode::BootLoader); // GPNVM1 clear: the ROM runs
     b.board.resetNow();
@@ -282,7 +248,7 @@ TEST(SambaBossac, AttachMovesTheBoardToANewDeviceEnd)
     SamBoardOptions options;
     options.initialImage = image("identity_a.bin");
     options.bootFromFlash = true;
-    BoardOnPty b(options);
+    BoardOnPty<SamBoard> b(options);
     ASSERT_TRUE(b.start(false));
     Pty other = openPty();
     ASSERT_GE(other.master, 0);

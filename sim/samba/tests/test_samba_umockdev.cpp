@@ -4,6 +4,7 @@
 // bossac (a child process inside the same umockdev world) flashing it, and the
 // board coming back as 2341:003E with the new image's identity.
 
+#include "board_on_pty.h"
 #include "line_client.h"
 #include "run_tool.h"
 #include "sam_board.h"
@@ -26,18 +27,6 @@ namespace {
 std::string image(const std::string& name)
 {
     return std::string(QUENDRAL_SAM_IMAGE_DIR) + "/" + name;
-}
-
-template <typename Pred> bool waitFor(Pred pred, double seconds)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int>(seconds * 1000));
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 // Asks like the application does: once a second until both replies came.
