@@ -31,5 +31,18 @@ function(quendral_add_gtest target)
   gtest_discover_tests(${target}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 30
-    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${ARG_SERIAL})
+    TEST_LIST ${target}_TESTS
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${ARG_SERIAL})
+  # Labels do not go through PROPERTIES: the discovery script writes each
+  # property value as a bare word list, so "LABELS integration e2e" kept only
+  # the first label (and turned the rest into bogus property names). CTest
+  # reads this file after the discovered tests exist; quoted, the list stays one value.
+  if(ARG_LABELS)
+    set(labels_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_labels.cmake")
+    file(WRITE "${labels_file}"
+      "if(DEFINED ${target}_TESTS)\n"
+      "  set_tests_properties(\${${target}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\n"
+      "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
+  endif()
 endfunction()

@@ -9,6 +9,8 @@
 #include "serial/serial_port_attributes.h"
 #include "serial/serial_port_manager.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -78,6 +80,7 @@ CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
 {
     TerminalMainView::Options options;
     options.interactive = ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+    options.progressBar = ::isatty(STDERR_FILENO) != 0;
     options.answer = invocation.answer == Answer::Yes  ? TerminalMainView::Answer::Yes
                      : invocation.answer == Answer::No ? TerminalMainView::Answer::No
                                                        : TerminalMainView::Answer::Ask;
@@ -278,6 +281,34 @@ int CliSession::ip()
 
 int CliSession::writeIp()
 {
+    // What was typed is checked before the Controller is asked anything: a bad
+    // address and it hears nothing at all. Fields in the window's order, the
+    // last assignment of a key counting, as it would stand in the field.
+    std::map<std::string, std::string> typed;
+    std::map<std::size_t, std::string> typedDevices;
+    for (const auto& [key, value] : _invocation.assignments) {
+        if (key == "ip" || key == "subnet" || key == "gateway" || key == "dns") {
+            typed[key] = value;
+        } else if (key.rfind("dev", 0) == 0) {
+            typedDevices[std::stoul(key.substr(3))] = value;
+        }
+    }
+    std::vector<std::pair<std::string, std::string>> typedInOrder;
+    for (const char* key : {"ip", "subnet", "gateway", "dns"}) {
+        if (const auto found = typed.find(key); found != typed.end()) {
+            typedInOrder.emplace_back(key, found->second);
+        }
+    }
+    for (const auto& [number, value] : typedDevices) {
+        typedInOrder.emplace_back("dev" + std::to_string(number), value);
+    }
+    for (const auto& [key, value] : typedInOrder) {
+        if (!ipsettings::verifyIP(value)) {
+            std::cout << "Invalid: " << key << "=" << value << " (nothing was sent)\n";
+            return kFailure;
+        }
+    }
+
     std::vector<std::string> lines;
     runInBackground([&] { lines = _controller->getIPConfig(); });
     if (lines.empty()) {
@@ -388,6 +419,7 @@ public:
     {
         std::cout.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
         std::cout.flush();
+        lastData = std::chrono::steady_clock::now().time_since_epoch().count();
     }
     void serialPortDidEncounterError(const SerialPort::Ptr& /*port*/, const SerialError& error) override
     {
@@ -399,7 +431,14 @@ public:
         gone = true;
     }
     std::atomic<bool> gone{false};
+    std::atomic<std::chrono::steady_clock::rep> lastData{0};
 };
+
+// After piped input has ended the Controller is still answering the last
+// lines: stay until it has been quiet this long (but not longer than the limit,
+// for a Controller that never stops talking).
+constexpr auto kMonitorQuietTime = 1s;
+constexpr auto kMonitorLingerLimit = 10s;
 
 } // namespace
 
@@ -450,9 +489,23 @@ int CliSession::monitor()
                 line.clear();
             }
         }
+        if (!terminal && !line.empty()) {
+            port->sendData(line + "\n"); // the last line, even without its line feed
+        }
         done = true;
     });
     runUntil([&] { return done.load() || delegate->gone.load(); });
+    if (!terminal && !delegate->gone) {
+        const auto inputEnded = std::chrono::steady_clock::now();
+        dispatch::RunLoop::main().runUntil(
+            [&] {
+                const auto now = std::chrono::steady_clock::now();
+                const auto last = std::max(inputEnded, std::chrono::steady_clock::time_point(
+                                                           std::chrono::steady_clock::duration(delegate->lastData)));
+                return delegate->gone.load() || now - last >= kMonitorQuietTime;
+            },
+            kMonitorLingerLimit);
+    }
     if (terminal) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
     }

@@ -24,6 +24,9 @@ TerminalMainView::TerminalMainView(Options options) : _options(std::move(options
     if (_options.out == nullptr) {
         _options.out = &std::cout;
     }
+    if (_options.status == nullptr) {
+        _options.status = &std::cerr;
+    }
     if (_options.in == nullptr) {
         _options.in = &std::cin;
     }
@@ -32,7 +35,7 @@ TerminalMainView::TerminalMainView(Options options) : _options(std::move(options
 void TerminalMainView::endProgressLine()
 {
     if (_progressLineOpen) {
-        *_options.out << '\n';
+        *_options.status << '\n';
         _progressLineOpen = false;
     }
 }
@@ -43,13 +46,19 @@ void TerminalMainView::printLine(const std::string& line)
     *_options.out << line << '\n' << std::flush;
 }
 
+void TerminalMainView::printStatusLine(const std::string& line)
+{
+    endProgressLine();
+    *_options.status << line << '\n' << std::flush;
+}
+
 void TerminalMainView::setStatusText(const std::string& text)
 {
     std::lock_guard lock(_mutex);
     _statusTexts.push_back(text);
     // The window clears its status line with an empty text; a terminal has nothing to clear.
     if (!text.empty()) {
-        printLine(text);
+        printStatusLine(text);
     }
 }
 
@@ -57,9 +66,9 @@ void TerminalMainView::setStatusTextWithLink(const std::string& text, std::size_
 {
     std::lock_guard lock(_mutex);
     _statusTexts.push_back(text);
-    printLine(text);
+    printStatusLine(text);
     const std::string linked = text.substr(text.size() - std::min(linkLength, text.size()));
-    printLine("  " + linked + ": " + url);
+    printStatusLine("  " + linked + ": " + url);
 }
 
 void TerminalMainView::setProgress(double percent)
@@ -70,11 +79,11 @@ void TerminalMainView::setProgress(double percent)
         return;
     }
     _lastProgress = value;
-    if (_options.interactive) {
-        *_options.out << progressBar(value) << std::flush;
+    if (_options.progressBar) {
+        *_options.status << progressBar(value) << std::flush;
         _progressLineOpen = true;
     } else {
-        *_options.out << "Progress: " << value << "%\n" << std::flush;
+        *_options.status << "Progress: " << value << "%\n" << std::flush;
     }
 }
 

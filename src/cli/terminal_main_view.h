@@ -2,6 +2,11 @@
 // The main window as a terminal sees it: status texts and alerts are printed
 // as lines, progress is a bar on a terminal and percentage lines otherwise,
 // questions are asked on the terminal or answered by --yes/--no.
+//
+// Two streams: what the window shows only while work goes on (status texts,
+// progress) goes to `status`, standard error by default; what the user has to
+// read or a script wants (alerts, questions, opened URLs) goes to `out`. So
+// `quendral-cli ip > settings.txt` keeps only the settings.
 #include "controller/main_view.h"
 
 #include <array>
@@ -17,11 +22,13 @@ public:
     enum class Answer { Ask, Yes, No };
 
     struct Options {
-        std::ostream* out = nullptr; // where texts go
-        std::istream* in = nullptr;  // where answers come from
-        bool interactive = false;    // `in` and `out` are a terminal
-        Answer answer = Answer::Ask; // --yes / --no
-        bool desktop = false;        // a desktop session can open URLs
+        std::ostream* out = nullptr;    // alerts, questions, URLs (standard output by default)
+        std::ostream* status = nullptr; // status texts and progress (standard error by default)
+        std::istream* in = nullptr;     // where answers come from
+        bool interactive = false;       // `in` and `out` are a terminal: questions are asked
+        bool progressBar = false;       // `status` is a terminal: progress is one redrawn bar
+        Answer answer = Answer::Ask;    // --yes / --no
+        bool desktop = false;           // a desktop session can open URLs
         // Opens a URL on the desktop; true when it was handed over.
         std::function<bool(const std::string&)> openOnDesktop;
         std::optional<std::string> firmwareFile; // what the file panel "chooses"
@@ -60,6 +67,7 @@ public:
 private:
     void endProgressLine();
     void printLine(const std::string& line);
+    void printStatusLine(const std::string& line);
 
     Options _options;
     mutable std::mutex _mutex;

@@ -14,8 +14,10 @@ TerminalMainView::Options options(std::ostringstream& out, std::istringstream& i
 {
     TerminalMainView::Options o;
     o.out = &out;
+    o.status = &out; // one stream: the order of everything shown is what these tests check
     o.in = &in;
     o.interactive = interactive;
+    o.progressBar = interactive;
     o.answer = answer;
     return o;
 }
@@ -32,6 +34,30 @@ TEST(TerminalMainView, StatusTextsArePrintedOnTheirOwnLinesAndEmptyOnesSkipped)
     view.setStatusText("Please wait...");
     EXPECT_EQ(out.str(), "Waiting for device to boot.. (20)\nPlease wait...\n");
     EXPECT_EQ(view.statusTexts().size(), 3U);
+}
+
+TEST(TerminalMainView, StatusAndProgressGoToTheStatusStreamAlertsAndURLsToTheOutput)
+{
+    std::ostringstream out;
+    std::ostringstream status;
+    std::istringstream in;
+    TerminalMainView::Options o;
+    o.out = &out;
+    o.status = &status;
+    o.in = &in;
+    o.progressBar = true;
+    TerminalMainView view(o);
+    view.setStatusText("Waiting for device to boot.. (20)");
+    view.setProgress(30);
+    view.showAlert("Could not get device IP configuration");
+    view.openURL("http://192.168.10.99");
+    view.setStatusTextWithLink("A server error occured. Please go to the support website", 15,
+                               "https://support.example/");
+    EXPECT_EQ(out.str(), "Could not get device IP configuration\nhttp://192.168.10.99\n");
+    // The alert ends the open progress bar on its own stream first.
+    EXPECT_EQ(status.str(), "Waiting for device to boot.. (20)\n\r[############                            ] 30%\n"
+                            "A server error occured. Please go to the support website\n"
+                            "  support website: https://support.example/\n");
 }
 
 TEST(TerminalMainView, ProgressIsPercentLinesWithoutATerminal)

@@ -1,0 +1,438 @@
+// quendral-cli as a user runs it, against simulated Controllers: the test
+// builds a umockdev USB world in its own process (USB devices with ttys, a
+// ControllerSimulator on each tty's device end) and starts the real binary as
+// a child, which inherits the preload and sees the same devices. What the
+// Controllers receive is checked on the simulators, what the user sees on the
+// child's standard output and error.
+#include "cli_child.h"
+#include "controller/main_view_controller.h"
+#include "controller_simulator.h"
+#include "support/temp_dir.h"
+#include "umockdev_testbed.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+using quendral::sim::ControllerSimulator;
+using quendral::sim::UmockdevSerialDevice;
+using quendral::sim::UmockdevTestbed;
+using quendral::sim::UsbSerialDeviceInfo;
+using quendral::test::CliChild;
+using quendral::test::CliResult;
+using quendral::test::TempDir;
+
+namespace {
+
+const std::vector<std::string> kDump = {"ip;192.168.10.50",
+                                        "subnet;255.255.255.0",
+                                        "gateway;192.168.10.1",
+                                        "dns;192.168.10.2",
+                                        "dev;1;Boiler room;192.168.10.60;1",
+                                        "dev;2;Garage;192.168.10.61;0"};
+
+std::string joinedLines(const std::vector<std::string>& lines)
+{
+    std::string text;
+    for (const auto& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+UsbSerialDeviceInfo usbDevice(const std::string& ttyName, std::uint16_t vendorId, std::uint16_t productId)
+{
+    UsbSerialDeviceInfo info;
+    info.ttyName = ttyName;
+    info.vendorId = vendorId;
+    info.productId = productId;
+    return info;
+}
+
+class CliInUsbWorld : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+        ASSERT_NE(std::getenv("QUENDRAL_CLI"), nullptr);
+        testbed = std::make_unique<UmockdevTestbed>();
+    }
+
+    void TearDown() override
+    {
+        for (auto& controller : controllers) {
+            controller->stop();
+        }
+    }
+
+    // A USB device with a Controller answering on its tty. Its replies are
+    // followed by a line feed, as a chatty firmware's are: the application
+    // reads a line only once a further byte has come.
+    ControllerSimulator& plugController(const UsbSerialDeviceInfo& info)
+    {
+        devices.push_back(testbed->addUsbSerialDevice(info));
+        controllers.push_back(std::make_unique<ControllerSimulator>(devices.back()->deviceEnd()));
+        controllers.back()->setTrailer("\n");
+        controllers.back()->start();
+        return *controllers.back();
+    }
+
+    ControllerSimulator& plugKorbatekDue(const std::string& ttyName = "ttyACM0")
+    {
+        return plugController(usbDevice(ttyName, 0x2341, 0x003E));
+    }
+
+    // The child writes its log into the test's folder and finds no desktop,
+    // so URLs are printed instead of handed to a browser.
+    [[nodiscard]] CliChild::EnvironmentChanges environment() const
+    {
+        return {
+            {"XDG_DATA_HOME", dataHome.path().string()}, {"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}};
+    }
+
+    CliResult cli(const std::vector<std::string>& arguments, const std::string& input = "")
+    {
+        return quendral::test::runCli(arguments, environment(), input);
+    }
+
+    [[nodiscard]] std::string logFile() const
+    {
+        std::ifstream in(dataHome.path() / "QuendralFirmwareUpdater" / "log.txt");
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    TempDir dataHome;
+    std::unique_ptr<UmockdevTestbed> testbed;
+    std::vector<std::shared_ptr<UmockdevSerialDevice>> devices;
+    std::vector<std::unique_ptr<ControllerSimulator>> controllers;
+};
+
+std::string describe(const CliResult& result)
+{
+    return "exit " + std::to_string(result.exitCode) + "\n--- stdout\n" + result.out + "--- stderr\n" + result.err;
+}
+
+} // namespace
+
+// --- ports -------------------------------------------------------------------
+
+TEST_F(CliInUsbWorld, PortsListsEveryControllerPortInMenuOrderWithItsBoard)
+{
+    // Plugged in an order unlike the names' order: the menu follows the ports'
+    // order in the device tree (their USB ports 1-1, 1-2, 1-3), not the names.
+    plugController(usbDevice("ttyACM1", 0x2341, 0x8037));
+    plugController(usbDevice("ttyUSB0", 0x0403, 0x6001));
+    plugController(usbDevice("ttyACM0", 0x1209, 0xBEEF));
+    devices.push_back(testbed->addBuiltinSerialPort("ttyS0")); // not a Controller port: never listed
+
+    const CliResult result = cli({"ports"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "ttyACM1\t/dev/ttyACM1\t2341:8037\tATmega32U4 board running its firmware\n"
+                          "ttyUSB0\t/dev/ttyUSB0\t0403:6001\tKORBATEK board (ATmega1284P) behind an FTDI FT232R USB "
+                          "serial adapter\n"
+                          "ttyACM0\t/dev/ttyACM0\t1209:beef\tunknown\n");
+    EXPECT_EQ(result.err, "");
+    for (const auto& controller : controllers) {
+        EXPECT_EQ(controller->openCount(), 0) << "listing ports opens none";
+    }
+}
+
+TEST_F(CliInUsbWorld, PortsWithoutControllersPrintsNothing)
+{
+    devices.push_back(testbed->addBuiltinSerialPort("ttyS0"));
+    const CliResult result = cli({"ports"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "");
+}
+
+// --- identify ----------------------------------------------------------------
+
+TEST_F(CliInUsbWorld, IdentifyPrintsTheIdentifierAndVersionOfAnAnsweringController)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setCID("QUENDRAL000000000000000000000042");
+    controller.setVersion("3.1.4");
+
+    const CliResult result = cli({"identify"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "CID: QUENDRAL000000000000000000000042\nVersion: 3.1.4\n");
+    // The waiting is shown as the window shows it, on the error stream.
+    EXPECT_NE(result.err.find("Waiting for device to boot.. (20)\n"), std::string::npos) << describe(result);
+    EXPECT_NE(result.err.find("Please wait...\n"), std::string::npos);
+    const auto received = controller.receivedLines();
+    ASSERT_GE(received.size(), 2U);
+    EXPECT_EQ(received[0], "getCID");
+    EXPECT_EQ(received[1], "getVersion");
+    EXPECT_NE(logFile().find("] Opening port..\n"), std::string::npos) << logFile();
+}
+
+TEST_F(CliInUsbWorld, IdentifyPrintsTheMessageOfAControllerThatAnswersWithOne)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setMessage("This controller is not registered yet. Please contact support.");
+
+    const CliResult result = cli({"identify"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "This controller is not registered yet. Please contact support.\n");
+    EXPECT_EQ(result.err.find("did not identify"), std::string::npos) << describe(result);
+}
+
+TEST_F(CliInUsbWorld, IdentifyGivesUpOnASilentControllerAndExitsOne)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setSilent(true);
+
+    const CliResult result = cli({"identify"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "The Controller did not identify itself.\n");
+    EXPECT_NE(result.err.find("Waiting for device to boot.. (20)\n"), std::string::npos) << describe(result);
+    EXPECT_NE(result.err.find("Waiting for device to boot.. (1)\n"), std::string::npos) << describe(result);
+    EXPECT_NE(result.err.find("Please wait...\n"), std::string::npos);
+    // It kept asking once a second, about twenty times.
+    EXPECT_GE(controller.countOf("getCID"), 10U);
+}
+
+TEST_F(CliInUsbWorld, IdentifyWithoutAnyControllerSaysSoAndExitsOne)
+{
+    devices.push_back(testbed->addBuiltinSerialPort("ttyS0"));
+    const CliResult result = cli({"identify"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "quendral-cli: no Controller is connected\n");
+}
+
+// --- choosing the port ----------------------------------------------------------
+
+class CliWithTwoControllers : public CliInUsbWorld {
+protected:
+    void SetUp() override
+    {
+        CliInUsbWorld::SetUp();
+        first = &plugKorbatekDue("ttyACM0");
+        first->setCID("FIRST000000000000000000000000001");
+        second = &plugKorbatekDue("ttyACM1");
+        second->setCID("SECOND00000000000000000000000002");
+        second->setVersion("2.0.0");
+    }
+    ControllerSimulator* first = nullptr;
+    ControllerSimulator* second = nullptr;
+};
+
+TEST_F(CliWithTwoControllers, WithoutAPortTheFirstOfTheMenuIsUsed)
+{
+    const CliResult result = cli({"identify"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "CID: FIRST000000000000000000000000001\nVersion: 1.0.0\n");
+    EXPECT_EQ(second->openCount(), 0);
+}
+
+TEST_F(CliWithTwoControllers, PortByName)
+{
+    const CliResult result = cli({"identify", "-p", "ttyACM1"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "CID: SECOND00000000000000000000000002\nVersion: 2.0.0\n");
+    EXPECT_EQ(first->openCount(), 0);
+}
+
+TEST_F(CliWithTwoControllers, PortByDevicePath)
+{
+    const CliResult result = cli({"identify", "--port", "/dev/ttyACM1"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "CID: SECOND00000000000000000000000002\nVersion: 2.0.0\n");
+    EXPECT_EQ(first->openCount(), 0);
+}
+
+TEST_F(CliWithTwoControllers, UnknownPortIsRefusedWithoutTouchingAnyController)
+{
+    const CliResult result = cli({"identify", "-p", "ttyACM7"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "quendral-cli: no Controller port 'ttyACM7' (see 'quendral-cli ports')\n");
+    EXPECT_EQ(first->openCount(), 0);
+    EXPECT_EQ(second->openCount(), 0);
+}
+
+// --- ip -------------------------------------------------------------------------
+
+TEST_F(CliInUsbWorld, IpPrintsTheDumpLines)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    const CliResult result = cli({"ip"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, joinedLines(kDump));
+    EXPECT_NE(result.err.find("Waiting for controller to send IP configuration.. (20)\n"), std::string::npos)
+        << describe(result);
+    EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"});
+}
+
+TEST_F(CliInUsbWorld, IpWithASilentControllerSaysSoAndExitsOne)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setSilent(true);
+
+    const CliResult result = cli({"ip"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "Could not get device IP configuration\n");
+    EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"});
+}
+
+TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    const CliResult result =
+        cli({"ip", "ip=192.168.10.77", "gateway=192.168.10.254", "dev2=192.168.10.62", "enable2=1", "enable1=0"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out, "Settings written; the Controller stores them and restarts.\n");
+    ASSERT_TRUE(controller.waitForLine("reset", 5s));
+    // The dump is read first; the settings not named keep the Controller's values.
+    EXPECT_EQ(
+        controller.receivedLines(),
+        (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.77", "subnet=255.255.255.0",
+                                  "gateway=192.168.10.254", "dns=192.168.10.2", "ipDevice1=192.168.10.60",
+                                  "enableDevice1=0", "ipDevice2=192.168.10.62", "enableDevice2=1", "store", "reset"}));
+    const std::string log = logFile();
+    EXPECT_NE(log.find("] User clicked save IP settings\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("] Opening serial port /dev/ttyACM0\n"), std::string::npos) << log;
+}
+
+TEST_F(CliInUsbWorld, IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+
+    // "dns 10.0.0.5x" keeps only its address, as the window's check does.
+    const CliResult result = cli({"ip", "dhcp=on", "dns=dns 10.0.0.5x"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_TRUE(controller.waitForLine("reset", 5s));
+    EXPECT_EQ(controller.receivedLines(),
+              (std::vector<std::string>{"dumpIP", "bulkip", "ip=0.0.0.0", "subnet=255.255.255.0",
+                                        "gateway=192.168.10.1", "dns=10.0.0.5", "store", "reset"}));
+}
+
+TEST_F(CliInUsbWorld, IpDhcpOffProposesTheFixedAddress)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines({"ip;0.0.0.0", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+
+    const CliResult result = cli({"ip", "dhcp=off"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_TRUE(controller.waitForLine("reset", 5s));
+    EXPECT_EQ(controller.receivedLines(),
+              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.99", "subnet=255.255.255.0",
+                                        "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
+}
+
+TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    const CliResult result = cli({"ip", "ip=192.168.10.77", "gateway=192.168.1.300"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "Invalid: gateway=192.168.1.300 (nothing was sent)\n");
+    EXPECT_TRUE(controller.receivedLines().empty()) << joinedLines(controller.receivedLines());
+    EXPECT_EQ(controller.openCount(), 0);
+}
+
+TEST_F(CliInUsbWorld, IpRefusesADeviceTheControllerDoesNotHave)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    const CliResult result = cli({"ip", "dev3=192.168.10.63"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "The Controller has no device 3 (it reports 2)\n");
+    EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"}) << "only the dump was asked for";
+}
+
+// --- webconfig and online-config ----------------------------------------------------
+
+TEST_F(CliInUsbWorld, WebconfigSwitchesTheWebServerOnAndOff)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setAddress("192.168.10.77");
+
+    const CliResult on = cli({"webconfig"});
+    EXPECT_EQ(on.exitCode, 0) << describe(on);
+    EXPECT_EQ(on.out, "http://192.168.10.77\n");
+    EXPECT_NE(on.err.find("Waiting for device .. (20)\n"), std::string::npos) << describe(on);
+    EXPECT_TRUE(controller.webserverRunning());
+
+    const CliResult off = cli({"webconfig"});
+    EXPECT_EQ(off.exitCode, 0) << describe(off);
+    EXPECT_EQ(off.out, "Webconfig sucessfully disabeled\n");
+    EXPECT_FALSE(controller.webserverRunning());
+    EXPECT_EQ(controller.countOf("webconfig"), 2U);
+    EXPECT_NE(logFile().find("] User clicked local configuration (webconfig)\n"), std::string::npos);
+}
+
+TEST_F(CliInUsbWorld, WebconfigWithASilentControllerFailsWithTheWindowsAlert)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setSilent(true);
+
+    const CliResult result = cli({"webconfig"});
+    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    EXPECT_EQ(result.out, "Error toggling Webconfig.\n");
+}
+
+TEST_F(CliInUsbWorld, OnlineConfigPrintsTheAddressWhenThereIsNoDesktop)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setCID("QUENDRAL000000000000000000000042");
+
+    const CliResult result = cli({"online-config"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out,
+              quendral::MainViewController::onlineConfigurationURL("QUENDRAL000000000000000000000042") + "\n");
+    EXPECT_EQ(result.out.rfind("https://", 0), 0U);
+    EXPECT_NE(result.out.find("/?CID=QUENDRAL000000000000000000000042\n"), std::string::npos);
+    EXPECT_NE(logFile().find("] User clicked online configuration\n"), std::string::npos);
+}
+
+// --- monitor ------------------------------------------------------------------------
+
+TEST_F(CliInUsbWorld, MonitorSendsPipedLinesAndPrintsWhatTheControllerAnswers)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setVersion("4.5.6");
+
+    // As `printf 'getVersion\nhello' | quendral-cli monitor`: the input ends at
+    // once, its last line without a line feed; the answer still comes through.
+    const CliResult result = cli({"monitor"}, "getVersion\nhello");
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(controller.receivedLines(), (std::vector<std::string>{"getVersion", "hello"}));
+    EXPECT_NE(result.out.find("VERSION:4.5.6\n"), std::string::npos) << describe(result);
+    EXPECT_NE(logFile().find("] Opening serial port /dev/ttyACM0 with baud rate 115200\n"), std::string::npos);
+}
+
+TEST_F(CliInUsbWorld, MonitorStaysOnWhileInputIsOpenAndShowsUnaskedOutput)
+{
+    auto& controller = plugKorbatekDue();
+    CliChild child({"monitor", "-p", "/dev/ttyACM0"}, environment());
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(controller.waitForPortOpen(true, 30s));
+
+    controller.sendRaw("Controller booted\r\n");
+    EXPECT_TRUE(child.waitForOutput("Controller booted\r\n", 30s)) << child.output();
+    child.writeInput("getCID\n");
+    EXPECT_TRUE(child.waitForOutput("CID:0123456789ABCDEF0123456789ABCDEF\n", 30s)) << child.output();
+    child.writeInput("debug\n");
+    ASSERT_TRUE(controller.waitForLine("debug", 30s));
+
+    const CliResult result = child.finish(30s);
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(controller.receivedLines(), (std::vector<std::string>{"getCID", "debug"}));
+    EXPECT_TRUE(controller.waitForPortOpen(false, 5s)) << "the port is closed at the end";
+}
