@@ -311,6 +311,12 @@ int CliSession::writeIp()
 
     std::vector<std::string> lines;
     runInBackground([&] { lines = _controller->getIPConfig(); });
+    // The dump's port finishes closing on its reader thread, and the save below
+    // gets the very same port object (there is one per path): opening it before
+    // the close is through would write into a descriptor about to be closed.
+    if (auto dumpPort = _controller->serial()) {
+        runUntil([&] { return !dumpPort->isOpen(); });
+    }
     if (lines.empty()) {
         std::cout << "Could not get device IP configuration\n";
         return kFailure;
