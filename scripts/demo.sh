@@ -9,7 +9,9 @@
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/install-deps.sh"
-"$root/scripts/build.sh"
+# Only what the update needs: the command line and the device lab (the
+# window, the tests and the benchmarks are built by scripts/test.sh).
+QUENDRAL_BUILD_TARGETS="quendral-cli quendral-lab" "$root/scripts/build.sh"
 build="${QUENDRAL_BUILD_DIR:-$root/build}"
 exec "$build/sim/lab/quendral-lab" -- \
   "$build/src/cli/quendral-cli" update --yes --server '{server}' --ca-file '{ca}' --resources '{resources}'
