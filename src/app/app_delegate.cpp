@@ -39,9 +39,12 @@ void AppDelegate::applicationDidFinishLaunching()
     _serialMonitorWindow = std::make_unique<HostWindow>(QStringLiteral("Serial monitor"));
     _ipConfigWindow = std::make_unique<HostWindow>(QStringLiteral("IP configuration"));
     buildMenus();
-    _mainViewController = MainViewController::create(*_mainView, this);
+    _mainViewController = MainViewController::create(*_mainView, this, *_clock);
     if (_serverConfig) {
         _mainViewController->setUpdateServerConfig(*_serverConfig);
+    }
+    if (_ftdiDriverCheck) {
+        _mainViewController->setFTDIDriverCheck(_ftdiDriverCheck);
     }
     _mainViewController->viewDidLoad();
     connectButtons();

@@ -4,10 +4,12 @@
 // a file, show the log).
 #include "controller/main_view.h"
 #include "controller/update_server_client.h"
+#include "platform/clock.h"
 #include "windows/window_host.h"
 
 #include <QObject>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +43,11 @@ public:
     // The device lab's window talks to its local update server; the
     // application itself keeps the build's server and reads no settings.
     void setUpdateServerConfig(UpdateServerConfig config) { _serverConfig = std::move(config); }
+    // Before launch, for tests: the clock of the controller's waiting
+    // procedures, and a driver check that can report the FTDI driver missing
+    // (the Linux kernel always has it).
+    void setClock(Clock& clock) { _clock = &clock; }
+    void setFTDIDriverCheck(std::function<bool()> check) { _ftdiDriverCheck = std::move(check); }
 
     // --- ApplicationDelegate and WindowHost ---
     void openSerialMonitor(const std::string& path) override;
@@ -80,6 +87,8 @@ private:
     QAction* _updateConfigMenuItem = nullptr;
     std::shared_ptr<MainViewController> _mainViewController;
     std::optional<UpdateServerConfig> _serverConfig;
+    Clock* _clock = &systemClock();
+    std::function<bool()> _ftdiDriverCheck;
     windows::SerialMonitor* _serialMonitorController = nullptr; // owned by its window
     windows::IPConfig* _ipConfigController = nullptr;           // owned by its window
 };

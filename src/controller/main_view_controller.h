@@ -100,6 +100,9 @@ public:
     // the driver check warns when the FTDI driver is missing.
     void observePortChanges();
     void warnIfFTDIDriverMissing();
+    // Replaces the driver check viewDidLoad runs. Linux always has the FTDI
+    // driver, so only a test can show the warning path through the window.
+    void setFTDIDriverCheck(std::function<bool()> check) { _ftdiDriverCheck = std::move(check); }
     [[nodiscard]] PortList& portList() { return _portList; }
 
     // --- configuration actions (configuration_actions.cpp) ----------------------
@@ -202,6 +205,7 @@ private:
     std::shared_ptr<AvrdudeWrapper> _avrdude;
     std::shared_ptr<BossacWrapper> _bossac;
     std::function<void(UpdateOutcome)> _onUpdateFinished;
+    std::function<bool()> _ftdiDriverCheck;
     std::vector<ScopedObserver> _observers;
     ControllerState _state;
     ControllerReplyParser _parser{_state};

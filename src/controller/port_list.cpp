@@ -247,7 +247,7 @@ void MainViewController::observePortChanges()
 
 void MainViewController::warnIfFTDIDriverMissing()
 {
-    _portList.warnIfFTDIDriverMissing();
+    _portList.warnIfFTDIDriverMissing(_ftdiDriverCheck ? _ftdiDriverCheck() : isFTDIInstalled());
 }
 
 } // namespace quendral

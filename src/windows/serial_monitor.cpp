@@ -99,7 +99,9 @@ SerialMonitor::SerialMonitor(QWidget* parent)
 
 SerialMonitor::~SerialMonitor()
 {
-    if (_serial) {
+    // A monitor that replaced this one in the window shares the port object
+    // (one per path) and has made itself its delegate: the port is its now.
+    if (_serial && _serial->delegate() == _portDelegate) {
         _serial->setDelegate(nullptr);
         if (_serial->isOpen()) {
             _serial->close();
