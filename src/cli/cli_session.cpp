@@ -329,10 +329,14 @@ int CliSession::writeIp()
     }
     std::map<std::string, std::string*> addresses{
         {"ip", &settings.ip}, {"subnet", &settings.subnet}, {"gateway", &settings.gateway}, {"dns", &settings.dns}};
-    // dhcp first, so that an explicit ip= wins over its suggestion.
+    // dhcp first, so that an explicit ip= wins over its suggestion. Switching
+    // off proposes the window's fixed address only when DHCP is on: a
+    // Controller with a fixed address keeps it.
     for (const auto& [key, value] : _invocation.assignments) {
-        if (key == "dhcp") {
-            settings.ip = value == "on" ? ipsettings::IpDump::kDhcpAddress : ipsettings::kSuggestedStaticAddress;
+        if (key == "dhcp" && value == "on") {
+            settings.ip = ipsettings::IpDump::kDhcpAddress;
+        } else if (key == "dhcp" && settings.ip == ipsettings::IpDump::kDhcpAddress) {
+            settings.ip = ipsettings::kSuggestedStaticAddress;
         }
     }
     for (const auto& [key, value] : _invocation.assignments) {

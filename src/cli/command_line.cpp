@@ -155,50 +155,101 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
     return invocation;
 }
 
+std::string shortUsage()
+{
+    return "Usage: quendral-cli COMMAND [OPTIONS]\n"
+           "Commands: ports, identify, update, flash, ip, webconfig, online-config, monitor, log\n"
+           "Try 'quendral-cli --help' for more information.\n";
+}
+
 std::string helpText()
 {
     return R"(Usage: quendral-cli COMMAND [OPTIONS]
 
-Keeps QUENDRAL Controllers up to date and configured from a terminal.
+Updates and configures QUENDRAL Controllers connected over USB, from a terminal
+or a script. A command works on one Controller: the one on the port given with
+-p, or else the first port that 'quendral-cli ports' lists.
 
 Commands:
-  ports                      list the Controller ports: name, path, vendor:product, board
-  identify [-p PORT]         ask the Controller for its identification code and version
-  update [-p PORT] [--version VERSION] [--yes | --no] [--server URL] [--ca-file FILE]
-                             check for a firmware update and install it
-  flash FILE [-p PORT]       install a firmware file (Intel HEX)
-  ip [-p PORT] [KEY=VALUE ...]
-                             without settings: print the Controller's network settings;
-                             with them: check and write them. Keys: ip, subnet, gateway,
-                             dns, dhcp=on|off, devN=ADDRESS, enableN=0|1 (N from 1)
-  webconfig [-p PORT]        switch the Controller's configuration web server on or off
-  online-config [-p PORT]    open the Controller's page on the online configuration site
-                             (the address is printed when there is no desktop)
-  monitor [-p PORT]          serial monitor; type lines to send them, Ctrl-] leaves
-  log                        print the path of the log file
+  ports                    list the Controller ports, one line each, separated
+                           by tabs: name, path, vendor:product (hex), board
+                           ("unknown" for a board this program does not know)
+  identify [-p PORT]       ask the Controller who it is; prints "CID: <code>"
+                           and "Version: <version>", or the message the
+                           Controller sends instead
+  update [-p PORT] [--version VERSION] [--yes | --no] [--server URL]
+         [--ca-file FILE]  ask the update server for firmware made for this
+                           Controller and install it
+  flash FILE [-p PORT]     install a firmware file (Intel HEX)
+  ip [-p PORT]             print the Controller's network settings as it
+                           reports them, one per line
+  ip [-p PORT] KEY=VALUE...
+                           change network settings and write them all; the
+                           Controller stores them and restarts. Keys:
+                             ip=ADDRESS, subnet=MASK, gateway=ADDRESS,
+                             dns=ADDRESS   the Controller's own settings
+                             dhcp=on       the Controller takes its address by
+                                           DHCP (sent as ip 0.0.0.0)
+                             dhcp=off      a fixed address: 192.168.10.99 if
+                                           DHCP was on, unless ip= is given
+                             devN=ADDRESS  address of attached device N (from 1)
+                             enableN=0|1   switch attached device N off or on
+                           Settings not named keep their current values. The
+                           addresses are checked first: if one is invalid,
+                           nothing is sent.
+  webconfig [-p PORT]      switch the Controller's configuration web server on
+                           or off; when it comes on, its address is opened in
+                           the browser (printed when there is no desktop)
+  online-config [-p PORT]  open the Controller's page on the online
+                           configuration site (printed when there is no desktop)
+  monitor [-p PORT]        serial monitor at 115200 baud: shows what the
+                           Controller sends. On a terminal, keys are sent as
+                           typed and Ctrl-] leaves. Piped input is sent line by
+                           line; the monitor leaves when the input has ended
+                           and the Controller has gone quiet
+  log                      print the path of the log file
+  help                     show this help (also COMMAND --help)
 
 Options:
-  -p, --port PORT            a port name (ttyACM0) or a /dev path; without it the
-                             first port of the list is used, as the window selects it
-  --version VERSION          (update) ask the server for this build: master,
-                             masternodelete or branch_NAME
-  -y, --yes / -n, --no       (update) answer the question about the intermediate
-                             firmware; without either and without a terminal: no
-  --server URL               (update) the update server, https://host[:port]
-  --ca-file FILE             (update) trust the certificate authorities in FILE
-  --resources DIR            (update, flash) take the flashing tools and the
-                             intermediate firmware from DIR (the device lab's)
-  -h, --help                 show this help and exit
-  -V, --version              (alone) show the program's version and exit
+  -p, --port PORT          the Controller's port: a name (ttyACM0) or a path
+                           (/dev/ttyACM0)
+  --version VERSION        (update) ask for this build instead of the newest:
+                           master, masternodelete or branch_NAME
+  -y, --yes                (update) agree when asked to install the
+                           intermediate firmware first
+  -n, --no                 (update) decline; without --yes or --no the question
+                           is asked on a terminal and answered no otherwise
+  --server URL             (update) the update server, https://host[:port]
+  --ca-file FILE           (update) also trust the certificate authorities in
+                           FILE
+  --resources DIR          (update, flash) take the flashing tools and the
+                           intermediate firmware from DIR instead of the
+                           installed ones (for testing)
+  -h, --help               show this help and exit
+  -V, --version            show the program's version and exit (only before a
+                           command; after 'update' it is the option above)
+
+Results go to standard output; progress and waiting messages go to standard
+error.
 
 Exit codes:
-  0  done (update: installed and reported to the server as a success)
-  1  failed (no answer from the Controller, upload failed, ...)
+  0  success (update: installed and reported to the server)
+  1  failed: no Controller or no such port, no answer from the Controller, an
+     invalid address, the upload failed, ...
   2  wrong arguments
-  3  no update needed: the newest firmware is installed
-  4  refused by the server (Controller not registered, or a message from the maker)
+  3  no update needed: the newest firmware is installed already
+  4  refused by the update server (Controller not registered, or a message
+     from the maker)
   5  the update server could not be reached
   6  a question was answered no
+
+Examples:
+  quendral-cli ports
+  quendral-cli identify -p ttyACM1
+  quendral-cli update --yes
+  quendral-cli ip > network-settings.txt
+  quendral-cli ip -p /dev/ttyUSB0 dhcp=off ip=192.168.10.20 gateway=192.168.10.1
+  printf 'debug\n' | quendral-cli monitor
 )";
 }
 

@@ -41,5 +41,7 @@ struct UsageError {
 std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::string>& args);
 
 std::string helpText();
+// The few lines shown with a usage error.
+std::string shortUsage();
 
 } // namespace quendral::cli

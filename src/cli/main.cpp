@@ -15,8 +15,7 @@ int main(int argc, char** argv)
     const std::vector<std::string> args(argv + 1, argv + argc);
     const auto parsed = parseCommandLine(args);
     if (const auto* error = std::get_if<UsageError>(&parsed)) {
-        std::cerr << "quendral-cli: " << error->message << "\n"
-                  << "Try 'quendral-cli --help' for more information.\n";
+        std::cerr << "quendral-cli: " << error->message << "\n" << shortUsage();
         return kUsage;
     }
     const auto& invocation = std::get<Invocation>(parsed);

@@ -47,8 +47,20 @@ TEST(CliProcess, WrongArgumentExitsTwoWithAUsageMessage)
 {
     const auto result = run("frobnicate");
     EXPECT_EQ(result.exitCode, 2);
-    EXPECT_NE(result.output.find("unknown command 'frobnicate'"), std::string::npos) << result.output;
-    EXPECT_NE(result.output.find("--help"), std::string::npos);
+    EXPECT_EQ(result.output, "quendral-cli: unknown command 'frobnicate'\n"
+                             "Usage: quendral-cli COMMAND [OPTIONS]\n"
+                             "Commands: ports, identify, update, flash, ip, webconfig, online-config, monitor, log\n"
+                             "Try 'quendral-cli --help' for more information.\n");
+}
+
+TEST(CliProcess, UsageErrorsGoToStandardErrorOnly)
+{
+    const auto all = run("identify --yes");
+    const auto out = run("identify --yes 2>/dev/null; :"); // standard output alone
+    EXPECT_EQ(all.exitCode, 2);
+    EXPECT_EQ(all.output.rfind("quendral-cli: unexpected argument '--yes'\nUsage: quendral-cli COMMAND", 0), 0U)
+        << all.output;
+    EXPECT_EQ(out.output, "");
 }
 
 TEST(CliProcess, VersionPrintsTheProgramVersion)

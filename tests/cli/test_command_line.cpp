@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 using namespace quendral::cli;
 
 namespace {
@@ -87,8 +90,38 @@ TEST(CommandLine, HelpAndVersion)
 TEST(CommandLine, HelpListsEveryCommandAndExitCode)
 {
     const std::string help = helpText();
-    for (const char* word : {"ports", "identify", "update", "flash", "ip", "webconfig", "online-config", "monitor",
-                             "log", "Exit codes:", "  3  no update needed", "  4  refused", "  5  the update server"}) {
+    for (const char* word : {"\n  ports ", "\n  identify [-p PORT]", "\n  update [-p PORT]", "\n  flash FILE",
+                             "\n  ip [-p PORT] KEY=VALUE", "\n  webconfig [-p PORT]", "\n  online-config [-p PORT]",
+                             "\n  monitor [-p PORT]", "\n  log ", "\nExit codes:\n  0  success", "\n  1  failed",
+                             "\n  2  wrong arguments", "\n  3  no update needed", "\n  4  refused",
+                             "\n  5  the update server", "\n  6  a question was answered no", "\nExamples:\n"}) {
         EXPECT_NE(help.find(word), std::string::npos) << word;
     }
+}
+
+TEST(CommandLine, HelpFitsAnEightyColumnTerminal)
+{
+    std::istringstream lines(helpText());
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 80U) << line;
+        EXPECT_EQ(line.find('\t'), std::string::npos) << line;
+    }
+}
+
+TEST(CommandLine, HelpExamplesAreValidCommandLines)
+{
+    const std::string help = helpText();
+    std::istringstream lines(help.substr(help.find("\nExamples:\n") + 11));
+    int examples = 0;
+    for (std::string line; std::getline(lines, line);) {
+        // "printf ... | quendral-cli monitor": the part after the pipe.
+        line = line.substr(line.find("quendral-cli ") + 13);
+        line = line.substr(0, line.find(" >"));
+        std::istringstream words(line);
+        std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
+        const auto result = parseCommandLine(args);
+        EXPECT_TRUE(std::holds_alternative<Invocation>(result)) << line;
+        ++examples;
+    }
+    EXPECT_GE(examples, 5);
 }

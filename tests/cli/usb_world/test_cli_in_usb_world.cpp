@@ -333,6 +333,19 @@ TEST_F(CliInUsbWorld, IpDhcpOffProposesTheFixedAddress)
                                         "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
 }
 
+TEST_F(CliInUsbWorld, IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+
+    const CliResult result = cli({"ip", "dhcp=off", "dns=192.168.10.3"});
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_TRUE(controller.waitForLine("reset", 5s));
+    EXPECT_EQ(controller.receivedLines(),
+              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
+                                        "gateway=192.168.10.1", "dns=192.168.10.3", "store", "reset"}));
+}
+
 TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
 {
     auto& controller = plugKorbatekDue();
