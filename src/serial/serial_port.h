@@ -25,6 +25,7 @@
 #include "serial/serial_port_delegate.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -185,6 +186,10 @@ private:
 
     void receiveData(const SerialData& data);
     void reallyClosePort();
+    // close() leaves the closing to the reader thread; an open() that comes
+    // before it is through waits for it instead of using a dying descriptor.
+    void markCloseFinished();
+    [[nodiscard]] bool waitForPendingClose();
     void readLoop(const std::shared_ptr<ReadSource>& source);
     void pollModemLines();
     // The device vanished (EIO/ENXIO/hang-up): error, removal, close; once per open.
@@ -221,6 +226,9 @@ private:
 
     std::atomic<int> _fileDescriptor{0};
     std::mutex _descriptorMutex; // held while the line poll uses the descriptor and while it is closed
+    std::mutex _closeMutex;
+    std::condition_variable _closeFinished;
+    bool _closePending = false; // guarded by _closeMutex
     std::atomic<bool> _cts{false};
     std::atomic<bool> _dsr{false};
     std::atomic<bool> _dcd{false};

@@ -56,6 +56,9 @@ void SerialPort::setFileDescriptor(int fd)
 
 void SerialPort::open()
 {
+    if (isOpen() && !waitForPendingClose()) {
+        return;
+    }
     if (isOpen()) {
         return;
     }
@@ -133,9 +136,30 @@ bool SerialPort::close()
         source = std::move(_readPollSource);
     }
     if (source) {
+        {
+            std::lock_guard lock(_closeMutex);
+            _closePending = true;
+        }
         source->cancel(); // the reader finishes the close (reallyClosePort)
     }
     return true;
+}
+
+bool SerialPort::waitForPendingClose()
+{
+    // Bounded: a reader stuck on a dead line must not freeze the caller.
+    constexpr auto kLongestClose = std::chrono::seconds(3);
+    std::unique_lock lock(_closeMutex);
+    return _closeFinished.wait_for(lock, kLongestClose, [this] { return !_closePending; });
+}
+
+void SerialPort::markCloseFinished()
+{
+    {
+        std::lock_guard lock(_closeMutex);
+        _closePending = false;
+    }
+    _closeFinished.notify_all();
 }
 
 bool SerialPort::sendData(std::string_view text)
@@ -239,6 +263,7 @@ void SerialPort::reallyClosePort()
     stopPinPoll();
     const int fd = _fileDescriptor.load();
     if (fd < 1) {
+        markCloseFinished();
         return;
     }
     // Drop hardware handshake first so that a pending write cannot hang the
@@ -255,19 +280,26 @@ void SerialPort::reallyClosePort()
         if (::close(fd) != 0) {
             const int error = errno;
             lock.unlock();
+            markCloseFinished();
             errno = error;
             notifyDelegateOfPosixError();
             return;
         }
         _fileDescriptor.store(0);
     }
-    notifyPropertyObservers(SerialPortProperty::IsOpen);
-
+    const Ptr self = shared_from_this();
     auto target = delegate();
-    if (target && target->respondsTo(SerialPortDelegateCallback::WasClosed)) {
-        const Ptr self = shared_from_this();
-        dispatch::mainQueue()->sync([self, target] { target->serialPortWasClosed(self); });
+    const bool tellDelegate = target && target->respondsTo(SerialPortDelegateCallback::WasClosed);
+    if (tellDelegate) {
+        // Queued before a waiting open() can queue requests of the next session.
         _requestHandlingQueue->async([self] { self->resetRequestsAfterClose(); });
+    }
+    // Before the delegate hears of it on the main queue: an open() waiting
+    // there must not hold up the very queue the close is reported on.
+    markCloseFinished();
+    notifyPropertyObservers(SerialPortProperty::IsOpen);
+    if (tellDelegate) {
+        dispatch::mainQueue()->sync([self, target] { target->serialPortWasClosed(self); });
     }
 }
 

@@ -36,6 +36,24 @@ TEST_F(SerialPortIO, OpenOnAnOpenPortDoesNothing)
     EXPECT_EQ(device->exclusiveRequests(), 1);
 }
 
+TEST_F(SerialPortIO, OpenRightAfterCloseWaitsForTheCloseAndWorks)
+{
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    for (int round = 0; round < 20; ++round) {
+        // The reader thread finishes a close; the open must not take the
+        // dying descriptor for an open port.
+        port->close();
+        port->open();
+        ASSERT_TRUE(port->isOpen()) << "round " << round;
+        ASSERT_TRUE(port->sendData("r" + std::to_string(round) + "\n"));
+        EXPECT_EQ(readDeviceEnd(device->deviceEnd()), "r" + std::to_string(round) + "\n") << "round " << round;
+    }
+    EXPECT_GT(port->fileDescriptor(), 0);
+    ASSERT_TRUE(waitFor([&] { return delegate->count("opened") == 21 && delegate->count("closed") == 20; }));
+    EXPECT_EQ(delegate->count("error"), 0u);
+}
+
 TEST_F(SerialPortIO, OpenTakesTheDeviceExclusivelyAndCloseGivesItBack)
 {
     auto port = openPort(delegate);
