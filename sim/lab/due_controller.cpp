@@ -5,9 +5,10 @@
 namespace quendral::sim {
 namespace {
 
-SamBoardOptions optionsFor(const std::string& initialImage)
+SamBoardOptions optionsFor(const std::string& initialImage, const DueFaults& faults)
 {
     SamBoardOptions options;
+    options.stuckFlashByte = faults.stuckFlashByte;
     // A board without firmware: flash that carries no Controller, boot-from-flash off.
     options.initialImage = initialImage.empty() ? QUENDRAL_LAB_IMAGE_DIR "/lab_no_firmware.bin" : initialImage;
     options.bootFromFlash = !initialImage.empty();
@@ -16,8 +17,8 @@ SamBoardOptions optionsFor(const std::string& initialImage)
 
 } // namespace
 
-DueController::DueController(UmockdevTestbed& testbed, const std::string& initialImage)
-    : _testbed(testbed), _board(optionsFor(initialImage)), _hasFirmware(!initialImage.empty())
+DueController::DueController(UmockdevTestbed& testbed, const std::string& initialImage, DueFaults faults)
+    : _testbed(testbed), _board(optionsFor(initialImage, faults)), _hasFirmware(!initialImage.empty()), _faults(faults)
 {
 }
 
@@ -110,6 +111,11 @@ void DueController::reenumerate()
         // The host needs a moment to finish with the old node first.
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         _testbed.unplug(*old);
+        if (_faults.staysAwayAfterTouch && mode == SamMode::BootLoader) {
+            lock.lock();
+            _unplugged = true;
+            continue;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         plugIn(mode);
         lock.lock();

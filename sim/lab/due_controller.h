@@ -17,11 +17,19 @@
 
 namespace quendral::sim {
 
+// Ways a board can be broken, for the paths where an update fails.
+struct DueFaults {
+    // After the 1200-baud touch the board leaves USB and never comes back.
+    bool staysAwayAfterTouch = false;
+    // This flash offset never keeps what is written (bossac's verify fails).
+    std::optional<uint32_t> stuckFlashByte;
+};
+
 class DueController {
 public:
     // `initialImage`: what the flash holds at power-on (a .bin or .hex test
     // image); empty: an erased board that sits in its boot loader.
-    DueController(UmockdevTestbed& testbed, const std::string& initialImage);
+    DueController(UmockdevTestbed& testbed, const std::string& initialImage, DueFaults faults = {});
     ~DueController();
     DueController(const DueController&) = delete;
     DueController& operator=(const DueController&) = delete;
@@ -46,6 +54,7 @@ private:
     UmockdevTestbed& _testbed;
     SamBoard _board;
     const bool _hasFirmware;
+    const DueFaults _faults;
     mutable std::mutex _mutex;
     std::condition_variable _changed;
     std::shared_ptr<UmockdevSerialDevice> _device;

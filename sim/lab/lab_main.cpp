@@ -6,15 +6,19 @@
 // {server}, {ca} and {resources} stand for the server's URL, its test CA and
 // the lab's resource folder (the flashing tools and the lab's intermediate
 // firmware, a simulator image that is never packaged for real boards).
+#include "avr_controller.h"
 #include "due_controller.h"
 #include "local_update_server.h"
 #include "umockdev_testbed.h"
+#include "usb_identity_board.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
@@ -30,13 +34,22 @@ using namespace quendral;
 
 void usage()
 {
-    std::cerr << "Usage: quendral-lab [--image FILE | --blank] [--server-firmware FILE] [--server-arg ARG]...\n"
+    std::cerr << "Usage: quendral-lab [--controller KIND] [--image FILE | --blank] [--due-stays-away]\n"
+                 "                    [--due-broken-flash] [--server-firmware FILE] [--server-arg ARG]...\n"
                  "                    -- PROGRAM [ARGUMENTS...]\n"
                  "\n"
                  "Runs PROGRAM in a USB world with a simulated KorbatekDue Controller (its flash\n"
                  "holding FILE, or nothing with --blank) and a local HTTPS update server serving\n"
                  "--server-firmware. In ARGUMENTS, {server}, {ca} and {resources} are replaced by\n"
-                 "the server's URL, its test CA and the lab's resource folder.\n";
+                 "the server's URL, its test CA and the lab's resource folder.\n"
+                 "\n"
+                 "KIND: due (the default), mega2560 (simavr, stk500v2, USB 26BA:0003 on ttyACM0),\n"
+                 "mega1284p (simavr, optiboot, FTDI 0403:6001 on ttyUSB0; for both FILE is the\n"
+                 "program in flash), atmega32u4 (2341:8037; after the 1200-baud touch it comes\n"
+                 "back as its boot loader 2341:0037, which no simulator answers), or VVVV:PPPP\n"
+                 "(a ttyACM0 with that USB identity and nothing behind it).\n"
+                 "--due-stays-away: after the 1200-baud touch the due leaves USB for good.\n"
+                 "--due-broken-flash: one byte of the due's flash never keeps what is written.\n";
 }
 
 std::string replaced(std::string text, const std::string& token, const std::string& value)
@@ -85,6 +98,9 @@ int main(int argc, char** argv)
     std::string serverFirmware = QUENDRAL_LAB_IMAGE_DIR "/lab_new_firmware.hex";
     std::vector<std::string> serverArguments;
     std::vector<std::string> program;
+    std::string kind = "due";
+    bool imageGiven = false;
+    sim::DueFaults dueFaults;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--") {
@@ -93,6 +109,14 @@ int main(int argc, char** argv)
         }
         if (arg == "--image" && i + 1 < argc) {
             image = argv[++i];
+            imageGiven = true;
+        } else if (arg == "--controller" && i + 1 < argc) {
+            kind = argv[++i];
+        } else if (arg == "--due-stays-away") {
+            dueFaults.staysAwayAfterTouch = true;
+        } else if (arg == "--due-broken-flash") {
+            // Inside the firmware's code, well past the identity block.
+            dueFaults.stuckFlashByte = 0x1234;
         } else if (arg == "--blank") {
             image.clear();
         } else if (arg == "--server-firmware" && i + 1 < argc) {
@@ -130,13 +154,59 @@ int main(int argc, char** argv)
     }
 
     sim::UmockdevTestbed testbed;
-    sim::DueController controller(testbed, image);
-    if (!controller.start()) {
-        std::cerr << "quendral-lab: the simulated Controller did not start: " << controller.board().error() << "\n";
-        return 1;
+    std::optional<sim::DueController> due;
+    std::optional<sim::AvrController> avr;
+    std::optional<sim::UsbIdentityBoard> standIn;
+    std::string devnode;
+    if (kind == "due") {
+        due.emplace(testbed, image, dueFaults);
+        if (!due->start()) {
+            std::cerr << "quendral-lab: the simulated Controller did not start: " << due->board().error() << "\n";
+            return 1;
+        }
+        devnode = due->devnode();
+    } else if (kind == "mega2560" || kind == "mega1284p") {
+        const bool mega = kind == "mega2560";
+        sim::AvrControllerOptions options;
+        options.kind = mega ? sim::AvrBoardKind::Mega2560 : sim::AvrBoardKind::Mega1284P;
+        options.programHex = imageGiven ? image
+                                        : std::string(QUENDRAL_AVR_FIRMWARE_DIR) +
+                                              (mega ? "/identity_a_2560.hex" : "/identity_a_1284p.hex");
+        options.ttyName = mega ? "ttyACM0" : "ttyUSB0";
+        options.vendorId = mega ? 0x26BA : 0x0403;
+        options.productId = mega ? 0x0003 : 0x6001;
+        options.product = mega ? "QUENDRAL Controller (ATmega2560)" : "FT232R USB UART";
+        avr.emplace(testbed, options);
+        if (!avr->start()) {
+            std::cerr << "quendral-lab: the simulated AVR Controller did not start: " << avr->board().error() << "\n";
+            return 1;
+        }
+        devnode = avr->devnode();
+    } else {
+        sim::UsbIdentityBoardOptions options;
+        unsigned vendor = 0;
+        unsigned product = 0;
+        if (kind == "atmega32u4") {
+            options.info.vendorId = 0x2341;
+            options.info.productId = 0x8037;
+            options.info.product = "QUENDRAL Controller (ATmega32U4)";
+            options.onTouch = sim::UsbIdentityBoardOptions::OnTouch::Reenumerate;
+            options.vendorIdAfterTouch = 0x2341;
+            options.productIdAfterTouch = 0x0037;
+            options.productAfterTouch = "ATmega32U4 boot loader";
+        } else if (std::sscanf(kind.c_str(), "%4x:%4x", &vendor, &product) == 2) {
+            options.info.vendorId = static_cast<std::uint16_t>(vendor);
+            options.info.productId = static_cast<std::uint16_t>(product);
+            options.info.product = "USB serial device";
+        } else {
+            usage();
+            return 2;
+        }
+        standIn.emplace(testbed, options);
+        standIn->start();
+        devnode = standIn->devnode();
     }
-    std::cerr << "quendral-lab: KorbatekDue on " << controller.devnode() << ", update server at " << server.baseUrl()
-              << "\n";
+    std::cerr << "quendral-lab: " << kind << " on " << devnode << ", update server at " << server.baseUrl() << "\n";
 
     for (auto& argument : program) {
         argument = replaced(argument, "{server}", server.baseUrl());
@@ -145,10 +215,22 @@ int main(int argc, char** argv)
     }
     const int status = runProgram(program);
 
-    const auto identity = controller.identity();
-    std::cerr << "quendral-lab: the Controller's flash now identifies it as "
-              << (identity ? identity->cid + " version " + identity->version : std::string("nothing")) << "\n";
-    controller.stop();
+    if (due) {
+        const auto identity = due->identity();
+        std::cerr << "quendral-lab: the Controller's flash now identifies it as "
+                  << (identity ? identity->cid + " version " + identity->version : std::string("nothing")) << "\n";
+        due->stop();
+    }
+    if (avr) {
+        std::cerr << "quendral-lab: the AVR board was reset " << avr->resets() << " times\n";
+        const auto identity = avr->askIdentity();
+        std::cerr << "quendral-lab: the AVR board's program answers " << identity.value_or("nothing") << "\n";
+        avr->stop();
+    }
+    if (standIn) {
+        std::cerr << "quendral-lab: the board saw " << standIn->touches() << " 1200-baud touches\n";
+        standIn->stop();
+    }
     server.stop();
     std::error_code ec;
     fs::remove_all(folderTemplate, ec);

@@ -1,0 +1,121 @@
+#include "usb_identity_board.h"
+
+#include <chrono>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace quendral::sim {
+
+UsbIdentityBoard::UsbIdentityBoard(UmockdevTestbed& testbed, UsbIdentityBoardOptions options)
+    : _testbed(testbed), _options(std::move(options))
+{
+}
+
+UsbIdentityBoard::~UsbIdentityBoard()
+{
+    stop();
+}
+
+void UsbIdentityBoard::start()
+{
+    plugIn(_options.info, false);
+    _worker = std::thread([this] { watch(); });
+}
+
+void UsbIdentityBoard::stop()
+{
+    {
+        std::lock_guard lock(_mutex);
+        if (_stopping) {
+            return;
+        }
+        _stopping = true;
+        _changed.notify_all();
+    }
+    if (_worker.joinable()) {
+        _worker.join();
+    }
+}
+
+void UsbIdentityBoard::setReturnHandler(std::function<void(const std::shared_ptr<UmockdevSerialDevice>&)> handler)
+{
+    std::lock_guard lock(_mutex);
+    _onReturn = std::move(handler);
+}
+
+void UsbIdentityBoard::plugIn(const UsbSerialDeviceInfo& info, bool afterTouch)
+{
+    std::function<void(const std::shared_ptr<UmockdevSerialDevice>&)> onReturn;
+    {
+        std::lock_guard lock(_mutex);
+        onReturn = _onReturn;
+    }
+    const bool announceNow = !(afterTouch && onReturn);
+    auto device = _testbed.addUsbSerialDevice(info, announceNow);
+    if (!announceNow) {
+        onReturn(device);
+        _testbed.uevent(*device, "add");
+    }
+    if (!afterTouch && _options.onTouch != UsbIdentityBoardOptions::OnTouch::Nothing) {
+        // The firmware's USB stack leaves for the boot loader when the host
+        // sets the modem lines while the line stands at 1200 baud.
+        std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
+        device->setIoctlHook([this, weakDevice](unsigned long request) {
+            const auto self = weakDevice.lock();
+            if (!self || request != TIOCMSET || self->speed() != 1200) {
+                return;
+            }
+            std::lock_guard lock(_mutex);
+            if (_touches++ == 0) {
+                _touchPending = true;
+                _changed.notify_all();
+            }
+        });
+    }
+    std::lock_guard lock(_mutex);
+    _device = device;
+}
+
+void UsbIdentityBoard::watch()
+{
+    std::unique_lock lock(_mutex);
+    _changed.wait(lock, [this] { return _stopping || _touchPending; });
+    if (_stopping) {
+        return;
+    }
+    auto old = _device;
+    lock.unlock();
+    // The host finishes with the old node first; then the USB reset takes it away.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    _testbed.unplug(*old);
+    {
+        std::lock_guard relock(_mutex);
+        _device.reset();
+    }
+    if (_options.onTouch == UsbIdentityBoardOptions::OnTouch::Vanish) {
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    UsbSerialDeviceInfo info = _options.info;
+    info.ttyName = _testbed.unusedTtyName(info.ttyName);
+    info.vendorId = _options.vendorIdAfterTouch;
+    info.productId = _options.productIdAfterTouch;
+    if (!_options.productAfterTouch.empty()) {
+        info.product = _options.productAfterTouch;
+    }
+    plugIn(info, true);
+}
+
+std::string UsbIdentityBoard::devnode() const
+{
+    std::lock_guard lock(_mutex);
+    return _device ? _device->devnode() : std::string();
+}
+
+int UsbIdentityBoard::touches() const
+{
+    std::lock_guard lock(_mutex);
+    return _touches;
+}
+
+} // namespace quendral::sim

@@ -1,0 +1,172 @@
+// The ways an update ends other than with new firmware, end to end:
+// quendral-cli inside the device lab with the simulated KorbatekDue, the
+// real bossac and the local HTTPS update server told to refuse, to serve a
+// file whose digest does not match, to fail while the file is built, or with
+// a board whose flash is broken.
+#include "lab_run.h"
+
+#include <gtest/gtest.h>
+
+using namespace quendral::test;
+
+namespace {
+
+const std::string kCid = "QUENDRALLAB000000000000000000001";
+const std::string kOldFirmware = "identifies it as " + kCid + " version 1.0.0";
+
+LabRun updateWith(const std::vector<std::string>& serverArguments, std::vector<std::string> lab = {})
+{
+    for (const auto& argument : serverArguments) {
+        lab.insert(lab.end(), {"--server-arg", argument});
+    }
+    return runInLab(lab, cliUpdate({"--yes"}));
+}
+
+// A refusal: the one check_update, no ticket, nothing flashed.
+void expectRefusedBeforeAnyTicket(const LabRun& run)
+{
+    EXPECT_EQ(run.count("check_update"), 1) << run.output;
+    EXPECT_EQ(run.count("ticket"), 0);
+    EXPECT_EQ(run.count("ticket_status"), 0);
+    EXPECT_FALSE(run.says("Writing firmware...")) << run.output;
+    EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
+    EXPECT_TRUE(
+        run.logged("Requesting update for CID " + kCid + " with current version 1.0.0 andself-> new version (null)"))
+        << run.log;
+}
+
+} // namespace
+
+TEST(UpdatePaths, UnregisteredControllerIsToldToContactSupportWithItsIdentifier)
+{
+    const LabRun run = updateWith({"--refuse", "not_authorized"});
+    EXPECT_EQ(run.exitCode, 4) << run.output;
+    EXPECT_TRUE(run.says("The connected controller is not fully registered yet. Please contact QUENDRAL Support and "
+                         "include the serial number of the unit, attaching the controller identification code:\n\n " +
+                         kCid + "\n"))
+        << run.output;
+    EXPECT_TRUE(run.logged("ERROR, controller not registered")) << run.log;
+    expectRefusedBeforeAnyTicket(run);
+}
+
+TEST(UpdatePaths, ControllerThatHasTheNewestFirmwareIsToldSoWithoutAnErrorInTheLog)
+{
+    const LabRun run = updateWith({"--refuse", "no_update"});
+    EXPECT_EQ(run.exitCode, 3) << run.output;
+    EXPECT_TRUE(run.says("The connected controller already has the newest software version installed.\n"))
+        << run.output;
+    EXPECT_EQ(run.log.find("ERROR"), std::string::npos) << run.log;
+    EXPECT_EQ(run.log.find("Custom message"), std::string::npos) << run.log;
+    expectRefusedBeforeAnyTicket(run);
+}
+
+TEST(UpdatePaths, ServerWithoutItsOwnConnectionAsksTheUserToCheckTheInternetConnection)
+{
+    const LabRun run = updateWith({"--refuse", "connection"});
+    EXPECT_EQ(run.exitCode, 5) << run.output;
+    EXPECT_TRUE(run.says("Could not connect to the update server. Please check your internet connection.\n"))
+        << run.output;
+    EXPECT_TRUE(run.logged("ERROR, no internet connection")) << run.log;
+    expectRefusedBeforeAnyTicket(run);
+}
+
+TEST(UpdatePaths, MakersMessageIsShownAsItCameAndLogged)
+{
+    const std::string message = "Updates are paused until Monday. Your QUENDRAL team";
+    const LabRun run = updateWith({"--refuse", "message", "--message", message});
+    EXPECT_EQ(run.exitCode, 4) << run.output;
+    EXPECT_TRUE(run.says("\n" + message + "\n")) << run.output;
+    EXPECT_TRUE(run.logged("Custom message: " + message)) << run.log;
+    expectRefusedBeforeAnyTicket(run);
+}
+
+TEST(UpdatePaths, RefusalWithAnUnknownDescriptionEndsWithoutAlertOrLogLine)
+{
+    const LabRun run = updateWith({"--refuse", "maintenance"});
+    EXPECT_EQ(run.exitCode, 4) << run.output;
+    for (const char* alert :
+         {"not fully registered", "newest software version", "Could not connect", "Please contact QUENDRAL support."}) {
+        EXPECT_FALSE(run.says(alert)) << alert << "\n" << run.output;
+    }
+    EXPECT_EQ(run.log.find("ERROR"), std::string::npos) << run.log;
+    EXPECT_EQ(run.log.find("Custom message"), std::string::npos) << run.log;
+    expectRefusedBeforeAnyTicket(run);
+}
+
+TEST(UpdatePaths, FirmwareWhoseDigestNeverMatchesIsFetchedSixTimesThenGivenUp)
+{
+    const LabRun run = updateWith({"--hash", "corrupt", "--polls", "0"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_EQ(run.count("ticket"), 6) << run.output;
+    EXPECT_EQ(run.count("ticket_status"), 0);
+    EXPECT_TRUE(run.says("Checksum did not match on received data. Please contact support.\n")) << run.output;
+    std::size_t mismatches = 0;
+    for (auto at = run.log.find("] Checksum mismatch, got "); at != std::string::npos;
+         at = run.log.find("] Checksum mismatch, got ", at + 1)) {
+        ++mismatches;
+    }
+    EXPECT_EQ(mismatches, 6U) << run.log;
+    EXPECT_TRUE(inOrder(run.log, {"Firmware being generated on server..", "Checksum mismatch, got ",
+                                  "Failed checksum, aborting update"}))
+        << run.log;
+    EXPECT_EQ(run.log.find("Received firmware!"), std::string::npos);
+    EXPECT_FALSE(run.says("Waiting for device to go into programming mode..")) << run.output;
+    EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
+}
+
+TEST(UpdatePaths, UpperCaseDigestNeverMatchesEither)
+{
+    const LabRun run = updateWith({"--hash", "upper", "--polls", "0"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_EQ(run.count("ticket"), 6) << run.output;
+    EXPECT_TRUE(run.logged("Failed checksum, aborting update")) << run.log;
+    EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
+}
+
+TEST(UpdatePaths, FailedGenerationOnTheServerShowsTheServerErrorWithTheSupportLink)
+{
+    const LabRun run = updateWith({"--generation", "fail", "--polls", "1"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    // The terminal prints the status line, then the linked words and where they lead.
+    EXPECT_TRUE(run.says("\nA server error occured. Please go to the support website\n"
+                         "  support website: " QUENDRAL_TEST_SUPPORT_URL "\n"))
+        << run.output;
+    EXPECT_NE(std::string(QUENDRAL_TEST_SUPPORT_URL).find("?id=170"), std::string::npos);
+    EXPECT_EQ(std::string(QUENDRAL_TEST_SUPPORT_URL).rfind("http://", 0), 0U);
+    EXPECT_TRUE(run.logged("ERROR, firmware generation failed server-side")) << run.log;
+    // One poll answered "still building" ("internal"), the next one the failure.
+    EXPECT_EQ(run.count("ticket"), 2) << run.output;
+    EXPECT_EQ(run.count("ticket_status"), 0);
+    EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
+}
+
+TEST(UpdatePaths, LostConnectionWhilePollingShowsTheServerErrorToo)
+{
+    const LabRun run = updateWith({"--fault", "drop", "--fault-commands", "ticket"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_TRUE(run.says("A server error occured. Please go to the support website\n"
+                         "  support website: " QUENDRAL_TEST_SUPPORT_URL "\n"))
+        << run.output;
+    EXPECT_TRUE(run.logged("ERROR, firmware generation failed server-side")) << run.log;
+    EXPECT_EQ(run.count("ticket"), 1) << run.output;
+    EXPECT_EQ(run.count("ticket_status"), 0);
+}
+
+TEST(UpdatePaths, FlashThatDoesNotKeepWhatIsWrittenIsReportedAsAFailureToServerAndUser)
+{
+    const LabRun run = updateWith({}, {"--due-broken-flash"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_TRUE(inOrder(run.output, {"Firmware upgrade file is being generated on the server. Please wait..",
+                                     "Waiting for device to go into programming mode.. (30)", "Writing firmware...",
+                                     "Verifying firmware...", "An error occured during firmware upload.\n"}))
+        << run.output;
+    EXPECT_FALSE(run.says("Firmware successfully updated!")) << run.output;
+    EXPECT_TRUE(inOrder(run.log, {"Received firmware!", "Uploading firmware /tmp/quendral-hexfile.hex", "Verify failed",
+                                  "Reporting upload status false", "] Error: Upload failed\n"}))
+        << run.log;
+    ASSERT_FALSE(run.requests.empty());
+    EXPECT_EQ(run.requests.back()["cmd"], "ticket_status");
+    EXPECT_EQ(run.requests.back()["success"], false);
+    EXPECT_EQ(run.requests.back()["CID"], kCid);
+    EXPECT_EQ(run.count("ticket_status"), 1);
+}
