@@ -6,6 +6,7 @@
 // {server}, {ca} and {resources} stand for the server's URL, its test CA and
 // the lab's resource folder (the flashing tools and the lab's intermediate
 // firmware, a simulator image that is never packaged for real boards).
+#include "avr109_boot_loader_fake.h"
 #include "avr_controller.h"
 #include "due_controller.h"
 #include "local_update_server.h"
@@ -46,7 +47,8 @@ void usage()
                  "KIND: due (the default), mega2560 (simavr, stk500v2, USB 26BA:0003 on ttyACM0),\n"
                  "mega1284p (simavr, optiboot, FTDI 0403:6001 on ttyUSB0; for both FILE is the\n"
                  "program in flash), atmega32u4 (2341:8037; after the 1200-baud touch it comes\n"
-                 "back as its boot loader 2341:0037, which no simulator answers), or VVVV:PPPP\n"
+                 "back as its boot loader 2341:0037, answered by a fake AVR109 boot loader: no\n"
+                 "simulator runs the real one), or VVVV:PPPP\n"
                  "(a ttyACM0 with that USB identity and nothing behind it).\n"
                  "--due-stays-away: after the 1200-baud touch the due leaves USB for good.\n"
                  "--due-broken-flash: one byte of the due's flash never keeps what is written.\n";
@@ -157,6 +159,7 @@ int main(int argc, char** argv)
     std::optional<sim::DueController> due;
     std::optional<sim::AvrController> avr;
     std::optional<sim::UsbIdentityBoard> standIn;
+    sim::Avr109BootLoaderFake bootLoader32U4;
     std::string devnode;
     if (kind == "due") {
         due.emplace(testbed, image, dueFaults);
@@ -203,6 +206,11 @@ int main(int argc, char** argv)
             return 2;
         }
         standIn.emplace(testbed, options);
+        if (kind == "atmega32u4") {
+            standIn->setReturnHandler([&bootLoader32U4](const std::shared_ptr<sim::UmockdevSerialDevice>& device) {
+                bootLoader32U4.start(device->deviceEnd());
+            });
+        }
         standIn->start();
         devnode = standIn->devnode();
     }
@@ -230,6 +238,11 @@ int main(int argc, char** argv)
     if (standIn) {
         std::cerr << "quendral-lab: the board saw " << standIn->touches() << " 1200-baud touches\n";
         standIn->stop();
+        bootLoader32U4.stop();
+        if (kind == "atmega32u4") {
+            std::cerr << "quendral-lab: avrdude wrote " << bootLoader32U4.bytesWritten()
+                      << " bytes into the ATmega32U4 boot loader (a fake: AVR109 answered in C++)\n";
+        }
     }
     server.stop();
     std::error_code ec;

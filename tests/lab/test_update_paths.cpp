@@ -170,3 +170,14 @@ TEST(UpdatePaths, FlashThatDoesNotKeepWhatIsWrittenIsReportedAsAFailureToServerA
     EXPECT_EQ(run.requests.back()["CID"], kCid);
     EXPECT_EQ(run.count("ticket_status"), 1);
 }
+
+TEST(UpdatePaths, FirmwareTextWithLineBreaksCannotBeDecodedAndCountsAsAMismatch)
+{
+    const LabRun run = updateWith({"--base64", "line_breaks", "--polls", "0"});
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_EQ(run.count("ticket"), 6) << run.output;
+    // The digest of no data at all.
+    EXPECT_TRUE(run.log.find(" expected: d41d8cd98f00b204e9800998ecf8427e\n") != std::string::npos) << run.log;
+    EXPECT_TRUE(run.says("Checksum did not match on received data. Please contact support.\n")) << run.output;
+    EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
+}
