@@ -82,6 +82,9 @@ SerialMonitor::SerialMonitor(QWidget* parent)
     QFont courier(QStringLiteral("Courier"), 10);
     courier.setStyleHint(QFont::TypeWriter);
     _ui->monitorWindow->setFont(courier);
+    // Output is never undone; an undo history would keep every chunk (and every
+    // trim) of a chatty Controller alive and make each append slower.
+    _ui->monitorWindow->setUndoRedoEnabled(false);
     _ui->baudRate->setCurrentIndex(3);
     _autoScroll = true;
     _ui->autoScrollCheckbox->setChecked(true);
@@ -201,8 +204,10 @@ void SerialMonitor::serialPortDidReceiveData(const SerialData& bytes)
         return;
     }
     _pendingOutput += text;
-    // A flood is drawn a few times a second, not once per chunk.
-    if (_pendingOutput.size() > kMaximumCharacters) {
+    // A flood is drawn a few times a second, not once per chunk. What waits is
+    // cut back only once it is twice what the window keeps, so that a flood
+    // costs a copy now and then rather than one per chunk.
+    if (_pendingOutput.size() > 2 * kMaximumCharacters) {
         _pendingOutput = _pendingOutput.right(kMaximumCharacters);
     }
     if (!_flushTimer.isActive()) {
@@ -220,6 +225,11 @@ void SerialMonitor::flushPendingOutput()
     QScrollBar* bar = output->verticalScrollBar();
     const int keptPosition = bar->value();
 
+    if (_pendingOutput.size() >= kMaximumCharacters) {
+        // More came than the window keeps: the old text would be cut away at once.
+        output->document()->clear();
+        _pendingOutput = _pendingOutput.right(kMaximumCharacters);
+    }
     QTextCursor cursor(output->document());
     cursor.movePosition(QTextCursor::End);
     cursor.insertText(_pendingOutput);
@@ -229,9 +239,10 @@ void SerialMonitor::flushPendingOutput()
     const qsizetype length = output->document()->characterCount();
     if (length > kMaximumCharacters) {
         QTextCursor head(output->document());
-        head.movePosition(QTextCursor::Start);
-        head.movePosition(QTextCursor::NextCharacter, QTextCursor::KeepAnchor,
-                          static_cast<int>(length - kMaximumCharacters * 3 / 4));
+        // setPosition jumps there; moving character by character would lay out
+        // every line on the way (hundreds of milliseconds in a flood).
+        head.setPosition(0);
+        head.setPosition(static_cast<int>(length - kMaximumCharacters * 3 / 4), QTextCursor::KeepAnchor);
         head.removeSelectedText();
     }
 
