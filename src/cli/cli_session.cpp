@@ -448,6 +448,7 @@ public:
 // lines: stay until it has been quiet this long (but not longer than the limit,
 // for a Controller that never stops talking).
 constexpr auto kMonitorQuietTime = 1s;
+constexpr char kLeaveKey = 0x1d; // Ctrl-]
 constexpr auto kMonitorLingerLimit = 10s;
 
 } // namespace
@@ -471,27 +472,27 @@ int CliSession::monitor()
         std::cerr << "quendral-cli: could not open " << path << "\n";
         return kFailure;
     }
+    // On a terminal the line is edited as in the window's input field (the
+    // terminal's own line editing and echo) and sent on Enter; Ctrl-] is made
+    // an end-of-line character so that it arrives at once, alone, and leaves.
     const bool terminal = ::isatty(STDIN_FILENO) != 0;
     termios saved{};
     if (terminal) {
-        std::cerr << "Serial monitor on " << path << " at 115200 baud. Ctrl-] leaves.\r\n";
         ::tcgetattr(STDIN_FILENO, &saved);
-        termios raw = saved;
-        ::cfmakeraw(&raw);
-        ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        termios lineMode = saved;
+        lineMode.c_lflag |= ICANON | ECHO;
+        lineMode.c_cc[VEOL] = kLeaveKey;
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &lineMode);
+        std::cerr << "Serial monitor on " << path << " at 115200 baud. Enter sends a line, Ctrl-] leaves.\n";
     }
     std::atomic<bool> done{false};
     std::thread input([&] {
-        // Keystrokes go out as typed on a terminal; piped input goes line by line.
+        // Lines go out as the window sends them: the text, then one line feed.
         std::string line;
         char c = 0;
         while (!done && ::read(STDIN_FILENO, &c, 1) == 1) {
-            if (terminal) {
-                if (c == 0x1d) { // Ctrl-]
-                    break;
-                }
-                port->sendData(std::string_view(&c, 1));
-                continue;
+            if (terminal && c == kLeaveKey) {
+                break;
             }
             line += c;
             if (c == '\n') {

@@ -203,10 +203,10 @@ Commands:
   online-config [-p PORT]  open the Controller's page on the online
                            configuration site (printed when there is no desktop)
   monitor [-p PORT]        serial monitor at 115200 baud: shows what the
-                           Controller sends. On a terminal, keys are sent as
-                           typed and Ctrl-] leaves. Piped input is sent line by
-                           line; the monitor leaves when the input has ended
-                           and the Controller has gone quiet
+                           Controller sends. On a terminal, Enter sends the
+                           line typed and Ctrl-] leaves. Piped input is sent
+                           line by line; the monitor leaves when the input has
+                           ended and the Controller has gone quiet
   log                      print the path of the log file
   help                     show this help (also COMMAND --help)
 

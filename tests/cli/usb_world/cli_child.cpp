@@ -35,7 +35,8 @@ std::vector<std::string> childEnvironment(const CliChild::EnvironmentChanges& ch
 
 } // namespace
 
-CliChild::CliChild(const std::vector<std::string>& arguments, const EnvironmentChanges& environment)
+CliChild::CliChild(const std::vector<std::string>& arguments, const EnvironmentChanges& environment, Input input)
+    : _terminal(input == Input::Terminal)
 {
     // A child that ended early must not take the test down with SIGPIPE.
     static const bool ignoringBrokenPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
@@ -47,7 +48,27 @@ CliChild::CliChild(const std::vector<std::string>& arguments, const EnvironmentC
     int in[2] = {-1, -1};
     int out[2] = {-1, -1};
     int err[2] = {-1, -1};
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
+    if (_terminal) {
+        // The master is both the input's writing end and the output's reading end.
+        const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        char name[128] = {};
+        if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
+            ::ptsname_r(master, name, sizeof name) != 0) {
+            return;
+        }
+        const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+        const int masterCopy = ::fcntl(master, F_DUPFD_CLOEXEC, 0);
+        if (slave < 0 || masterCopy < 0) {
+            return;
+        }
+        in[0] = slave;
+        in[1] = master;
+        out[0] = masterCopy;
+        out[1] = ::fcntl(slave, F_DUPFD_CLOEXEC, 0);
+    } else if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+        return;
+    }
+    if (::pipe2(err, O_CLOEXEC) != 0) {
         return;
     }
     std::vector<std::string> argumentStorage{binary};
@@ -162,6 +183,25 @@ bool CliChild::waitForOutput(const std::string& text, std::chrono::milliseconds 
            _out.find(text) != std::string::npos;
 }
 
+bool CliChild::waitForErrorOutput(const std::string& text, std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(_mutex);
+    return _changed.wait_for(lock, timeout, [&] { return _err.find(text) != std::string::npos || _collected; }) &&
+           _err.find(text) != std::string::npos;
+}
+
+std::optional<termios> CliChild::terminalSettings() const
+{
+    if (_terminalSettingsAtEnd) {
+        return _terminalSettingsAtEnd;
+    }
+    termios settings{};
+    if (!_terminal || _input < 0 || ::tcgetattr(_input, &settings) != 0) {
+        return std::nullopt;
+    }
+    return settings;
+}
+
 std::string CliChild::output() const
 {
     std::lock_guard lock(_mutex);
@@ -171,7 +211,9 @@ std::string CliChild::output() const
 CliResult CliChild::finish(std::chrono::milliseconds timeout)
 {
     CliResult result;
-    closeInput();
+    if (!_terminal) {
+        closeInput(); // a terminal's master side is also where the output is read
+    }
     if (_pid <= 0) {
         return result;
     }
@@ -189,6 +231,13 @@ CliResult CliChild::finish(std::chrono::milliseconds timeout)
         }
     }
     _pid = -1;
+    if (_terminal) {
+        termios settings{};
+        if (::tcgetattr(_input, &settings) == 0) {
+            _terminalSettingsAtEnd = settings;
+        }
+    }
+    closeInput();
     if (_collector.joinable()) {
         _collector.join();
     }

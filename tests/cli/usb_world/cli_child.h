@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <termios.h>
 #include <thread>
 #include <vector>
 
@@ -28,7 +29,12 @@ public:
     // Variables to set (a value) or remove (none) for the child only.
     using EnvironmentChanges = std::map<std::string, std::optional<std::string>>;
 
-    CliChild(const std::vector<std::string>& arguments, const EnvironmentChanges& environment);
+    enum class Input { Pipe, Terminal };
+
+    // Input::Terminal: standard input and output are one pseudo-terminal (as
+    // in an interactive session); `out` is then what the terminal showed.
+    CliChild(const std::vector<std::string>& arguments, const EnvironmentChanges& environment,
+             Input input = Input::Pipe);
     // A child still running is killed (SIGKILL to its own pid) and reaped.
     ~CliChild();
     CliChild(const CliChild&) = delete;
@@ -42,8 +48,13 @@ public:
     // Waits until standard output contains `text`.
     bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout);
     [[nodiscard]] std::string output() const;
+    // Waits until standard error contains `text`.
+    bool waitForErrorOutput(const std::string& text, std::chrono::milliseconds timeout);
+    // The input terminal's settings now, or as the child left them once
+    // finish() has seen it end (Input::Terminal only).
+    [[nodiscard]] std::optional<termios> terminalSettings() const;
 
-    // Waits for the end (closing standard input first); kills the child when
+    // Waits for the end (closing a piped standard input first); kills the child when
     // it outlives the timeout.
     CliResult finish(std::chrono::milliseconds timeout);
 
@@ -51,7 +62,9 @@ private:
     void collect(int outFd, int errFd);
 
     pid_t _pid = -1;
-    int _input = -1;
+    int _input = -1; // the pipe's write end, or the terminal's master side
+    bool _terminal = false;
+    std::optional<termios> _terminalSettingsAtEnd;
     std::thread _collector;
     mutable std::mutex _mutex;
     std::condition_variable _changed;

@@ -449,3 +449,33 @@ TEST_F(CliInUsbWorld, MonitorStaysOnWhileInputIsOpenAndShowsUnaskedOutput)
     EXPECT_EQ(controller.receivedLines(), (std::vector<std::string>{"getCID", "debug"}));
     EXPECT_TRUE(controller.waitForPortOpen(false, 5s)) << "the port is closed at the end";
 }
+
+TEST_F(CliInUsbWorld, MonitorOnATerminalSendsEachLineOnEnterAndCtrlBracketLeaves)
+{
+    auto& controller = plugKorbatekDue();
+    CliChild child({"monitor"}, environment(), CliChild::Input::Terminal);
+    ASSERT_TRUE(child.started());
+    const auto before = child.terminalSettings();
+    ASSERT_TRUE(before);
+    ASSERT_TRUE(child.waitForErrorOutput("Enter sends a line, Ctrl-] leaves.\n", 30s));
+
+    // Typed in pieces, as a user types; Enter arrives as a carriage return.
+    child.writeInput("get");
+    child.writeInput("CID\r");
+    EXPECT_TRUE(child.waitForOutput("CID:0123456789ABCDEF0123456789ABCDEF", 30s)) << child.output();
+    EXPECT_NE(child.output().find("getCID"), std::string::npos) << "what is typed is shown";
+    child.writeInput("ok\r");
+    ASSERT_TRUE(controller.waitForLine("ok", 30s));
+    child.writeInput("half a line");
+    child.writeInput("\x1d");
+
+    const CliResult result = child.finish(30s);
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(controller.receivedLines(), (std::vector<std::string>{"getCID", "ok"}));
+    EXPECT_TRUE(controller.waitForPortOpen(false, 5s));
+    // The terminal is left as it was found.
+    const auto after = child.terminalSettings();
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->c_lflag, before->c_lflag);
+    EXPECT_EQ(after->c_cc[VEOL], before->c_cc[VEOL]);
+}
