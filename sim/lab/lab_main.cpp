@@ -48,7 +48,8 @@ void usage()
                  "mega1284p (simavr, optiboot, FTDI 0403:6001 on ttyUSB0; for both FILE is the\n"
                  "program in flash), atmega32u4 (2341:8037; after the 1200-baud touch it comes\n"
                  "back as its boot loader 2341:0037, answered by a fake AVR109 boot loader: no\n"
-                 "simulator runs the real one), or VVVV:PPPP\n"
+                 "simulator runs the real one), atmega32u4-boot-loader (already in that boot\n"
+                 "loader at the start), or VVVV:PPPP\n"
                  "(a ttyACM0 with that USB identity and nothing behind it).\n"
                  "--due-stays-away: after the 1200-baud touch the due leaves USB for good.\n"
                  "--due-broken-flash: one byte of the due's flash never keeps what is written.\n";
@@ -197,6 +198,10 @@ int main(int argc, char** argv)
             options.vendorIdAfterTouch = 0x2341;
             options.productIdAfterTouch = 0x0037;
             options.productAfterTouch = "ATmega32U4 boot loader";
+        } else if (kind == "atmega32u4-boot-loader") {
+            options.info.vendorId = 0x2341;
+            options.info.productId = 0x0037;
+            options.info.product = "ATmega32U4 boot loader";
         } else if (std::sscanf(kind.c_str(), "%4x:%4x", &vendor, &product) == 2) {
             options.info.vendorId = static_cast<std::uint16_t>(vendor);
             options.info.productId = static_cast<std::uint16_t>(product);
@@ -212,6 +217,9 @@ int main(int argc, char** argv)
             });
         }
         standIn->start();
+        if (kind == "atmega32u4-boot-loader") {
+            bootLoader32U4.start(standIn->deviceEnd());
+        }
         devnode = standIn->devnode();
     }
     std::cerr << "quendral-lab: " << kind << " on " << devnode << ", update server at " << server.baseUrl() << "\n";
@@ -239,7 +247,7 @@ int main(int argc, char** argv)
         std::cerr << "quendral-lab: the board saw " << standIn->touches() << " 1200-baud touches\n";
         standIn->stop();
         bootLoader32U4.stop();
-        if (kind == "atmega32u4") {
+        if (kind.starts_with("atmega32u4")) {
             std::cerr << "quendral-lab: avrdude wrote " << bootLoader32U4.bytesWritten()
                       << " bytes into the ATmega32U4 boot loader (a fake: AVR109 answered in C++)\n";
         }

@@ -112,6 +112,12 @@ std::string UsbIdentityBoard::devnode() const
     return _device ? _device->devnode() : std::string();
 }
 
+int UsbIdentityBoard::deviceEnd() const
+{
+    std::lock_guard lock(_mutex);
+    return _device ? _device->deviceEnd() : -1;
+}
+
 int UsbIdentityBoard::touches() const
 {
     std::lock_guard lock(_mutex);

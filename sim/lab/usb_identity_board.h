@@ -40,6 +40,8 @@ public:
     // The node it has now (empty while it is gone).
     [[nodiscard]] std::string devnode() const;
     [[nodiscard]] int touches() const;
+    // The device end of the node it has now (-1 while it is gone).
+    [[nodiscard]] int deviceEnd() const;
     // Called on the lab's own thread with the device the board came back as,
     // before the node is announced (e.g. to put a boot loader behind it).
     void setReturnHandler(std::function<void(const std::shared_ptr<UmockdevSerialDevice>&)> handler);

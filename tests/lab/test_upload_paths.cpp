@@ -131,3 +131,21 @@ TEST(UploadPaths, Atmega32U4IsTouchedAndFlashedByAvrdudeOnceItComesBackAsItsBoot
     EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
     EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
 }
+
+TEST(UploadPaths, Atmega32U4AlreadyInItsBootLoaderIsFlashedOnTheFirstLookWithoutATouch)
+{
+    const std::string file = avrFirmware("identity_b_2560");
+    const LabRun run = runInLab({"--controller", "atmega32u4-boot-loader"}, cliFlash(file));
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(inOrder(run.output, {"Waiting for device to go into programming mode.. (30)", "Writing firmware...",
+                                     "Firmware successfully updated!\n"}))
+        << run.output;
+    // Found at once: no second pass of the wait.
+    EXPECT_FALSE(run.says("Waiting for device to go into programming mode.. (29)")) << run.output;
+    EXPECT_EQ(run.log.find("Resetting device into programming mode.."), std::string::npos) << run.log;
+    EXPECT_TRUE(inOrder(run.log, {"Uploading firmware " + file, "Identified Arduino Micro device type.",
+                                  "Avrdude terminated successfully"}))
+        << run.log;
+    EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
+    EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
+}
