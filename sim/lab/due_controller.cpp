@@ -31,7 +31,7 @@ bool DueController::start()
 {
     // A board with firmware boots into it at power-on; an erased one stays in SAM-BA.
     _currentMode = _hasFirmware ? SamMode::Application : SamMode::BootLoader;
-    plugIn(_currentMode);
+    const auto device = plugIn(_currentMode);
     // Re-enumeration happens off the board's own thread: the board calls the
     // observer from there, and attach() hands it work for that same thread.
     _board.setModeObserver([this](SamMode) {
@@ -39,9 +39,19 @@ bool DueController::start()
         ++_pendingModeChanges;
         _changed.notify_all();
     });
+    // Asked for its identity while armed: no answer, and the cable goes (on
+    // the lab's thread: the board is locked while it filters).
+    _board.setLineFilter([this](const std::string& line) {
+        if (line != "getCID" || !takeMoment(UnplugMoment::WhenAskedForCID)) {
+            return true;
+        }
+        std::lock_guard lock(_mutex);
+        _unplugRequested = true;
+        _changed.notify_all();
+        return false;
+    });
     _worker = std::thread([this] { reenumerate(); });
-    std::lock_guard lock(_mutex);
-    return _board.start(_device->deviceEnd(), "");
+    return _board.start(device->deviceEnd(), "");
 }
 
 void DueController::stop()
@@ -60,10 +70,11 @@ void DueController::stop()
     _board.stop();
 }
 
-void DueController::plugIn(SamMode mode)
+std::shared_ptr<UmockdevSerialDevice> DueController::plugIn(SamMode mode)
 {
     UsbSerialDeviceInfo info;
-    info.ttyName = "ttyACM" + std::to_string(_nextNumber++);
+    // A fresh name each time: the test bed cannot give a used node to another device.
+    info.ttyName = _testbed.unusedTtyName("ttyACM" + std::to_string(_nextNumber++));
     if (mode == SamMode::BootLoader) {
         info.vendorId = 0x03EB;
         info.productId = 0x6124;
@@ -81,23 +92,51 @@ void DueController::plugIn(SamMode mode)
         std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
         device->setIoctlHook([this, weakDevice](unsigned long request) {
             const auto self = weakDevice.lock();
-            if (self && request == TIOCMSET && self->speed() == 1200 && _board.mode() == SamMode::Application) {
-                _board.touch1200();
+            if (self && request == TIOCNXCL && takeMoment(UnplugMoment::AtNextClose)) {
+                unplug(); // the close goes on; the node is gone
+                return;
             }
+            if (!self || request != TIOCMSET || self->speed() != 1200 || _board.mode() != SamMode::Application) {
+                return;
+            }
+            if (takeMoment(UnplugMoment::AtTouch)) {
+                unplug(); // before the call is answered: it fails as on a vanished device
+                return;
+            }
+            _board.touch1200();
         });
     }
     std::lock_guard lock(_mutex);
     _device = device;
     ++_enumerations;
+    return device;
+}
+
+bool DueController::takeMoment(UnplugMoment moment)
+{
+    UnplugMoment armed = moment;
+    return _unplugAt.compare_exchange_strong(armed, UnplugMoment::Never);
+}
+
+void DueController::unplugAt(UnplugMoment moment)
+{
+    _unplugAt = moment;
 }
 
 void DueController::reenumerate()
 {
     std::unique_lock lock(_mutex);
     for (;;) {
-        _changed.wait(lock, [this] { return _stopping || _pendingModeChanges > 0; });
+        _changed.wait(lock, [this] { return _stopping || _pendingModeChanges > 0 || _unplugRequested; });
         if (_stopping) {
             return;
+        }
+        if (_unplugRequested) {
+            _unplugRequested = false;
+            lock.unlock();
+            unplug();
+            lock.lock();
+            continue;
         }
         --_pendingModeChanges;
         const SamMode mode = _board.mode();
@@ -110,16 +149,29 @@ void DueController::reenumerate()
         // A USB reset: the old node goes, the new identity arrives a moment later.
         // The host needs a moment to finish with the old node first.
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        _testbed.unplug(*old);
-        if (_faults.staysAwayAfterTouch && mode == SamMode::BootLoader) {
+        if (old->isPlugged()) {
+            _testbed.unplug(*old);
+        }
+        if ((_faults.staysAwayAfterTouch && mode == SamMode::BootLoader) || takeMoment(UnplugMoment::DuringReset)) {
             lock.lock();
             _unplugged = true;
             continue;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        plugIn(mode);
         lock.lock();
-        _board.attach(_device->deviceEnd(), "");
+        if (_unplugged || _stopping) {
+            continue; // the cable was pulled during the reset: nothing comes back
+        }
+        lock.unlock();
+        const auto device = plugIn(mode);
+        _board.attach(device->deviceEnd(), "");
+        lock.lock();
+        if (_unplugged && device->isPlugged()) {
+            // Pulled while the new node was on its way: it goes again.
+            lock.unlock();
+            _testbed.unplug(*device);
+            lock.lock();
+        }
     }
 }
 
@@ -127,6 +179,12 @@ std::string DueController::devnode() const
 {
     std::lock_guard lock(_mutex);
     return _device ? _device->devnode() : std::string();
+}
+
+bool DueController::unplugged() const
+{
+    std::lock_guard lock(_mutex);
+    return _unplugged;
 }
 
 int DueController::enumerations() const

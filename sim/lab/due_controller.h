@@ -9,6 +9,7 @@
 #include "sam_board.h"
 #include "umockdev_testbed.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -45,11 +46,34 @@ public:
     [[nodiscard]] int enumerations() const;
     // Pulls the cable; the board stays unplugged.
     void unplug();
+    [[nodiscard]] bool unplugged() const;
+
+    // Moments of an update at which the board pulls its own cable, so that a
+    // test meets each of them exactly rather than by timing.
+    enum class UnplugMoment {
+        Never,
+        // The running firmware has been asked "getCID" and has not answered.
+        WhenAskedForCID,
+        // The host closes the running firmware's port (its TIOCNXCL, the next
+        // close after arming): the node is gone before the host can open it
+        // again, e.g. for the 1200-baud touch that follows "prepareUpload".
+        AtNextClose,
+        // The host's 1200-baud touch: the host's call that sets the modem lines
+        // at 1200 baud fails, and the board does not reset.
+        AtTouch,
+        // The USB reset after the touch: the running firmware's node has left,
+        // the boot loader's node never comes.
+        DuringReset,
+    };
+    // Arms one moment (once); Never disarms.
+    void unplugAt(UnplugMoment moment);
     [[nodiscard]] SamBoard& board() { return _board; }
 
 private:
     void reenumerate();
-    void plugIn(SamMode mode);
+    std::shared_ptr<UmockdevSerialDevice> plugIn(SamMode mode);
+    // True once when `moment` is armed (and disarms it).
+    bool takeMoment(UnplugMoment moment);
 
     UmockdevTestbed& _testbed;
     SamBoard _board;
@@ -64,6 +88,8 @@ private:
     SamMode _currentMode = SamMode::BootLoader;
     bool _stopping = false;
     bool _unplugged = false;
+    bool _unplugRequested = false;
+    std::atomic<UnplugMoment> _unplugAt{UnplugMoment::Never};
     std::thread _worker;
 };
 

@@ -18,6 +18,7 @@ struct SamBoard::State {
     std::string pendingPath;
     bool attachPending = false;
     ModeObserver observer;
+    LineFilter lineFilter;
     std::optional<ControllerIdentity> identity;
     std::string line; // the application's current input line
     unsigned lastBaud = 0;
@@ -93,6 +94,12 @@ void SamBoard::setModeObserver(ModeObserver observer)
 {
     std::lock_guard lock(mutex_);
     state_->observer = std::move(observer);
+}
+
+void SamBoard::setLineFilter(LineFilter filter)
+{
+    std::lock_guard lock(mutex_);
+    state_->lineFilter = std::move(filter);
 }
 
 void SamBoard::wake()
@@ -176,6 +183,10 @@ void SamBoard::serveApplication()
             if (s.line.size() < 256) {
                 s.line += c;
             }
+            continue;
+        }
+        if (s.lineFilter && !s.lineFilter(s.line)) {
+            s.line.clear();
             continue;
         }
         if (s.identity) {

@@ -41,6 +41,10 @@ struct SamBoardOptions {
 class SamBoard {
 public:
     using ModeObserver = std::function<void(SamMode)>;
+    // Sees each line the running application receives before it is answered;
+    // false keeps the application silent on it. Called on the board's thread
+    // with the board locked: it must not call back into the board.
+    using LineFilter = std::function<bool(const std::string& line)>;
 
     explicit SamBoard(SamBoardOptions options);
     ~SamBoard();
@@ -57,6 +61,7 @@ public:
     void attach(int fd, const std::string& peerPath);
     // Called on the board's thread after every reset, with the mode it came up in.
     void setModeObserver(ModeObserver observer);
+    void setLineFilter(LineFilter filter);
 
     void resetNow();  // the reset button: boots by GPNVM1
     void touch1200(); // what the 1200-baud touch does (also detected on the line)

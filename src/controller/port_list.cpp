@@ -164,6 +164,9 @@ void PortList::resetDevice(const std::string& path, int delay, std::stop_token s
         }
     }
     if (stop.stop_requested()) {
+        if (port && port->isOpen()) {
+            port->close();
+        }
         return;
     }
     _clock.sleepFor(std::chrono::seconds(delay));

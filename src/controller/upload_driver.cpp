@@ -8,12 +8,44 @@
 #include "serial/serial_port_manager.h"
 
 #include <algorithm>
+#include <any>
+#include <stop_token>
 
 namespace quendral {
 namespace {
 
 constexpr int kIdentificationAttempts = 10;
 constexpr long kReappearanceSeconds = 30;
+
+bool listsPath(const SerialPortList& ports, const std::string& path)
+{
+    return std::any_of(ports.begin(), ports.end(), [&](const SerialPort::Ptr& port) { return port->path() == path; });
+}
+
+// The touch retries its open without pause for as long as the open fails. A
+// board pulled out before that open leaves nothing to open, ever, and the
+// retry would hold the job (and the disabled window) for good: the board's
+// departure ends it, and the re-appearance wait then says that the board did
+// not come back.
+void resetUnlessRemoved(PortList& portList, const std::string& path, int delay)
+{
+    std::stop_source removed;
+    ScopedObserver departure(NotificationCenter::defaultCenter(), SerialPortsWereDisconnectedNotification, nullptr,
+                             [removed, path](const Notification& notification) mutable {
+                                 const auto found = notification.userInfo.find(DisconnectedSerialPortsKey);
+                                 const auto* ports = found == notification.userInfo.end()
+                                                         ? nullptr
+                                                         : std::any_cast<SerialPortList>(&found->second);
+                                 if (ports != nullptr && listsPath(*ports, path)) {
+                                     removed.request_stop();
+                                 }
+                             });
+    // Gone before anybody listened.
+    if (!listsPath(SerialPortManager::sharedSerialPortManager().availablePorts(), path)) {
+        removed.request_stop();
+    }
+    portList.resetDevice(path, delay, removed.get_token());
+}
 
 } // namespace
 
@@ -65,7 +97,7 @@ bool MainViewController::uploadSketch(const std::string& hexFile)
         return _avrdude->startUpload(hexFile, path, getPIDVID(path));
     }
     if (board->resetDelaySeconds && selected) {
-        resetDevice(*selected, *board->resetDelaySeconds);
+        resetUnlessRemoved(_portList, *selected, *board->resetDelaySeconds);
     }
     const auto wanted = bootloaderIdentifiers(board->family);
     return waitForBootloaderAndFlash(hexFile, wanted, board->tool);

@@ -1,0 +1,402 @@
+// The Controller unplugged in each phase of an update: the window's controller
+// in-process with a recording window, a simulated KorbatekDue in a umockdev
+// world, the real bossac and the local HTTPS update server. Whatever the phase,
+// the job ends with the texts the user is owed, the server hears what it
+// should, the controls come back, and nothing is left open.
+#include "road_world.h"
+
+#include "../support/descriptors.h"
+#include "../support/fast_forward_clock.h"
+#include "../support/scoped_log.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quendral::test {
+namespace {
+
+using Moment = sim::DueController::UnplugMoment;
+
+const std::string kIdentifying = "Waiting for device to boot.. (20)";
+const std::string kGenerating = "Firmware upgrade file is being generated on the server. Please wait..";
+const std::string kWaitingForBootLoader = "Waiting for device to go into programming mode.. (30)";
+const std::string kNoBootLoader = "Unable to reset device into programming mode!";
+const std::string kUnidentified = "Error: Unable to identify device";
+const std::string kUploadError = "An error occured during firmware upload.";
+const std::string kPreparing = "Preparing upload...";
+const std::string kWriting = "Writing firmware...";
+const std::string kToolFailed = "An error occured during the firmware update";
+const std::string kToolSucceeded = "Firmware successfully updated!";
+const std::string kIntermediateQuestion =
+    "An intermediate software version will be uploaded to your controller, then it will reboot, generate and "
+    "install the final firmware version. Proceed?";
+const char* const kDownloadedFirmware = "/tmp/quendral-hexfile.hex";
+
+// Longer than any ending the job can have with the fast clock (its longest
+// wait, 30 s of clock time, passes in about 8 s), short of the test's timeout.
+constexpr auto kJobBound = 90s;
+
+class RoadWorldEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        if (!sim::UmockdevTestbed::isAvailable()) {
+            return; // every test then fails with the hint
+        }
+        dispatch::setMainThreadToCurrent();
+        // The test bed first: the port manager listens to the one that exists when it starts.
+        (void)RoadRun::testbed();
+        (void)SerialPortManager::sharedSerialPortManager().availablePorts();
+    }
+};
+[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new RoadWorldEnvironment);
+
+// True when the texts appear in this order (others may stand between).
+bool inOrder(const std::vector<std::string>& texts, const std::vector<std::string>& wanted)
+{
+    auto at = texts.begin();
+    for (const auto& text : wanted) {
+        at = std::find(at, texts.end(), text);
+        if (at == texts.end()) {
+            return false;
+        }
+        ++at;
+    }
+    return true;
+}
+
+std::string joined(const std::vector<std::string>& texts)
+{
+    std::string all;
+    for (const auto& text : texts) {
+        all += "  [" + text + "]\n";
+    }
+    return all;
+}
+
+std::vector<std::string> commandsOf(const std::vector<nlohmann::json>& bodies)
+{
+    std::vector<std::string> commands;
+    for (const auto& body : bodies) {
+        commands.push_back(body.is_object() && body.contains("cmd") ? body["cmd"].get<std::string>() : "?");
+    }
+    return commands;
+}
+
+// Child processes of this one that run `name` (a flashing tool left behind).
+int childrenNamed(const std::string& name)
+{
+    int count = 0;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
+        std::ifstream stat(entry.path() / "stat");
+        std::string pid;
+        std::string comm;
+        std::string state;
+        pid_t parent = 0;
+        if (stat >> pid >> comm >> state >> parent && parent == ::getpid() && comm == "(" + name + ")") {
+            ++count;
+        }
+    }
+    return count;
+}
+
+// A unix socket bound in the test bed's folder (its ioctl sockets).
+bool inTestbedFolder(const std::string& target)
+{
+    if (target.rfind("socket:[", 0) != 0) {
+        return false;
+    }
+    const std::string inode = target.substr(8, target.size() - 9);
+    std::ifstream table("/proc/net/unix");
+    const std::string root = RoadRun::testbed().rootDir();
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string num, refs, protocol, flags, type, state, node, path;
+        if (fields >> num >> refs >> protocol >> flags >> type >> state >> node >> path && node == inode) {
+            return path.rfind(root, 0) == 0;
+        }
+    }
+    return false;
+}
+
+int eventFdCount()
+{
+    int count = 0;
+    for (const auto& [fd, target] : openDescriptors()) {
+        count += target == "anon_inode:[eventfd]" ? 1 : 0;
+    }
+    return count;
+}
+
+class UpdateUnplug : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper"; }
+
+    // The world for one update; the descriptors counted before the window opens.
+    void start(std::vector<std::string> serverArguments)
+    {
+        run = std::make_unique<RoadRun>(std::move(serverArguments), clock);
+        ASSERT_TRUE(run->prepare()) << run->problem;
+        dispatch::RunLoop::main().runFor(50ms);
+        descriptorsBefore = openDescriptors();
+        run->openWindow();
+    }
+
+    // The job has ended, the controls are back, no port is open and no
+    // descriptor is left over; bounded throughout.
+    void expectCleanEnd(bool ended)
+    {
+        ASSERT_TRUE(ended) << "the update job did not end within " << kJobBound.count() << " s; texts:\n"
+                           << joined(run->view.statusTexts());
+        EXPECT_TRUE(run->due.unplugged()) << "the Controller was never unplugged";
+        EXPECT_GE(run->view.updateButtonDisables(), 1);
+        EXPECT_GE(run->view.updateButtonEnables(), 1);
+        EXPECT_TRUE(run->view.allControlsEnabled()) << "toggleUI did not give the controls back";
+        EXPECT_TRUE(run->appDelegate.updateMenuEnabled.load());
+        EXPECT_TRUE(RoadRun::waitForPortsClosed()) << "a port object is still open";
+        EXPECT_EQ(childrenNamed("bossac"), 0);
+        if (downloadWatched) {
+            // The path is fixed and shared with every other update on the
+            // machine: the job's own file (this inode, this time) must be gone.
+            std::lock_guard lock(downloadMutex);
+            ASSERT_TRUE(downloaded) << "the downloaded firmware was not there during the upload";
+            struct stat now {};
+            const bool same = ::stat(kDownloadedFirmware, &now) == 0 && now.st_ino == downloaded->st_ino &&
+                              now.st_mtim.tv_sec == downloaded->st_mtim.tv_sec &&
+                              now.st_mtim.tv_nsec == downloaded->st_mtim.tv_nsec;
+            EXPECT_FALSE(same) << "the downloaded firmware was left behind";
+        }
+        run->controller->setUpdateFinishedHandler(nullptr);
+        std::weak_ptr<MainViewController> controller = run->controller;
+        run->controller.reset();
+        EXPECT_TRUE(controller.expired()) << "the window's controller outlives its window";
+        dispatch::RunLoop::main().runFor(50ms);
+        dispatch::RunLoop::main().drain();
+        // Each node the board got after the count costs the test bed (not the
+        // job) its device end, the ioctl socket in its folder and, once a
+        // program used the node, an eventfd of the socket's listener.
+        int worldEventFds = run->due.enumerations() - 1;
+        std::string leaked;
+        for (const auto& [fd, target] : openDescriptors()) {
+            const auto before = descriptorsBefore.find(fd);
+            if (before != descriptorsBefore.end() && before->second == target) {
+                continue;
+            }
+            if (target == "/dev/ptmx" || target == "/proc/" + std::to_string(::getpid()) + "/fd" ||
+                inTestbedFolder(target)) {
+                continue;
+            }
+            if (target == "anon_inode:[eventfd]" && worldEventFds > 0) {
+                --worldEventFds;
+                continue;
+            }
+            leaked += "  " + std::to_string(fd) + " -> " + target + "\n";
+        }
+        EXPECT_TRUE(leaked.empty()) << "descriptors opened by the job and left open:\n" << leaked;
+    }
+
+    // Notes the downloaded firmware file while `text` is shown (the job has it then).
+    void watchDownloadAt(const std::string& text)
+    {
+        downloadWatched = true;
+        run->view.onStatusText([this, text](const std::string& shown) {
+            struct stat file {};
+            if (shown == text && ::stat(kDownloadedFirmware, &file) == 0) {
+                std::lock_guard lock(downloadMutex);
+                downloaded = file;
+            }
+        });
+    }
+
+    void expectReportedFailure() const
+    {
+        const auto bodies = run->serverBodies();
+        ASSERT_FALSE(bodies.empty());
+        EXPECT_EQ(bodies.front()["cmd"], "check_update");
+        EXPECT_EQ(bodies.back()["cmd"], "ticket_status");
+        EXPECT_EQ(bodies.back()["success"], false);
+        EXPECT_EQ(
+            std::count_if(bodies.begin(), bodies.end(), [](const auto& b) { return b["cmd"] == "ticket_status"; }), 1);
+    }
+
+    FastForwardClock clock{4.0};
+    ScopedLog log;
+    LabResources resources;
+    std::unique_ptr<RoadRun> run;
+    std::map<int, std::string> descriptorsBefore;
+    bool downloadWatched = false;
+    std::mutex downloadMutex;
+    std::optional<struct stat> downloaded;
+};
+
+TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGetsTheUploadError)
+{
+    start({});
+    run->due.unplugAt(Moment::WhenAskedForCID);
+    run->view.dialogAnswer = true;
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kIdentifying, kUnidentified, kUploadError})) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_EQ(run->view.dialogs(), std::vector<std::string>{kIntermediateQuestion});
+    EXPECT_TRUE(run->view.alerts().empty());
+    EXPECT_FALSE(run->view.shown(kPreparing)) << "no tool may run without a board";
+    EXPECT_TRUE(run->serverBodies().empty()) << "a Controller that never identified itself is not asked about";
+    EXPECT_TRUE(log.contains("User confirmed intermediate firmware"));
+    EXPECT_TRUE(log.contains("Error: Upload failed"));
+}
+
+TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoDeclinesSeesNothingMore)
+{
+    start({});
+    run->due.unplugAt(Moment::WhenAskedForCID);
+    run->view.dialogAnswer = false;
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::Declined);
+    const auto texts = run->view.statusTexts();
+    EXPECT_FALSE(run->view.shown(kUploadError)) << joined(texts);
+    EXPECT_EQ(run->view.dialogs(), std::vector<std::string>{kIntermediateQuestion});
+    EXPECT_TRUE(run->serverBodies().empty());
+    EXPECT_TRUE(log.contains("User declined intermediate firmware"));
+}
+
+TEST_F(UpdateUnplug, WhileTheJobPollsForTheTicketTheDownloadedFileFindsNoBoardAndTheServerHearsOfTheFailure)
+{
+    // The server keeps generating until the test lets it finish.
+    start({"--polls", "100000"});
+    watchDownloadAt(kUnidentified);
+    run->view.onStatusText([this](const std::string& text) {
+        if (text == kGenerating && !run->due.unplugged()) {
+            run->due.unplug();
+        }
+    });
+    bool released = false;
+    run->pressUpdate();
+    const bool ended = run->waitForEnd(kJobBound, [&] {
+        // The port menu has lost the board: now the file may come.
+        if (!released && run->due.unplugged() && !run->controller->pathOfSelectedPort()) {
+            released = run->server.control({{"polls", 0}}).has_value();
+        }
+    });
+    expectCleanEnd(ended);
+
+    EXPECT_TRUE(released);
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kGenerating, kUnidentified, kUploadError})) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_FALSE(run->view.shown(kPreparing));
+    expectReportedFailure();
+    const auto commands = commandsOf(run->serverBodies());
+    EXPECT_GE(std::count(commands.begin(), commands.end(), "ticket"), 2);
+    EXPECT_TRUE(log.contains("Received firmware!"));
+    EXPECT_TRUE(log.contains("Error: Upload failed"));
+}
+
+TEST_F(UpdateUnplug, DuringTheTouchTheBoardNeverComesBackAndTheWaitGivesUp)
+{
+    start({"--polls", "1"});
+    watchDownloadAt(kWaitingForBootLoader);
+    run->due.unplugAt(Moment::AtTouch);
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_FALSE(run->view.shown(kPreparing));
+    EXPECT_EQ(run->due.enumerations(), 1) << "the boot loader must never have appeared";
+    expectReportedFailure();
+    EXPECT_TRUE(log.contains("Resetting device into programming mode.."));
+    EXPECT_TRUE(log.contains("Error: Upload failed"));
+}
+
+TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
+{
+    // Identification is over once the server is asked; the next close of the
+    // board's port is the one after "prepareUpload", right before the touch.
+    start({"--polls", "1"});
+    watchDownloadAt(kWaitingForBootLoader);
+    run->view.onStatusText([this](const std::string& text) {
+        if (text == kGenerating) {
+            run->due.unplugAt(Moment::AtNextClose);
+        }
+    });
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_FALSE(run->view.shown(kPreparing));
+    EXPECT_EQ(run->due.enumerations(), 1);
+    EXPECT_EQ(run->due.mode(), sim::SamMode::Application) << "no touch can have reached the board";
+    expectReportedFailure();
+}
+
+TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
+{
+    start({"--polls", "1"});
+    watchDownloadAt(kWaitingForBootLoader);
+    run->due.unplugAt(Moment::DuringReset);
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
+    // The countdown ran on past the board's departure.
+    EXPECT_TRUE(run->view.shown("Waiting for device to go into programming mode.. (1)")) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_FALSE(run->view.shown(kPreparing));
+    EXPECT_EQ(run->due.enumerations(), 1);
+    EXPECT_EQ(run->due.mode(), sim::SamMode::BootLoader) << "the touch itself did reach the board";
+    expectReportedFailure();
+}
+
+TEST_F(UpdateUnplug, WhileBossacWritesItFailsTheWrapperSaysSoAndTheServerHearsOfTheFailure)
+{
+    start({"--polls", "1"});
+    watchDownloadAt(kWriting);
+    int eventFdsWhileWriting = -1;
+    run->view.onStatusText([&](const std::string& text) {
+        if (text == kWriting && !run->due.unplugged()) {
+            eventFdsWhileWriting = eventFdCount();
+            run->due.unplug();
+        }
+    });
+    run->pressUpdate();
+    expectCleanEnd(run->waitForEnd(kJobBound));
+    // bossac's run held one of its own (the wrapper's stop signal), given back since.
+    EXPECT_EQ(eventFdCount(), eventFdsWhileWriting - 1);
+
+    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+    const auto texts = run->view.statusTexts();
+    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kPreparing, kWriting, kToolFailed, kUploadError}))
+        << joined(texts);
+    EXPECT_FALSE(run->view.shown(kToolSucceeded)) << joined(texts);
+    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+    EXPECT_EQ(run->due.enumerations(), 2) << "the boot loader appeared once";
+    expectReportedFailure();
+    EXPECT_TRUE(log.contains("ERROR: Bossac terminated with an error"));
+    // The tool's own output reaches the log when it fails.
+    EXPECT_TRUE(log.contains("Bossac: ")) << log.text();
+}
+
+} // namespace
+} // namespace quendral::test
