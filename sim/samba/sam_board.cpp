@@ -229,7 +229,7 @@ void SamBoard::run()
         } else if (resetRequested_.exchange(false)) {
             reboot();
         }
-        if (options_.mute) {
+        if (options_.mute || silenced_) {
             link.input().clear();
         } else if (mode_ == SamMode::BootLoader) {
             std::vector<uint8_t> in(link.input().begin(), link.input().end());

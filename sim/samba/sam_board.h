@@ -62,6 +62,9 @@ public:
     // Called on the board's thread after every reset, with the mode it came up in.
     void setModeObserver(ModeObserver observer);
     void setLineFilter(LineFilter filter);
+    // From now on the board answers nothing, in either mode (as `mute`): a
+    // peer waiting for a reply keeps waiting.
+    void silence() { silenced_ = true; }
 
     void resetNow();  // the reset button: boots by GPNVM1
     void touch1200(); // what the 1200-baud touch does (also detected on the line)
@@ -90,6 +93,7 @@ private:
     std::atomic<bool> stop_{false};
     std::atomic<bool> resetRequested_{false};
     std::atomic<bool> touchRequested_{false};
+    std::atomic<bool> silenced_{false};
     std::atomic<SamMode> mode_{SamMode::BootLoader};
     std::atomic<unsigned> resets_{0};
     std::string error_;

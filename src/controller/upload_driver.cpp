@@ -47,6 +47,33 @@ void resetUnlessRemoved(PortList& portList, const std::string& path, int delay)
     portList.resetDevice(path, delay, removed.get_token());
 }
 
+// bossac waiting for a reply when its board vanishes reads the hung-up line
+// as "nothing yet" for ever, and the job waits for the tool without limit. A
+// tool that still runs a while after its port left the system is ended; one
+// that reset the board itself (which takes the port away as well) has exited
+// by then.
+constexpr auto kToolGraceAfterRemoval = std::chrono::seconds(5);
+
+ScopedObserver endToolIfPortGoes(const std::shared_ptr<BossacWrapper>& tool, const std::string& path)
+{
+    std::weak_ptr<BossacWrapper> weakTool = tool;
+    return ScopedObserver(NotificationCenter::defaultCenter(), SerialPortsWereDisconnectedNotification, nullptr,
+                          [weakTool, path](const Notification& notification) {
+                              const auto found = notification.userInfo.find(DisconnectedSerialPortsKey);
+                              const auto* ports = found == notification.userInfo.end()
+                                                      ? nullptr
+                                                      : std::any_cast<SerialPortList>(&found->second);
+                              if (ports == nullptr || !listsPath(*ports, path)) {
+                                  return;
+                              }
+                              dispatch::after(kToolGraceAfterRemoval, dispatch::globalQueue(), [weakTool] {
+                                  if (const auto running = weakTool.lock()) {
+                                      running->terminateRun();
+                                  }
+                              });
+                          });
+}
+
 } // namespace
 
 CombinedUsbIdentifier MainViewController::identifySelectedBoard() const
@@ -116,8 +143,10 @@ bool MainViewController::waitForBootloaderAndFlash(const std::string& hexFile,
                 continue;
             }
             if (tool == FlashingTool::Bossac) {
-                _bossac = std::make_shared<BossacWrapper>(port->path());
-                return _bossac->startUpload(hexFile);
+                auto bossac = std::make_shared<BossacWrapper>(port->path());
+                _bossac = bossac;
+                const ScopedObserver departure = endToolIfPortGoes(bossac, port->path());
+                return bossac->startUpload(hexFile);
             }
             _avrdude = std::make_shared<AvrdudeWrapper>();
             return _avrdude->startUpload(hexFile, port->path(), code);

@@ -113,6 +113,14 @@ bool BossacWrapper::startUpload(const std::string& hexFile)
     return bossac->waitUntilExit().succeeded();
 }
 
+void BossacWrapper::terminateRun()
+{
+    if (bossac && bossac->isRunning()) {
+        Logger::log("Bossac: the board's port is gone, ending the tool");
+        bossac->terminate();
+    }
+}
+
 void BossacWrapper::readData(ChildProcess::HandleId handle, std::string_view data)
 {
     if (handle == 0 || (handle != _stderr && handle != _stdout)) {

@@ -34,6 +34,10 @@ public:
     // board. True exactly when bossac ran and exited with status 0.
     bool startUpload(const std::string& hexFile);
 
+    // Ends the run's bossac if it still runs (from any thread while startUpload
+    // waits): for a tool whose board has gone and that does not notice.
+    void terminateRun();
+
     // --- the two steps a run's output drives ---
     // One chunk of output from the pipe `handle`; chunks from a pipe that is not
     // this run's standard output or standard error are ignored.
