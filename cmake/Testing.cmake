@@ -20,10 +20,10 @@ function(quendral_add_gtest target)
   elseif(QUENDRAL_SANITIZE STREQUAL "address")
     # Third-party leaks we cannot free (simavr's IRQ tables) are listed there.
     set(sanitizer_env "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/sanitizers/lsan.supp")
-    if(ARG_WRAPPER)
-      # A preloading wrapper (umockdev-wrapper) puts its library ahead of ASan's runtime.
-      list(APPEND sanitizer_env "ASAN_OPTIONS=verify_asan_link_order=0")
-    endif()
+    # A preloading wrapper (umockdev-wrapper) puts its library ahead of ASan's
+    # runtime: around the test itself (WRAPPER) or around a program the test
+    # starts (the device lab re-runs itself under it).
+    list(APPEND sanitizer_env "ASAN_OPTIONS=verify_asan_link_order=0")
   endif()
   set(prefix /usr/bin/env "QUENDRAL_TEST_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "QUENDRAL_TEST_BUILD_DIR=${CMAKE_BINARY_DIR}"
     ${sanitizer_env} ${ARG_ENV} ${ARG_WRAPPER})
