@@ -56,9 +56,10 @@ void UsbIdentityBoard::plugIn(const UsbSerialDeviceInfo& info, bool afterTouch)
         onReturn(device);
         _testbed.uevent(*device, "add");
     }
-    if (!afterTouch && _options.onTouch != UsbIdentityBoardOptions::OnTouch::Nothing) {
+    if (!afterTouch) {
         // The firmware's USB stack leaves for the boot loader when the host
-        // sets the modem lines while the line stands at 1200 baud.
+        // sets the modem lines while the line stands at 1200 baud. Every
+        // board counts the touches it sees; only some of them act on one.
         std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
         device->setIoctlHook([this, weakDevice](unsigned long request) {
             const auto self = weakDevice.lock();
@@ -66,7 +67,7 @@ void UsbIdentityBoard::plugIn(const UsbSerialDeviceInfo& info, bool afterTouch)
                 return;
             }
             std::lock_guard lock(_mutex);
-            if (_touches++ == 0) {
+            if (_touches++ == 0 && _options.onTouch != UsbIdentityBoardOptions::OnTouch::Nothing) {
                 _touchPending = true;
                 _changed.notify_all();
             }

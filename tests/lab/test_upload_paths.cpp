@@ -149,3 +149,20 @@ TEST(UploadPaths, Atmega32U4AlreadyInItsBootLoaderIsFlashedOnTheFirstLookWithout
     EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
     EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
 }
+
+TEST(UploadPaths, Atmega32U4OfTheSecondVendorIsNotTouchedAndIsGivenUpWhenItDoesNotEnterItsBootLoaderByItself)
+{
+    const std::string file = avrFirmware("identity_b_2560");
+    const LabRun run = runInLab({"--controller", "2A03:8037"}, cliFlash(file));
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    // Only the first vendor's running board is reset; this one is left alone
+    // and waited for all the same.
+    EXPECT_EQ(run.log.find("Resetting device into programming mode.."), std::string::npos) << run.log;
+    EXPECT_TRUE(run.says("the board saw 0 1200-baud touches")) << run.output;
+    EXPECT_TRUE(inOrder(run.output, {"Waiting for device to go into programming mode.. (30)",
+                                     "Unable to reset device into programming mode!\n"}))
+        << run.output;
+    EXPECT_GE(run.outputCount("Waiting for device to go into programming mode.. ("), 25) << run.output;
+    EXPECT_EQ(run.log.find("Avrdude"), std::string::npos) << run.log;
+    EXPECT_FALSE(run.says("Firmware successfully updated!")) << run.output;
+}
