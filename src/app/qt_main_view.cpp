@@ -101,9 +101,15 @@ std::uint16_t QtMainView::keyCode(int qtKey)
 bool QtMainView::eventFilter(QObject* watched, QEvent* event)
 {
     if (event->type() == QEvent::KeyPress && _keyHandler) {
-        // A key press travels from the focus widget up to the window; look at it once.
-        QWidget* first = QApplication::focusWidget() != nullptr ? QApplication::focusWidget() : window();
-        if (watched == first && first->window() == window()) {
+        // The monitor sees key presses in every window of the application (the
+        // serial monitor and the IP window too), as the main window's shortcuts
+        // work whichever window is in front. A key press travels from the focus
+        // widget up to its window: look at it once, where it starts.
+        QWidget* first = QApplication::focusWidget();
+        if (first == nullptr) {
+            first = QApplication::activeWindow() != nullptr ? QApplication::activeWindow() : window();
+        }
+        if (watched == first) {
             const auto* key = static_cast<QKeyEvent*>(event);
             _keyHandler(modifierFlags(key->modifiers()), keyCode(key->key()));
         }

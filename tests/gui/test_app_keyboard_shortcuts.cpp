@@ -8,13 +8,16 @@
 // are plain numbers, in the controller's own tests.
 #include "app_window_fixture.h"
 #include "local_update_server.h"
+#include "ui_IPConfig.h"
 #include "ui_SerialMonitorView.h"
+#include "windows/ip_config.h"
 #include "windows/serial_monitor.h"
 
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
 
 using namespace quendral;
 using namespace quendral::test;
@@ -152,6 +155,29 @@ TEST_F(KeyboardShortcutsTest, CommandShiftLTogglesTheWebServerWithoutOpeningAnyt
     EXPECT_TRUE(browser.urls().isEmpty());
     EXPECT_EQ(activeMessageBox(), nullptr);
     EXPECT_EQ(watcher->disables(), 0);
+}
+
+TEST_F(KeyboardShortcutsTest, ShortcutsWorkWhileTheIpWindowIsInFront)
+{
+    controller->setIPDumpLines(
+        {"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+    launchActive();
+    QTest::mouseClick(app->mainWindow()->findChild<QPushButton*>("ipconfigButton"), Qt::LeftButton);
+    ASSERT_TRUE(waitForActionEnd());
+    ASSERT_TRUE(spinUntil([&] { return app->ipConfigWindow()->isVisible(); }));
+    app->ipConfigWindow()->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(app->ipConfigWindow()));
+    auto* field = app->ipConfigController()->ui().ipField;
+    field->setFocus();
+    ASSERT_TRUE(spinUntil([&] { return QApplication::focusWidget() == field; }));
+
+    // Typed into a field of the IP window, the shortcut opens the serial
+    // monitor, once: the press is looked at where it starts, not again on
+    // each widget it passes on its way up to the window.
+    press(Qt::Key_M, kCommandShift);
+    EXPECT_TRUE(spinUntil([&] { return app->serialMonitorWindow()->isVisible(); }));
+    settle();
+    EXPECT_EQ(countLogged("User clicked open serial monitor"), 1);
 }
 
 TEST_F(KeyboardShortcutsTest, CommandShiftSEndsTheWaitForASilentController)
