@@ -228,6 +228,8 @@ protected:
             std::count_if(bodies.begin(), bodies.end(), [](const auto& b) { return b["cmd"] == "ticket_status"; }), 1);
     }
 
+    void unplugWhileBossacWrites(const std::function<void()>& beforeUnplug);
+
     FastForwardClock clock{4.0};
     ScopedLog log;
     LabResources resources;
@@ -370,7 +372,9 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
     expectReportedFailure();
 }
 
-TEST_F(UpdateUnplug, WhileBossacWritesItFailsTheWrapperSaysSoAndTheServerHearsOfTheFailure)
+// Pulls the cable once "Writing firmware..." shows, after `beforeUnplug`,
+// and checks the failed run that follows.
+void UpdateUnplug::unplugWhileBossacWrites(const std::function<void()>& beforeUnplug)
 {
     start({"--polls", "1"});
     watchDownloadAt(kWriting);
@@ -378,6 +382,7 @@ TEST_F(UpdateUnplug, WhileBossacWritesItFailsTheWrapperSaysSoAndTheServerHearsOf
     run->view.onStatusText([&](const std::string& text) {
         if (text == kWriting && !run->due.unplugged()) {
             eventFdsWhileWriting = eventFdCount();
+            beforeUnplug();
             run->due.unplug();
         }
     });
@@ -399,38 +404,20 @@ TEST_F(UpdateUnplug, WhileBossacWritesItFailsTheWrapperSaysSoAndTheServerHearsOf
     EXPECT_TRUE(log.contains("Bossac: ")) << log.text();
 }
 
+TEST_F(UpdateUnplug, WhileBossacWritesItFailsTheWrapperSaysSoAndTheServerHearsOfTheFailure)
+{
+    unplugWhileBossacWrites([] {});
+}
+
 TEST_F(UpdateUnplug, WhileBossacWaitsForTheBoardsReplyTheToolIsEndedAndTheServerHearsOfTheFailure)
 {
-    start({"--polls", "1"});
-    watchDownloadAt(kWriting);
-    int eventFdsWhileWriting = -1;
-    run->view.onStatusText([&](const std::string& text) {
-        if (text == kWriting && !run->due.unplugged()) {
-            eventFdsWhileWriting = eventFdCount();
-            // The board takes the next command and never answers it; bossac,
-            // waiting for the reply, then reads the hung-up line as silence.
-            run->due.board().silence();
-            std::this_thread::sleep_for(100ms);
-            run->due.unplug();
-        }
+    unplugWhileBossacWrites([this] {
+        // The board takes the next command and never answers it; bossac,
+        // waiting for the reply, then reads the hung-up line as silence.
+        run->due.board().silence();
+        std::this_thread::sleep_for(100ms);
     });
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
-    // bossac's run held one of its own (the wrapper's stop signal), given back since.
-    EXPECT_EQ(eventFdCount(), eventFdsWhileWriting - 1);
-
-    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
-    const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kPreparing, kWriting, kToolFailed, kUploadError}))
-        << joined(texts);
-    EXPECT_FALSE(run->view.shown(kToolSucceeded)) << joined(texts);
-    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
-    EXPECT_EQ(run->due.enumerations(), 2) << "the boot loader appeared once";
-    expectReportedFailure();
-    EXPECT_TRUE(log.contains("ERROR: Bossac terminated with an error"));
     EXPECT_TRUE(log.contains("Bossac: the board's port is gone, ending the tool")) << log.text();
-    // The tool's own output reaches the log when it fails.
-    EXPECT_TRUE(log.contains("Bossac: ")) << log.text();
 }
 
 } // namespace
