@@ -107,13 +107,7 @@ void print(const char* what, const Lateness& l)
 int main(int argc, char** argv)
 {
     if (!sim::UmockdevTestbed::isAvailable()) {
-        std::vector<char*> again{const_cast<char*>("umockdev-wrapper")};
-        for (int i = 0; i < argc; ++i) {
-            again.push_back(argv[i]);
-        }
-        again.push_back(nullptr);
-        ::execvp("umockdev-wrapper", again.data());
-        std::fprintf(stderr, "umockdev-wrapper not found (Debian package umockdev)\n");
+        sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "bench_serial_monitor_flood");
         return 127;
     }
     const double seconds = argc > 1 ? std::stod(argv[1]) : 5.0;

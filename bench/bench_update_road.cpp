@@ -179,13 +179,7 @@ double median(std::vector<double> values)
 int main(int argc, char** argv)
 {
     if (!sim::UmockdevTestbed::isAvailable()) {
-        std::vector<char*> again{const_cast<char*>("umockdev-wrapper")};
-        for (int i = 0; i < argc; ++i) {
-            again.push_back(argv[i]);
-        }
-        again.push_back(nullptr);
-        ::execvp("umockdev-wrapper", again.data());
-        std::cerr << "bench_update_road: umockdev-wrapper not found (Debian package umockdev)\n";
+        sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "bench_update_road");
         return 127;
     }
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;

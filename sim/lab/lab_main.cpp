@@ -87,13 +87,7 @@ int main(int argc, char** argv)
 {
     // The world exists only inside umockdev's preload: start again inside it.
     if (!sim::UmockdevTestbed::isAvailable()) {
-        std::vector<char*> again{const_cast<char*>("umockdev-wrapper")};
-        for (int i = 0; i < argc; ++i) {
-            again.push_back(argv[i]);
-        }
-        again.push_back(nullptr);
-        ::execvp("umockdev-wrapper", again.data());
-        std::cerr << "quendral-lab: umockdev-wrapper not found (Debian package umockdev)\n";
+        sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "quendral-lab");
         return 127;
     }
 

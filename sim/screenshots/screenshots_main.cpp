@@ -90,9 +90,8 @@ int main(int argc, char** argv)
     }
     // The USB world exists only inside umockdev's preload: start again inside it.
     if (!sim::UmockdevTestbed::isAvailable()) {
-        std::vector<char*> again{const_cast<char*>("umockdev-wrapper"), argv[0], argv[1], nullptr};
-        ::execvp("umockdev-wrapper", again.data());
-        return fail("umockdev-wrapper not found (Debian package umockdev)");
+        sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "quendral-screenshots");
+        return 1;
     }
     const std::filesystem::path output = std::filesystem::absolute(argv[1]);
     std::filesystem::create_directories(output);

@@ -227,6 +227,17 @@ bool UmockdevTestbed::isAvailable()
     return preload != nullptr && std::strstr(preload, "umockdev-preload") != nullptr;
 }
 
+void UmockdevTestbed::runAgainInsideWrapper(int argc, char** argv, const char* programName)
+{
+    std::vector<char*> again{const_cast<char*>("umockdev-wrapper")};
+    for (int i = 0; i < argc; ++i) {
+        again.push_back(argv[i]);
+    }
+    again.push_back(nullptr);
+    ::execvp("umockdev-wrapper", again.data());
+    std::fprintf(stderr, "%s: umockdev-wrapper not found (Debian package umockdev)\n", programName);
+}
+
 UmockdevTestbed::UmockdevTestbed() : _impl(std::make_unique<Impl>())
 {
     _impl->testbed = umockdev_testbed_new();

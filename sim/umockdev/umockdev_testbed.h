@@ -105,6 +105,10 @@ class UmockdevTestbed {
 public:
     // True when this process runs inside umockdev's preload.
     [[nodiscard]] static bool isAvailable();
+    // Starts this program again, with the same arguments, inside
+    // umockdev-wrapper; returns only when that cannot be done, having said so
+    // on standard error under `programName`.
+    static void runAgainInsideWrapper(int argc, char** argv, const char* programName);
 
     UmockdevTestbed();
     ~UmockdevTestbed();
