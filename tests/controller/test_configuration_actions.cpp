@@ -1,6 +1,7 @@
 // The main window's configuration buttons against a simulated Controller.
 #include "log/logger.h"
 #include "protocol_test_bed.h"
+#include "support/captured_console.h"
 #include "support/recording_application_delegate.h"
 
 #include <sstream>
@@ -49,7 +50,7 @@ protected:
     }
 
     RecordingApplicationDelegate app;
-    std::ostringstream console;
+    CapturedConsole console;
 };
 
 } // namespace

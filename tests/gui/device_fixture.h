@@ -2,6 +2,7 @@
 // A window test with a simulated Controller on /dev/ttyACM0 of a umockdev tree,
 // and the log captured from the console.
 #include "controller_simulator.h"
+#include "support/captured_console.h"
 #include "gui_test_support.h"
 #include "log/logger.h"
 #include "serial/serial_port.h"
@@ -59,7 +60,7 @@ protected:
     std::unique_ptr<sim::UmockdevTestbed> testbed;
     std::shared_ptr<sim::UmockdevSerialDevice> device;
     std::unique_ptr<sim::ControllerSimulator> controller;
-    std::ostringstream console;
+    CapturedConsole console;
 };
 
 } // namespace quendral::test

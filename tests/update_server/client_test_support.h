@@ -4,6 +4,7 @@
 #include "controller/update_server_client.h"
 #include "local_update_server.h"
 #include "log/logger.h"
+#include "support/captured_console.h"
 
 #include <gtest/gtest.h>
 
@@ -79,7 +80,7 @@ protected:
 
     static constexpr const char* kCid = "0123456789ABCDEF0123456789ABCDEF";
 
-    std::ostringstream console;
+    CapturedConsole console;
     std::unique_ptr<LocalUpdateServer> server;
 };
 

@@ -1,0 +1,50 @@
+#pragma once
+// A console for the logger that a test can read while background work is still
+// logging: every write and every read of the captured text takes one lock.
+// (A plain std::ostringstream would be read and grown at the same time.)
+#include <mutex>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+namespace quendral::test {
+
+class CapturedConsoleBuffer : public std::streambuf {
+public:
+    [[nodiscard]] std::string text() const
+    {
+        std::lock_guard lock(_mutex);
+        return _text;
+    }
+
+protected:
+    int_type overflow(int_type c) override
+    {
+        if (!traits_type::eq_int_type(c, traits_type::eof())) {
+            std::lock_guard lock(_mutex);
+            _text.push_back(traits_type::to_char_type(c));
+        }
+        return traits_type::not_eof(c);
+    }
+
+    std::streamsize xsputn(const char* s, std::streamsize n) override
+    {
+        std::lock_guard lock(_mutex);
+        _text.append(s, static_cast<std::size_t>(n));
+        return n;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::string _text;
+};
+
+// The buffer is a base of its own so that it exists before the stream uses it.
+class CapturedConsole : private CapturedConsoleBuffer, public std::ostream {
+public:
+    CapturedConsole() : std::ostream(static_cast<CapturedConsoleBuffer*>(this)) {}
+
+    [[nodiscard]] std::string str() const { return text(); }
+};
+
+} // namespace quendral::test
