@@ -1,9 +1,22 @@
 #pragma once
 #include "platform/dispatch.h"
 
+#include <deque>
+#include <memory>
+#include <mutex>
+
+class QSocketNotifier;
+
 namespace quendral::app {
 
 // Delivers main-queue tasks through the Qt event loop of the GUI thread.
+//
+// The tasks wait in a queue of our own under a std::mutex; an eventfd watched
+// by a QSocketNotifier only wakes the GUI thread. Everything a background
+// thread hands to the main thread therefore passes a lock the thread checker
+// can see (Qt's own posted-event queue synchronises with futexes it cannot).
+// Tasks run one at a time in the order they were posted, also when a task
+// runs a nested event loop (a modal alert): the loop keeps draining the queue.
 class QtMainQueue final : public dispatch::MainQueueBackend {
 public:
     // Installs itself as the main-queue backend; call on the GUI thread once
@@ -14,6 +27,15 @@ public:
     QtMainQueue& operator=(const QtMainQueue&) = delete;
 
     void post(dispatch::Task task) override;
+
+private:
+    void wake() const;
+    void runPostedTasks();
+
+    int _wakeFd = -1;
+    std::unique_ptr<QSocketNotifier> _notifier;
+    std::mutex _mutex;
+    std::deque<dispatch::Task> _tasks;
 };
 
 } // namespace quendral::app
