@@ -173,8 +173,10 @@ void Queue::sync(const Task& task)
 
 QueuePtr mainQueue()
 {
-    static const QueuePtr queue = std::make_shared<MainQueue>();
-    return queue;
+    // Never destroyed: a port's reader thread or a detached worker may still
+    // post its last notice while the program's statics are being torn down.
+    static const QueuePtr* queue = new QueuePtr(std::make_shared<MainQueue>());
+    return *queue;
 }
 
 void setMainQueueBackend(MainQueueBackend* backend)
