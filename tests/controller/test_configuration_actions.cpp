@@ -4,7 +4,6 @@
 #include "support/captured_console.h"
 #include "support/recording_application_delegate.h"
 
-#include <sstream>
 
 using namespace quendral;
 using namespace quendral::test;
@@ -37,17 +36,7 @@ protected:
         return ended;
     }
 
-    [[nodiscard]] std::vector<std::string> loggedMessages() const
-    {
-        std::vector<std::string> messages;
-        std::istringstream lines(console.str());
-        for (std::string line; std::getline(lines, line);) {
-            if (const auto close = line.find("] "); line.rfind('[', 0) == 0 && close != std::string::npos) {
-                messages.push_back(line.substr(close + 2));
-            }
-        }
-        return messages;
-    }
+    [[nodiscard]] std::vector<std::string> loggedMessages() const { return console.messages(); }
 
     RecordingApplicationDelegate app;
     CapturedConsole console;

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 
 namespace quendral::test {
 
@@ -39,17 +38,7 @@ protected:
     }
 
     // Log messages so far, without their time stamps.
-    [[nodiscard]] std::vector<std::string> loggedMessages() const
-    {
-        std::vector<std::string> messages;
-        std::istringstream lines(console.str());
-        for (std::string line; std::getline(lines, line);) {
-            if (const auto close = line.find("] "); line.rfind('[', 0) == 0 && close != std::string::npos) {
-                messages.push_back(line.substr(close + 2));
-            }
-        }
-        return messages;
-    }
+    [[nodiscard]] std::vector<std::string> loggedMessages() const { return console.messages(); }
 
     [[nodiscard]] bool logged(const std::string& message) const
     {

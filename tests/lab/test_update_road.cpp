@@ -1,93 +1,17 @@
 // quendral-cli updating a simulated KorbatekDue inside the device lab: the
 // real bossac, the local HTTPS update server, a umockdev USB world.
-#include "../support/temp_dir.h"
+#include "lab_run.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
+#include <algorithm>
 #include <string>
-#include <sys/wait.h>
-#include <vector>
 
-using quendral::test::TempDir;
-
-namespace {
-
-struct LabRun {
-    int exitCode = -1;
-    std::string output;
-};
-
-std::string quoted(const std::string& word)
-{
-    return "'" + word + "'";
-}
-
-// quendral-lab [labArguments] -- quendral-cli update [cliArguments]
-LabRun runUpdate(const std::vector<std::string>& labArguments, const std::vector<std::string>& cliArguments)
-{
-    std::string command = quoted(std::getenv("QUENDRAL_LAB"));
-    for (const auto& argument : labArguments) {
-        command += " " + quoted(argument);
-    }
-    command += " -- " + quoted(std::getenv("QUENDRAL_CLI")) +
-               " update --server '{server}' --ca-file '{ca}' --resources '{resources}'";
-    for (const auto& argument : cliArguments) {
-        command += " " + quoted(argument);
-    }
-    command += " 2>&1";
-    LabRun run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return run;
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        run.output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
-}
-
-std::vector<nlohmann::json> recordedBodies(const std::filesystem::path& file)
-{
-    std::vector<nlohmann::json> bodies;
-    std::ifstream in(file);
-    for (std::string line; std::getline(in, line);) {
-        const auto record = nlohmann::json::parse(line, nullptr, false);
-        if (record.is_object() && record.contains("json")) {
-            bodies.push_back(record["json"]);
-        }
-    }
-    return bodies;
-}
-
-// True when the lines appear in this order (others may stand between).
-bool inOrder(const std::string& output, const std::vector<std::string>& lines)
-{
-    std::size_t at = 0;
-    for (const auto& line : lines) {
-        at = output.find(line, at);
-        if (at == std::string::npos) {
-            return false;
-        }
-        at += line.size();
-    }
-    return true;
-}
-
-} // namespace
+using namespace quendral::test;
 
 TEST(UpdateRoad, ControllerOnOldFirmwareIsUpdatedAndTheServerHearsOfTheSuccess)
 {
-    TempDir dir;
-    const auto record = dir.path() / "requests.jsonl";
-    const LabRun run = runUpdate({"--server-arg", "--record", "--server-arg", record.string()}, {"--yes"});
+    const LabRun run = runInLab({}, cliUpdate({"--yes"}));
     EXPECT_EQ(run.exitCode, 0) << run.output;
     EXPECT_TRUE(inOrder(run.output, {"Waiting for device to boot.. (20)",
                                      "Firmware upgrade file is being generated on the server. Please wait..",
@@ -96,7 +20,7 @@ TEST(UpdateRoad, ControllerOnOldFirmwareIsUpdatedAndTheServerHearsOfTheSuccess)
                                      "now runs version 2.0.0"}))
         << run.output;
 
-    const auto bodies = recordedBodies(record);
+    const auto& bodies = run.requests;
     ASSERT_GE(bodies.size(), 3U);
     EXPECT_EQ(bodies.front()["cmd"], "check_update");
     EXPECT_EQ(bodies.front()["currentVersion"], "1.0.0");
@@ -108,7 +32,7 @@ TEST(UpdateRoad, ControllerOnOldFirmwareIsUpdatedAndTheServerHearsOfTheSuccess)
 
 TEST(UpdateRoad, ControllerWithTheNewestFirmwareIsToldSoAndNothingIsFlashed)
 {
-    const LabRun run = runUpdate({"--server-arg", "--refuse", "--server-arg", "no_update"}, {"--yes"});
+    const LabRun run = runInLab({"--server-arg", "--refuse", "--server-arg", "no_update"}, cliUpdate({"--yes"}));
     EXPECT_EQ(run.exitCode, 3) << run.output;
     EXPECT_NE(run.output.find("The connected controller already has the newest software version installed."),
               std::string::npos)
@@ -119,7 +43,7 @@ TEST(UpdateRoad, ControllerWithTheNewestFirmwareIsToldSoAndNothingIsFlashed)
 
 TEST(UpdateRoad, BoardInItsBootLoaderIsNotAskedAndTheUserDeclines)
 {
-    const LabRun run = runUpdate({"--blank"}, {"--no"});
+    const LabRun run = runInLab({"--blank"}, cliUpdate({"--no"}));
     EXPECT_EQ(run.exitCode, 6) << run.output;
     EXPECT_EQ(run.output.find("Waiting for device to boot.."), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("An intermediate software version will be uploaded to your controller"),
@@ -128,7 +52,7 @@ TEST(UpdateRoad, BoardInItsBootLoaderIsNotAskedAndTheUserDeclines)
 
 TEST(UpdateRoad, BoardInItsBootLoaderGetsTheIntermediateFirmwareThenTheUpdate)
 {
-    const LabRun run = runUpdate({"--blank"}, {"--yes"});
+    const LabRun run = runInLab({"--blank"}, cliUpdate({"--yes"}));
     EXPECT_EQ(run.exitCode, 0) << run.output;
     EXPECT_TRUE(inOrder(run.output, {"An intermediate software version will be uploaded", "Writing firmware...",
                                      "Firmware successfully updated!", "Waiting for device to boot..",

@@ -4,8 +4,10 @@
 // (A plain std::ostringstream would be read and grown at the same time.)
 #include <mutex>
 #include <ostream>
+#include <sstream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 namespace quendral::test {
 
@@ -45,6 +47,20 @@ public:
     CapturedConsole() : std::ostream(static_cast<CapturedConsoleBuffer*>(this)) {}
 
     [[nodiscard]] std::string str() const { return text(); }
+
+    // The log entries so far without their "[yyyy-MM-dd HH:mm:ss] " prefix;
+    // lines without one (a tool's own output) are left out.
+    [[nodiscard]] std::vector<std::string> messages() const
+    {
+        std::vector<std::string> messages;
+        std::istringstream lines(text());
+        for (std::string line; std::getline(lines, line);) {
+            if (line.size() >= 22 && line.front() == '[' && line[20] == ']' && line[21] == ' ') {
+                messages.push_back(line.substr(22));
+            }
+        }
+        return messages;
+    }
 };
 
 } // namespace quendral::test

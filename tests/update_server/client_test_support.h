@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,20 +23,6 @@ inline std::set<std::string> keysOf(const nlohmann::json& object)
         keys.insert(key);
     }
     return keys;
-}
-
-// The log entries without their "[date time] " prefix.
-inline std::vector<std::string> logMessages(const std::string& console)
-{
-    std::vector<std::string> messages;
-    std::istringstream lines(console);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.size() > 22 && line.front() == '[' && line[20] == ']') {
-            messages.push_back(line.substr(22));
-        }
-    }
-    return messages;
 }
 
 class UpdateServerTest : public ::testing::Test {
@@ -76,7 +61,7 @@ protected:
     }
     [[nodiscard]] UpdateServerClient client() const { return UpdateServerClient(config()); }
 
-    [[nodiscard]] std::vector<std::string> logged() const { return logMessages(console.str()); }
+    [[nodiscard]] std::vector<std::string> logged() const { return console.messages(); }
 
     static constexpr const char* kCid = "0123456789ABCDEF0123456789ABCDEF";
 

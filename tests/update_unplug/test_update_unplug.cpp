@@ -228,6 +228,20 @@ protected:
             std::count_if(bodies.begin(), bodies.end(), [](const auto& b) { return b["cmd"] == "ticket_status"; }), 1);
     }
 
+    // The board left before its boot loader could appear: the count-down
+    // gives up, the upload fails and the server hears of the failure.
+    void expectBootLoaderNeverAppeared() const
+    {
+        EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
+        const auto texts = run->view.statusTexts();
+        EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError}))
+            << joined(texts);
+        EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
+        EXPECT_FALSE(run->view.shown(kPreparing));
+        EXPECT_EQ(run->due.enumerations(), 1) << "the boot loader must never have appeared";
+        expectReportedFailure();
+    }
+
     void unplugWhileBossacWrites(const std::function<void()>& beforeUnplug);
 
     FastForwardClock clock{4.0};
@@ -317,13 +331,7 @@ TEST_F(UpdateUnplug, DuringTheTouchTheBoardNeverComesBackAndTheWaitGivesUp)
     run->pressUpdate();
     expectCleanEnd(run->waitForEnd(kJobBound));
 
-    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
-    const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
-    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
-    EXPECT_FALSE(run->view.shown(kPreparing));
-    EXPECT_EQ(run->due.enumerations(), 1) << "the boot loader must never have appeared";
-    expectReportedFailure();
+    expectBootLoaderNeverAppeared();
     EXPECT_TRUE(log.contains("Resetting device into programming mode.."));
     EXPECT_TRUE(log.contains("Error: Upload failed"));
 }
@@ -342,14 +350,8 @@ TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
     run->pressUpdate();
     expectCleanEnd(run->waitForEnd(kJobBound));
 
-    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
-    const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
-    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
-    EXPECT_FALSE(run->view.shown(kPreparing));
-    EXPECT_EQ(run->due.enumerations(), 1);
+    expectBootLoaderNeverAppeared();
     EXPECT_EQ(run->due.mode(), sim::SamMode::Application) << "no touch can have reached the board";
-    expectReportedFailure();
 }
 
 TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
@@ -360,16 +362,11 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
     run->pressUpdate();
     expectCleanEnd(run->waitForEnd(kJobBound));
 
-    EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
-    const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
+    expectBootLoaderNeverAppeared();
     // The countdown ran on past the board's departure.
-    EXPECT_TRUE(run->view.shown("Waiting for device to go into programming mode.. (1)")) << joined(texts);
-    EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
-    EXPECT_FALSE(run->view.shown(kPreparing));
-    EXPECT_EQ(run->due.enumerations(), 1);
+    EXPECT_TRUE(run->view.shown("Waiting for device to go into programming mode.. (1)"))
+        << joined(run->view.statusTexts());
     EXPECT_EQ(run->due.mode(), sim::SamMode::BootLoader) << "the touch itself did reach the board";
-    expectReportedFailure();
 }
 
 // Pulls the cable once "Writing firmware..." shows, after `beforeUnplug`,
