@@ -422,7 +422,13 @@ bool UmockdevTestbed::hangUp(const UmockdevSerialDevice& device)
 void UmockdevTestbed::unplug(UmockdevSerialDevice& device)
 {
     {
+        // Whoever clears the flag pulls the cable; a second caller (the
+        // re-enumeration thread and a test's own unplug meeting) does nothing:
+        // a second "remove" of a vanished device makes umockdev abort.
         std::lock_guard lock(device._handler->mutex);
+        if (!device._handler->plugged) {
+            return;
+        }
         device._handler->plugged = false;
     }
     uevent(device, "remove");

@@ -4,6 +4,7 @@
 #include "support/descriptors.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <unistd.h>
 
 using namespace quendral;
@@ -125,4 +126,28 @@ TEST_F(SerialPortRemoval, RemovalByThePortManagerTellsTheDelegateAndCloses)
     const auto kinds = delegate->kinds();
     EXPECT_LT(indexOf(kinds, "removed"), indexOf(kinds, "closed"));
     EXPECT_EQ(delegate->count("error"), 0u);
+}
+
+TEST_F(SerialPortRemoval, OpeningAPortThatHasLeftFailsWithNoSuchFileAsOftenAsItIsTried)
+{
+    // The touch that resets a board retries its open without pause until the
+    // removal is reported; every try must fail the same way, and the lab's
+    // umockdev preload must live through hundreds of them.
+    auto recorder = std::make_shared<RecordingSerialDelegate>();
+    auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
+    ASSERT_TRUE(port);
+    port->setDelegate(recorder);
+    testbed->unplug(*device);
+    ASSERT_TRUE(waitFor([] { return !std::filesystem::exists("/dev/ttyACM0"); }));
+
+    constexpr int kTries = 500;
+    for (int i = 0; i < kTries; ++i) {
+        port->open();
+        ASSERT_FALSE(port->isOpen());
+    }
+    dispatch::RunLoop::main().drain();
+    const auto errors = recorder->errors();
+    ASSERT_EQ(errors.size(), static_cast<std::size_t>(kTries));
+    EXPECT_TRUE(std::all_of(errors.begin(), errors.end(), [](const auto& e) { return e.code == ENOENT; }));
+    EXPECT_EQ(recorder->count("opened"), 0u);
 }
