@@ -2,14 +2,17 @@
 
 #include "serial/arbitrary_baud_rate.h"
 
+#include <libudev.h>
 #include <umockdev.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
@@ -398,10 +401,68 @@ void UmockdevTestbed::setUsbAttribute(const UmockdevSerialDevice& device, const 
     umockdev_testbed_set_attribute(_impl->testbed, device.usbSyspath().c_str(), name.c_str(), value.c_str());
 }
 
+namespace {
+
+// True once `monitor` delivers `action` for `syspath` within `timeout`.
+bool sawEvent(udev_monitor* monitor, const std::string& syspath, const std::string& action,
+              std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        pollfd watch{udev_monitor_get_fd(monitor), POLLIN, 0};
+        if (::poll(&watch, 1, static_cast<int>(left.count())) <= 0) {
+            continue;
+        }
+        udev_device* event = udev_monitor_receive_device(monitor);
+        if (event == nullptr) {
+            continue;
+        }
+        const char* path = udev_device_get_syspath(event);
+        const char* kind = udev_device_get_action(event);
+        const bool match = path != nullptr && kind != nullptr && syspath == path && action == kind;
+        udev_device_unref(event);
+        if (match) {
+            return true;
+        }
+    }
+}
+
+} // namespace
+
 void UmockdevTestbed::uevent(const UmockdevSerialDevice& device, const std::string& action)
 {
-    std::lock_guard lock(_impl->mutex);
-    umockdev_testbed_uevent(_impl->testbed, device.syspath().c_str(), action.c_str());
+    // umockdev's sender looks the device up through libudev before it sends,
+    // and now and then (other threads busy with libudev, a slow machine) that
+    // lookup fails: it prints "uevent_sender_send: No such device" and sends
+    // nothing, and a listener never hears of the change. A monitor of our own
+    // tells whether the event went out; it is sent again if it did not.
+    udev* context = udev_new();
+    udev_monitor* monitor = context != nullptr ? udev_monitor_new_from_netlink(context, "udev") : nullptr;
+    const bool watching = monitor != nullptr && udev_monitor_filter_add_match_subsystem_devtype(monitor, "tty", nullptr) >= 0 &&
+                          udev_monitor_enable_receiving(monitor) >= 0;
+    constexpr int kAttempts = 5;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        {
+            std::lock_guard lock(_impl->mutex);
+            umockdev_testbed_uevent(_impl->testbed, device.syspath().c_str(), action.c_str());
+        }
+        if (!watching || sawEvent(monitor, device.syspath(), action, std::chrono::seconds(1))) {
+            break;
+        }
+        std::fprintf(stderr, "umockdev test bed: the \"%s\" uevent of %s did not go out, sending it again\n",
+                     action.c_str(), device.syspath().c_str());
+    }
+    if (monitor != nullptr) {
+        udev_monitor_unref(monitor);
+    }
+    if (context != nullptr) {
+        udev_unref(context);
+    }
 }
 
 bool UmockdevTestbed::hangUp(const UmockdevSerialDevice& device)
