@@ -6,8 +6,8 @@
 #include <umockdev.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -443,7 +443,8 @@ void UmockdevTestbed::uevent(const UmockdevSerialDevice& device, const std::stri
     // tells whether the event went out; it is sent again if it did not.
     udev* context = udev_new();
     udev_monitor* monitor = context != nullptr ? udev_monitor_new_from_netlink(context, "udev") : nullptr;
-    const bool watching = monitor != nullptr && udev_monitor_filter_add_match_subsystem_devtype(monitor, "tty", nullptr) >= 0 &&
+    const bool watching = monitor != nullptr &&
+                          udev_monitor_filter_add_match_subsystem_devtype(monitor, "tty", nullptr) >= 0 &&
                           udev_monitor_enable_receiving(monitor) >= 0;
     constexpr int kAttempts = 5;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -484,8 +485,8 @@ void UmockdevTestbed::unplug(UmockdevSerialDevice& device)
 {
     {
         // Whoever clears the flag pulls the cable; a second caller (the
-        // re-enumeration thread and a test's own unplug meeting) does nothing:
-        // a second "remove" of a vanished device makes umockdev abort.
+        // re-enumeration thread and a test's own unplug meeting) does nothing
+        // rather than announce the removal of a device that is gone.
         std::lock_guard lock(device._handler->mutex);
         if (!device._handler->plugged) {
             return;

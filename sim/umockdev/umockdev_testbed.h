@@ -126,7 +126,8 @@ public:
     void unplug(UmockdevSerialDevice& device);
     // Only the hang-up of the terminal (every open descriptor sees POLLHUP and EIO).
     static bool hangUp(const UmockdevSerialDevice& device);
-    // Sends a uevent ("add", "remove", "change") for a device's tty.
+    // Sends a uevent ("add", "remove", "change") for a device's tty and waits
+    // until a monitor has seen it go out (sent again, up to five times, if not).
     void uevent(const UmockdevSerialDevice& device, const std::string& action);
 
     // umockdev cannot give a /dev node to a second device once it was used in

@@ -4,7 +4,6 @@
 #include "support/captured_console.h"
 #include "support/recording_application_delegate.h"
 
-
 using namespace quendral;
 using namespace quendral::test;
 

@@ -2,14 +2,13 @@
 // A window test with a simulated Controller on /dev/ttyACM0 of a umockdev tree,
 // and the log captured from the console.
 #include "controller_simulator.h"
-#include "support/captured_console.h"
 #include "gui_test_support.h"
 #include "log/logger.h"
 #include "serial/serial_port.h"
+#include "support/captured_console.h"
 #include "umockdev_testbed.h"
 
 #include <gtest/gtest.h>
-
 
 namespace quendral::test {
 

@@ -234,8 +234,7 @@ protected:
     {
         EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
         const auto texts = run->view.statusTexts();
-        EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError}))
-            << joined(texts);
+        EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
         EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
         EXPECT_FALSE(run->view.shown(kPreparing));
         EXPECT_EQ(run->due.enumerations(), 1) << "the boot loader must never have appeared";
