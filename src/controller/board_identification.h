@@ -56,6 +56,10 @@ struct BoardIdentification {
     std::optional<std::string_view> updatePlatform;
     // The avrdude wrapper's arguments; none where avrdude does not know the board.
     std::optional<AvrdudeTarget> avrdude;
+    // The chip's program flash: every byte of an image must land inside it.
+    std::uint32_t flashBytes;
+    // The chip, as an owner reads it in a message.
+    std::string_view chip;
 };
 
 // Every known board, in a fixed order.
