@@ -102,8 +102,10 @@ bool writeAtomically(const std::filesystem::path& path, const std::vector<std::u
             if (errno == EINTR) {
                 continue;
             }
+            const int error = errno;
             ::close(fd);
             ::unlink(temporary.c_str());
+            errno = error;
             return false;
         }
         written += static_cast<std::size_t>(n);
@@ -111,14 +113,19 @@ bool writeAtomically(const std::filesystem::path& path, const std::vector<std::u
     // The flashing tool runs as the same user; the file need not be private,
     // but nobody else may change it.
     const bool synced = ::fchmod(fd, 0644) == 0 && ::fsync(fd) == 0;
+    int error = errno;
     if (::close(fd) != 0 || !synced) {
+        error = synced ? errno : error;
         ::unlink(temporary.c_str());
+        errno = error;
         return false;
     }
     // rename() replaces the directory entry itself: a link planted at `path`
     // is replaced, not followed.
     if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
         ::unlink(temporary.c_str());
+        errno = error;
         return false;
     }
     return true;
