@@ -36,8 +36,8 @@ using namespace quendral;
 void usage()
 {
     std::cerr << "Usage: quendral-lab [--controller KIND] [--image FILE | --blank] [--due-stays-away]\n"
-                 "                    [--due-broken-flash] [--server-firmware FILE] [--server-arg ARG]...\n"
-                 "                    -- PROGRAM [ARGUMENTS...]\n"
+                 "                    [--due-broken-flash] [--no-intermediate] [--open-to-other-users]\n"
+                 "                    [--server-firmware FILE] [--server-arg ARG]... -- PROGRAM [ARGUMENTS...]\n"
                  "\n"
                  "Runs PROGRAM in a USB world with a simulated KorbatekDue Controller (its flash\n"
                  "holding FILE, or nothing with --blank) and a local HTTPS update server serving\n"
@@ -52,7 +52,12 @@ void usage()
                  "loader at the start), or VVVV:PPPP\n"
                  "(a ttyACM0 with that USB identity and nothing behind it).\n"
                  "--due-stays-away: after the 1200-baud touch the due leaves USB for good.\n"
-                 "--due-broken-flash: one byte of the due's flash never keeps what is written.\n";
+                 "--due-broken-flash: one byte of the due's flash never keeps what is written.\n"
+                 "--no-intermediate: the resource folder holds no intermediate firmware (as installed\n"
+                 "copies have none until the maker supplies one).\n"
+                 "--open-to-other-users: other users may enter the lab's folders (to run PROGRAM as\n"
+                 "one, e.g. with setpriv); the Controller's port stays root's, as a port\n"
+                 "of a group the user is not in.\n";
 }
 
 std::string replaced(std::string text, const std::string& token, const std::string& value)
@@ -97,6 +102,8 @@ int main(int argc, char** argv)
     std::vector<std::string> program;
     std::string kind = "due";
     bool imageGiven = false;
+    bool withIntermediate = true;
+    bool openToOtherUsers = false;
     sim::DueFaults dueFaults;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -114,6 +121,10 @@ int main(int argc, char** argv)
         } else if (arg == "--due-broken-flash") {
             // Inside the firmware's code, well past the identity block.
             dueFaults.stuckFlashByte = 0x1234;
+        } else if (arg == "--no-intermediate") {
+            withIntermediate = false;
+        } else if (arg == "--open-to-other-users") {
+            openToOtherUsers = true;
         } else if (arg == "--blank") {
             image.clear();
         } else if (arg == "--server-firmware" && i + 1 < argc) {
@@ -141,7 +152,9 @@ int main(int argc, char** argv)
     for (const char* tool : {"avrdude", "bossac", "avrdude.conf"}) {
         fs::create_symlink(fs::path(QUENDRAL_BUILD_RESOURCES) / tool, resources / tool);
     }
-    fs::copy_file(QUENDRAL_LAB_IMAGE_DIR "/lab_intermediate_due.hex", resources / "intermediate_due.hex");
+    if (withIntermediate) {
+        fs::copy_file(QUENDRAL_LAB_IMAGE_DIR "/lab_intermediate_due.hex", resources / "intermediate_due.hex");
+    }
 
     serverArguments.insert(serverArguments.begin(), {"--firmware", serverFirmware});
     test::LocalUpdateServer server({.arguments = serverArguments});
@@ -217,6 +230,21 @@ int main(int argc, char** argv)
         devnode = standIn->devnode();
     }
     std::cerr << "quendral-lab: " << kind << " on " << devnode << ", update server at " << server.baseUrl() << "\n";
+    if (openToOtherUsers) {
+        const auto readable = fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec;
+        std::error_code ignored;
+        fs::permissions(folderTemplate, readable, ignored);
+        if (const char* world = std::getenv("UMOCKDEV_DIR")) {
+            fs::permissions(world, readable, ignored);
+            // umockdev's preload connects to these sockets on every open of a
+            // node, before the open itself is tried: connecting takes write
+            // permission.
+            for (const auto& entry : fs::recursive_directory_iterator(fs::path(world) / "ioctl", ignored)) {
+                fs::permissions(entry.path(), fs::perms::all, ignored);
+            }
+        }
+    }
 
     for (auto& argument : program) {
         argument = replaced(argument, "{server}", server.baseUrl());

@@ -122,7 +122,8 @@ DEFAULTS = {
     "latest": None,            # a currentVersion equal to this (and no "version") gets "no_update"
     "generation": "ok",        # "fail": the ticket ends in {"status":"error","description":"generation_failed"}
     "hash": "ok",              # "corrupt" or "upper"
-    "base64": "ok",            # "line_breaks": the hexfile text is wrapped every 76 characters
+    "base64": "ok",            # "line_breaks": the hexfile text is wrapped every 76 characters;
+                               # "undecodable": not Base64 at all, sent with the digest of no data
     "ticket_type": "string",   # "string" ("T1", "T2" ...) or "int" (1, 2 ...)
     "firmware": None,          # Intel-HEX file to serve; none: one generated per CID
     "fault": "none",           # see FAULTS
@@ -230,6 +231,11 @@ class State:
         encoded = base64.b64encode(firmware).decode("ascii")
         if s["base64"] == "line_breaks":
             encoded = base64.encodebytes(firmware).decode("ascii")
+        elif s["base64"] == "undecodable":
+            # Text no strict decoder accepts, with the digest of what such a
+            # decoder leaves: nothing. The digest check alone lets it through.
+            encoded = "%%not base64%%"
+            digest = hashlib.md5(b"").hexdigest()
         return {"status": "success", "description": "ready", "hexfile": encoded, "hash": digest}
 
     def ticket_status(self, request):
@@ -466,7 +472,7 @@ def main():
     run.add_argument("--latest", metavar="VERSION")
     run.add_argument("--generation", choices=("ok", "fail"))
     run.add_argument("--hash", choices=("ok", "corrupt", "upper"))
-    run.add_argument("--base64", choices=("ok", "line_breaks"))
+    run.add_argument("--base64", choices=("ok", "line_breaks", "undecodable"))
     run.add_argument("--ticket-type", dest="ticket_type", choices=("string", "int"))
     run.add_argument("--fault", choices=FAULTS)
     run.add_argument("--fault-count", dest="fault_count", type=int)

@@ -56,6 +56,24 @@ std::string hex4(std::uint16_t value)
 
 } // namespace
 
+const char* notFlashedReason(UpdateOutcome outcome)
+{
+    switch (outcome) {
+    case UpdateOutcome::FirmwareNotWritten:
+        return "the downloaded firmware could not be written to its file (see the log).";
+    case UpdateOutcome::FlashLockTimedOut:
+        return "another firmware update on this computer did not finish in time.";
+    case UpdateOutcome::IntermediateUnavailable:
+        return "the intermediate firmware it needs is not available.";
+    case UpdateOutcome::ImageRejected:
+        return "the firmware file failed its check.";
+    case UpdateOutcome::PortAccessDenied:
+        return "this user may not open its port.";
+    default:
+        return nullptr;
+    }
+}
+
 int exitCodeFor(UpdateOutcome outcome)
 {
     switch (outcome) {
@@ -199,7 +217,7 @@ int CliSession::identify()
     std::optional<std::string> cid;
     runInBackground([&] { cid = _controller->getCID(); });
     if (!cid) {
-        if (!_controller->deviceMessage()) {
+        if (!_controller->deviceMessage() && !_controller->portAccessDenied()) {
             std::cout << "The Controller did not identify itself.\n";
         }
         return kFailure;
@@ -246,6 +264,10 @@ int CliSession::update()
             std::cout << "Controller " << *cid << " now runs version " << _controller->currentVersion().value_or("")
                       << '\n';
         }
+    } else if (const char* why = notFlashedReason(outcome.load())) {
+        // Where the road went on (even to a report of success to the server)
+        // without the tool ever running, the last word says so.
+        std::cerr << "The Controller was not flashed: " << why << '\n';
     }
     return exitCodeFor(outcome.load());
 }
@@ -270,7 +292,9 @@ int CliSession::ip()
     std::vector<std::string> lines;
     runInBackground([&] { lines = _controller->getIPConfig(); });
     if (lines.empty()) {
-        std::cout << "Could not get device IP configuration\n";
+        if (!_controller->portAccessDenied()) {
+            std::cout << "Could not get device IP configuration\n";
+        }
         return kFailure;
     }
     for (const auto& line : lines) {

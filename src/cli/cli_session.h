@@ -71,5 +71,8 @@ private:
 
 // The exit code of an update or upload outcome.
 int exitCodeFor(UpdateOutcome outcome);
+// Why the Controller was never flashed, for outcomes where no tool ran (and
+// the window may have said nothing); nullptr for the others.
+const char* notFlashedReason(UpdateOutcome outcome);
 
 } // namespace quendral::cli

@@ -99,6 +99,9 @@ void MainViewController::ipConfig()
                 }
                 return;
             }
+            if (portAccessDenied()) {
+                return; // the owner has been told why, with the fix
+            }
             Logger::log("Error Could not get IP configuration from controller");
             showAlert("Could not get device IP configuration");
         },
@@ -118,7 +121,7 @@ void MainViewController::configureController()
                 return;
             }
             // A Controller that answered with a message has had it shown already.
-            if (!deviceMessage()) {
+            if (!deviceMessage() && !portAccessDenied()) {
                 showAlert("Could not get device identification. Please contact support.");
             }
         },
@@ -137,6 +140,9 @@ void MainViewController::localConfig()
                 _view.openURL("http://" + *address);
                 return;
             }
+            if (portAccessDenied()) {
+                return;
+            }
             Logger::log("Error Could not get Ip for local config");
             showAlert("Could not get device IP. Please contact support.");
         },
@@ -153,6 +159,9 @@ void MainViewController::webConfig()
         [this](const std::string& /*port*/) {
             const auto result = toggleWebconfig();
             _view.setStatusText("");
+            if (!result && portAccessDenied()) {
+                return;
+            }
             if (!result) {
                 Logger::log("Error toggling Webconfig.");
                 showAlert("Error toggling Webconfig.");

@@ -26,9 +26,11 @@
 #include "controller/update_outcome.h"
 #include "controller/update_server_client.h"
 #include "platform/clock.h"
+#include "platform/computer_wide_lock.h"
 #include "platform/notification_center.h"
 #include "serial/serial_port.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -83,6 +85,10 @@ public:
     [[nodiscard]] const std::vector<std::uint8_t>& serialInput() const { return _parser.serialInput(); }
     // The port currently used for the protocol.
     [[nodiscard]] SerialPort::Ptr serial() const;
+    // The current procedure could not open the port because this user may
+    // not (EACCES, EPERM). The owner has been told once, with the fix; the
+    // waits ended at once, and callers add no failure text of their own.
+    [[nodiscard]] bool portAccessDenied() const { return _accessDenied.load(); }
 
     // --- port list (port_list.cpp) ----------------------------------------------
     // The device path of the port selected in the port menu, looked up afresh
@@ -131,6 +137,9 @@ public:
     // (a reset and a wait for its port where the board needs it), the flashing
     // tool. True when the tool reported success. Blocks: background only.
     bool uploadSketch(const std::string& hexFile);
+    // uploadSketch with the outcome: also says whether the file was refused
+    // by its check or the port by its permissions (nothing touched then).
+    UpdateOutcome flashFile(const std::string& hexFile);
     // The user's "load firmware file": a file chosen in the view, flashed in the background.
     void loadFirmwareFile();
     // The application delegate's "update from file" menu command.
@@ -173,6 +182,11 @@ private:
     // with this controller as its delegate.
     void openPortForProtocol(const std::string& path, bool logOpening);
     bool sendCommand(const char* command);
+    // A procedure that opens ports begins: nothing refused yet.
+    void beginPortUse();
+    // An open failed: a refusal for lack of permission is told to the owner,
+    // once per procedure.
+    void noteOpenFailure(const SerialPort& port);
     // The common opening of the port actions: the selected path, or none after
     // telling the user that nothing is selected.
     std::optional<std::string> selectedPortOrAlert();
@@ -193,11 +207,18 @@ private:
     bool waitForBootloaderAndFlash(const std::string& hexFile, const std::vector<CombinedUsbIdentifier>& wanted,
                                    FlashingTool tool);
     void setSerial(const SerialPort::Ptr& port);
-    // The background update job and the steps it runs until it ends.
-    UpdateOutcome runUpdateJob(const std::string& platform, const std::optional<std::string>& version,
-                               bool inBootloader);
-    UpdateOutcome updateJobSteps(const std::string& platform, const std::optional<std::string>& version,
-                                 bool inBootloader, bool& uploadFailed);
+    // The background update job and its steps (update_workflow.cpp).
+    UpdateOutcome runUpdateJob(const BoardIdentification& board, const std::optional<std::string>& version);
+    // Reads the identifier, installing the intermediate firmware first where
+    // the Controller cannot answer; an outcome when the job ends there.
+    std::optional<UpdateOutcome> identifyForUpdate(const BoardIdentification& board);
+    UpdateOutcome askServerAndInstall(const BoardIdentification& board, const std::optional<std::string>& version);
+    // Polls the ticket until a file arrives that passes digest and image checks.
+    UpdateOutcome fetchAndInstall(const BoardIdentification& board, const std::optional<TicketId>& ticket);
+    // Writes, flashes and deletes the file under the flash lock; reports to the server.
+    UpdateOutcome installDownloaded(const std::vector<std::uint8_t>& data, const std::optional<TicketId>& ticket);
+    // The computer-wide lock on the downloaded file, waited for with a limit.
+    std::optional<ComputerWideLock> waitForFlashLock();
     void finishUpload(UpdateOutcome outcome);
 
     PortList _portList;
@@ -211,6 +232,7 @@ private:
     ControllerReplyParser _parser{_state};
     mutable std::mutex _serialMutex;
     SerialPort::Ptr _serial;
+    std::atomic<bool> _accessDenied{false};
 };
 
 } // namespace quendral

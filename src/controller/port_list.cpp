@@ -156,12 +156,19 @@ void PortList::resetDevice(const std::string& path, int delay, std::stop_token s
     if (port) {
         port->setBaudRate(1200);
     }
-    // No limit and no pause: a port that cannot be opened keeps this thread
-    // here (a vanished path leaves no object to open at all).
-    while (!(port && port->isOpen()) && !stop.stop_requested()) {
+    // No pause: a port that cannot be opened keeps this thread here (a
+    // vanished path leaves no object to open at all). A port this user may
+    // not open never will be: that ends the retry at once.
+    bool denied = false;
+    while (!(port && port->isOpen()) && !stop.stop_requested() && !denied) {
         if (port) {
             port->open();
+            denied = !port->isOpen() && port->openWasDenied();
         }
+    }
+    if (denied) {
+        Logger::log("Cannot reset " + path + ": permission denied");
+        return;
     }
     if (stop.stop_requested()) {
         if (port && port->isOpen()) {

@@ -21,6 +21,12 @@ public:
     explicit ControllerReplyParser(ControllerState& state) : _state(state) {}
 
     void receive(std::span<const std::uint8_t> bytes);
+    // Forgets the bytes not yet consumed (a new port session begins).
+    void discardPending()
+    {
+        _serialInput.clear();
+        _scanned = 0;
+    }
     // The bytes not yet consumed as complete lines (`serialInput`).
     [[nodiscard]] const std::vector<std::uint8_t>& serialInput() const { return _serialInput; }
 

@@ -1,6 +1,7 @@
 // MainViewController: the Controller text protocol's procedures.
 #include "controller/main_view_controller.h"
 
+#include "controller/port_access.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
 
@@ -56,7 +57,29 @@ void MainViewController::openPortForProtocol(const std::string& path, bool logOp
     port->setDTR(true);
     port->setRTS(true);
     port->open();
+    if (!port->isOpen()) {
+        noteOpenFailure(*port);
+    }
+    // A new session: whatever the previous one left unparsed (an old
+    // "VERSION:" line waiting for the byte after it, another board's reply)
+    // must not answer for this one. The open has waited for the last close,
+    // so every delivery of the old session is queued by now.
+    dispatch::mainQueue()->sync([this] { _parser.discardPending(); });
     port->setDelegate(shared_from_this());
+}
+
+void MainViewController::noteOpenFailure(const SerialPort& port)
+{
+    if (!port.openWasDenied() || _accessDenied.exchange(true)) {
+        return;
+    }
+    Logger::log("ERROR, permission denied on " + port.path());
+    showAlert(portAccessDeniedText(port.path()));
+}
+
+void MainViewController::beginPortUse()
+{
+    _accessDenied = false;
 }
 
 bool MainViewController::sendCommand(const char* command)
@@ -91,13 +114,16 @@ std::optional<std::string> MainViewController::getCID()
     _state.setDeviceCID(std::nullopt);
     _state.setCurrentVersion(std::nullopt);
     _state.setDeviceMessage(std::nullopt);
+    beginPortUse();
     const Clock::TimePoint start = _clock.now();
     long count = kWaitCount;
     _state.setSkipWait(false);
 
-    while (count > 0 && !_state.skipWait()) {
+    while (count > 0 && !_state.skipWait() && !_accessDenied) {
         postStatusText(withCount("Waiting for device to boot..", count));
-        requestCID(pathOfSelectedPort().value_or(""));
+        if (!requestCID(pathOfSelectedPort().value_or("")) && _accessDenied) {
+            break;
+        }
         _clock.sleepFor(Clock::Seconds(1.0));
         const auto message = _state.deviceMessage();
         if ((_state.deviceCID() && _state.currentVersion()) || message) {
@@ -119,6 +145,7 @@ std::optional<std::string> MainViewController::getCID()
 std::optional<std::string> MainViewController::getIP()
 {
     _state.setDeviceIP(std::nullopt);
+    beginPortUse();
     const Clock::TimePoint start = _clock.now();
     long count = kWaitCount;
 
@@ -131,10 +158,13 @@ std::optional<std::string> MainViewController::getIP()
     openPortForProtocol(path, false);
     sendCommand("config\n");
     closeSerial();
+    if (_accessDenied) {
+        return std::nullopt;
+    }
     _clock.sleepFor(Clock::Seconds(2.0));
     openPortForProtocol(path, false);
 
-    while (count > 0 && !_state.skipWait()) {
+    while (count > 0 && !_state.skipWait() && !_accessDenied) {
         postStatusText(withCount("Waiting for device to enter configuration mode..", count));
         _clock.sleepFor(Clock::Seconds(1.0));
         if (_state.deviceIP()) {
@@ -155,6 +185,7 @@ std::vector<std::string> MainViewController::getIPConfig()
     long count = kWaitCount;
     _state.resetIPDump();
     _state.setDumpingIP(false);
+    beginPortUse();
 
     const std::string path = pathOfSelectedPort().value_or("");
     if (bringSerialToPath(path)) {
@@ -163,7 +194,7 @@ std::vector<std::string> MainViewController::getIPConfig()
     openPortForProtocol(path, false);
     sendCommand("dumpIP\n");
 
-    while (count > 0 && !_state.skipWait()) {
+    while (count > 0 && !_state.skipWait() && !_accessDenied) {
         postStatusText(withCount("Waiting for controller to send IP configuration..", count));
         _clock.sleepFor(Clock::Seconds(1.0));
         if (_state.ipDumpCount() > 0 && !_state.dumpingIP()) {
@@ -182,12 +213,17 @@ std::vector<std::string> MainViewController::getIPConfig()
 std::optional<std::string> MainViewController::toggleWebconfig()
 {
     _state.setDeviceIP(std::nullopt);
+    beginPortUse();
     const long count = kWaitCount; // shown, never counted down
 
     const std::string path = pathOfSelectedPort().value_or("");
     if (!bringSerialToPath(path)) {
         openPortForProtocol(path, false);
         sendCommand("webconfig\n");
+    }
+    if (_accessDenied) {
+        closeSerial();
+        return std::nullopt;
     }
     // Straight from the calling thread, unlike the other procedures.
     _view.setStatusText(withCount("Waiting for device ..", count));

@@ -21,6 +21,12 @@ enum class UpdateOutcome {
     Refused, // an error answer without a description the application knows
     ChecksumFailed,
     ServerFailed, // generation failed on the server, or the server could not be reached while polling
+    // The Controller was not flashed although the road went on:
+    FirmwareNotWritten,      // the downloaded file could not be written (reported to the server as a success)
+    FlashLockTimedOut,       // another update on this computer held the firmware file for too long
+    IntermediateUnavailable, // no usable intermediate firmware for a Controller that cannot identify itself
+    ImageRejected,           // the file to flash failed its check; nothing was touched
+    PortAccessDenied,        // this user may not open the Controller's port
 };
 
 } // namespace quendral

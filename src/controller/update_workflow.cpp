@@ -3,10 +3,13 @@
 #include "controller/main_view_controller.h"
 
 #include "controller/firmware_file.h"
+#include "controller/firmware_image_check.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
 #include "platform/paths.h"
 
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <unistd.h>
 
@@ -17,8 +20,12 @@
 namespace quendral {
 namespace {
 
-const char* const kDownloadedFirmware = "/tmp/quendral-hexfile.hex";
+const char* const kDownloadedFirmware = firmware::kDownloadedFirmwarePath;
+const char* const kFlashLockName = firmware::kDownloadedFirmwareLock;
 constexpr int kMaximumDownloads = 6;
+// A flash holds the lock a minute or two at most; the patience is bounded
+// because any local user can hold the name (see ComputerWideLock).
+constexpr auto kFlashLockPatience = std::chrono::minutes(10);
 
 // "%@" of an absent value reads "(null)" in the log, as it always has.
 std::string orNull(const std::optional<std::string>& text)
@@ -89,62 +96,72 @@ void MainViewController::checkForUpdate(const std::optional<std::string>& versio
         return;
     }
     Logger::log("Detected KorbatekDue");
-    const std::string platform(*board->updatePlatform);
-    const bool inBootloader = board->inBootloader;
     auto self = shared_from_this();
-    dispatch::globalQueue()->async([self, platform, version, inBootloader] {
-        const UpdateOutcome outcome = self->runUpdateJob(platform, version, inBootloader);
+    dispatch::globalQueue()->async([self, board, version] {
+        const UpdateOutcome outcome = self->runUpdateJob(*board, version);
         self->finishUpload(outcome);
     });
 }
 
-UpdateOutcome MainViewController::runUpdateJob(const std::string& platform, const std::optional<std::string>& version,
-                                               bool inBootloader)
+UpdateOutcome MainViewController::runUpdateJob(const BoardIdentification& board,
+                                               const std::optional<std::string>& version)
 {
-    bool uploadFailed = false;
-    const UpdateOutcome outcome = updateJobSteps(platform, version, inBootloader, uploadFailed);
-    if (uploadFailed) {
+    UpdateOutcome outcome = identifyForUpdate(board).value_or(UpdateOutcome::Updated);
+    if (outcome == UpdateOutcome::Updated) {
+        outcome = askServerAndInstall(board, version);
+    }
+    if (outcome == UpdateOutcome::UploadFailed) {
         Logger::log("Error: Upload failed");
         dispatch::mainQueue()->sync([this] { _view.setStatusText("An error occured during firmware upload."); });
     }
     toggleUI(true);
-    return uploadFailed ? UpdateOutcome::UploadFailed : outcome;
+    return outcome;
 }
 
-UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, const std::optional<std::string>& version,
-                                                 bool inBootloader, bool& uploadFailed)
+std::optional<UpdateOutcome> MainViewController::identifyForUpdate(const BoardIdentification& board)
 {
-    // 1.-3. Identify; a Controller that cannot answer gets the intermediate firmware first.
-    std::optional<std::string> cid;
-    if (!inBootloader) {
-        cid = getCID();
+    // A board in its boot loader cannot answer and counts as not identified.
+    if (!board.inBootloader && getCID()) {
+        return std::nullopt;
     }
-    if (!cid) {
-        if (deviceMessage()) {
-            return UpdateOutcome::ControllerMessage; // getCID has shown it
-        }
-        Logger::log("Going to upload the intermediate firmware");
-        if (!showDialog("An intermediate software version will be uploaded to your controller, then it will reboot, "
-                        "generate and install the final firmware version. Proceed?")) {
-            Logger::log("User declined intermediate firmware");
-            return UpdateOutcome::Declined;
-        }
-        Logger::log("User confirmed intermediate firmware");
-        const auto intermediate = paths::resourceFolder() / ("intermediate_" + platform + ".hex");
-        if (!uploadSketch(intermediate.string())) {
-            uploadFailed = true;
-            return UpdateOutcome::UploadFailed;
-        }
-        Logger::log("Finished uploading..");
-        cid = getCID();
-        if (!cid) {
-            Logger::log(
-                "ERROR, could not get controller info after installing intermediate firmware. Port showing up?");
-            return UpdateOutcome::NotIdentifiedAfterIntermediate;
-        }
+    if (portAccessDenied()) {
+        return UpdateOutcome::PortAccessDenied; // told already, with the fix
     }
+    if (deviceMessage()) {
+        return UpdateOutcome::ControllerMessage; // getCID has shown it
+    }
+    // Asking makes sense only when there is something to install: without a
+    // usable intermediate image the tool would erase the board and fail.
+    const auto intermediate = paths::resourceFolder() / ("intermediate_" + std::string(*board.updatePlatform) + ".hex");
+    if (const auto problem = firmware::imageFileProblem(intermediate, board)) {
+        Logger::log("ERROR, no usable intermediate firmware: " + *problem);
+        showAlert("The Controller did not identify itself. It needs the intermediate firmware first, but that "
+                  "firmware is not available here (" +
+                  *problem + "). Nothing was sent to the Controller. Please contact QUENDRAL Support.");
+        return UpdateOutcome::IntermediateUnavailable;
+    }
+    Logger::log("Going to upload the intermediate firmware");
+    if (!showDialog("An intermediate software version will be uploaded to your controller, then it will reboot, "
+                    "generate and install the final firmware version. Proceed?")) {
+        Logger::log("User declined intermediate firmware");
+        return UpdateOutcome::Declined;
+    }
+    Logger::log("User confirmed intermediate firmware");
+    if (!uploadSketch(intermediate.string())) {
+        return UpdateOutcome::UploadFailed;
+    }
+    Logger::log("Finished uploading..");
+    if (!getCID()) {
+        Logger::log("ERROR, could not get controller info after installing intermediate firmware. Port showing up?");
+        return UpdateOutcome::NotIdentifiedAfterIntermediate;
+    }
+    return std::nullopt;
+}
 
-    // 4.-7. Ask the server.
+UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification& board,
+                                                      const std::optional<std::string>& version)
+{
+    const std::string platform(*board.updatePlatform);
     const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version);
     if (!answer) {
         Logger::log("Error requesting update");
@@ -177,30 +194,34 @@ UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, co
         postStatusText("");
         return outcome;
     }
-
-    // 8.-9. Wait while the server builds the file, then fetch and check it.
     postStatusText("Firmware upgrade file is being generated on the server. Please wait..");
     Logger::log("Firmware being generated on server..");
-    int mismatches = 0;
+    return fetchAndInstall(board, ticket);
+}
+
+UpdateOutcome MainViewController::fetchAndInstall(const BoardIdentification& board,
+                                                  const std::optional<TicketId>& ticket)
+{
+    int rejected = 0;
     for (;;) {
         const auto polled = _updateServer.queryTicket(ticket, deviceCID());
-        const auto hexfile = polled ? polled->stringValue("hexfile") : std::nullopt;
-        if (hexfile) {
+        if (const auto hexfile = polled ? polled->stringValue("hexfile") : std::nullopt) {
             const auto data = firmware::decodeBase64(*hexfile).value_or(std::vector<std::uint8_t>());
             const std::string digest = firmware::md5Hex(data);
             const auto hash = polled->stringValue("hash");
             if (hash && *hash == digest) {
-                Logger::log("Received firmware!");
-                if (firmware::writeAtomically(kDownloadedFirmware, data)) {
-                    uploadFailed = !uploadSketch(kDownloadedFirmware);
-                    ::unlink(kDownloadedFirmware);
+                // The digest only proves the file arrived as sent; an empty or
+                // malformed file is as unfit to flash as a damaged one.
+                const auto problem = firmware::imageProblem(data, board);
+                if (!problem) {
+                    Logger::log("Received firmware!");
+                    return installDownloaded(data, ticket);
                 }
-                // A file that could not be written is reported as a success: so it has always been.
-                (void)_updateServer.reportUpdateStatus(ticket, deviceCID(), !uploadFailed);
-                return uploadFailed ? UpdateOutcome::UploadFailed : UpdateOutcome::Updated;
+                Logger::log("Received firmware fails its check: " + *problem);
+            } else {
+                Logger::log("Checksum mismatch, got " + orNull(hash) + " expected: " + digest);
             }
-            Logger::log("Checksum mismatch, got " + orNull(hash) + " expected: " + digest);
-            if (++mismatches < kMaximumDownloads) {
+            if (++rejected < kMaximumDownloads) {
                 _clock.sleepFor(Clock::Seconds(0.5));
                 continue;
             }
@@ -227,6 +248,49 @@ UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, co
         }
         _clock.sleepFor(Clock::Seconds(1.0));
     }
+}
+
+UpdateOutcome MainViewController::installDownloaded(const std::vector<std::uint8_t>& data,
+                                                    const std::optional<TicketId>& ticket)
+{
+    UpdateOutcome outcome = UpdateOutcome::FlashLockTimedOut;
+    // The file has one path for the whole computer: from its write until it
+    // is deleted, no other update may replace or delete it under our tool.
+    if (auto lock = waitForFlashLock()) {
+        if (firmware::writeAtomically(kDownloadedFirmware, data)) {
+            outcome = uploadSketch(kDownloadedFirmware) ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;
+            ::unlink(kDownloadedFirmware);
+        } else {
+            Logger::log(std::string("ERROR, could not write ") + kDownloadedFirmware + ": " + std::strerror(errno));
+            outcome = UpdateOutcome::FirmwareNotWritten;
+        }
+    }
+    // A file that could not be written is reported as a success: so it has
+    // always been. Only a failed tool or a board never touched says otherwise.
+    const bool success = outcome == UpdateOutcome::Updated || outcome == UpdateOutcome::FirmwareNotWritten;
+    (void)_updateServer.reportUpdateStatus(ticket, deviceCID(), success);
+    return outcome;
+}
+
+std::optional<ComputerWideLock> MainViewController::waitForFlashLock()
+{
+    auto lock = ComputerWideLock::tryAcquire(kFlashLockName);
+    if (lock) {
+        return lock;
+    }
+    Logger::log("Another firmware update on this computer is flashing; waiting for it to finish");
+    postStatusText("Waiting for another firmware update on this computer to finish..");
+    const auto start = _clock.now();
+    while (_clock.now() - start < kFlashLockPatience) {
+        _clock.sleepFor(Clock::Seconds(0.5));
+        if ((lock = ComputerWideLock::tryAcquire(kFlashLockName))) {
+            return lock;
+        }
+    }
+    Logger::log("ERROR, the other firmware update on this computer did not finish in time; nothing was flashed");
+    postStatusText("Another firmware update on this computer did not finish in time. Nothing was flashed; please "
+                   "try again.");
+    return std::nullopt;
 }
 
 void MainViewController::finishUpload(UpdateOutcome outcome)

@@ -1,6 +1,7 @@
 // MainViewController: putting a firmware file onto the selected board.
 #include "controller/main_view_controller.h"
 
+#include "controller/firmware_image_check.h"
 #include "flashing/avrdude_wrapper.h"
 #include "flashing/bossac_wrapper.h"
 #include "log/logger.h"
@@ -88,6 +89,11 @@ CombinedUsbIdentifier MainViewController::identifySelectedBoard() const
 
 bool MainViewController::uploadSketch(const std::string& hexFile)
 {
+    return flashFile(hexFile) == UpdateOutcome::Updated;
+}
+
+UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
+{
     Logger::log("Uploading firmware " + hexFile);
     dispatch::mainQueue()->sync([this] {
         if (_appDelegate != nullptr) {
@@ -96,8 +102,19 @@ bool MainViewController::uploadSketch(const std::string& hexFile)
         _view.setProgress(0.0);
         _view.startProgressAnimation();
     });
-
+    beginPortUse();
     const CombinedUsbIdentifier code = identifySelectedBoard();
+    const BoardIdentification* board = identifyBoard(code);
+    // Before the board hears of an update: both tools erase first and read
+    // the file afterwards.
+    if (board != nullptr) {
+        if (const auto problem = firmware::imageFileProblem(hexFile, *board)) {
+            Logger::log("ERROR, firmware file refused: " + *problem);
+            showAlert("This firmware cannot be flashed onto the " + std::string(board->chip) + ": " + *problem +
+                      ". Nothing was changed on the Controller.");
+            return UpdateOutcome::ImageRejected;
+        }
+    }
 
     // Tell the firmware that an update follows; no answer is read.
     const auto selected = pathOfSelectedPort();
@@ -108,26 +125,34 @@ bool MainViewController::uploadSketch(const std::string& hexFile)
         port->setDTR(true);
         port->setRTS(true);
         port->open();
+        if (!port->isOpen()) {
+            noteOpenFailure(*port);
+        }
         port->sendData(std::string_view("prepareUpload\n"));
         port->close();
     }
+    if (portAccessDenied()) {
+        return UpdateOutcome::PortAccessDenied; // neither the touch nor the tool could open it either
+    }
     _clock.sleepFor(Clock::Seconds(0));
 
-    const BoardIdentification* board = identifyBoard(code);
     if (board == nullptr) {
         _view.setStatusText("Error: Unable to identify device");
-        return false;
+        return UpdateOutcome::UploadFailed;
     }
+    bool flashed = false;
     if (!board->waitsForBootloader) {
         _avrdude = std::make_shared<AvrdudeWrapper>();
         const std::string path = pathOfSelectedPort().value_or(std::string());
-        return _avrdude->startUpload(hexFile, path, getPIDVID(path));
+        flashed = _avrdude->startUpload(hexFile, path, getPIDVID(path));
+    } else {
+        if (board->resetDelaySeconds && selected) {
+            resetUnlessRemoved(_portList, *selected, *board->resetDelaySeconds);
+        }
+        const auto wanted = bootloaderIdentifiers(board->family);
+        flashed = waitForBootloaderAndFlash(hexFile, wanted, board->tool);
     }
-    if (board->resetDelaySeconds && selected) {
-        resetUnlessRemoved(_portList, *selected, *board->resetDelaySeconds);
-    }
-    const auto wanted = bootloaderIdentifiers(board->family);
-    return waitForBootloaderAndFlash(hexFile, wanted, board->tool);
+    return flashed ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;
 }
 
 bool MainViewController::waitForBootloaderAndFlash(const std::string& hexFile,
@@ -173,9 +198,9 @@ void MainViewController::loadFirmwareFile()
     auto self = shared_from_this();
     dispatch::globalQueue()->async([self, file = *file] {
         self->toggleUI(false);
-        const bool uploaded = self->uploadSketch(file);
+        const UpdateOutcome outcome = self->flashFile(file);
         self->toggleUI(true);
-        self->finishUpload(uploaded ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed);
+        self->finishUpload(outcome);
     });
 }
 

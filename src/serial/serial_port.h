@@ -25,6 +25,7 @@
 #include "serial/serial_port_delegate.h"
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -95,6 +96,15 @@ public:
     bool close();
     [[nodiscard]] bool isOpen() const { return _fileDescriptor.load() != 0; }
     [[nodiscard]] int fileDescriptor() const { return _fileDescriptor.load(); }
+    // The errno of the last open() that failed, 0 once an open succeeded.
+    // Lets a caller tell a port it may not use (EACCES) from one still busy.
+    [[nodiscard]] int lastOpenError() const { return _lastOpenError.load(); }
+    // The last open failed because this user may not use the device.
+    [[nodiscard]] bool openWasDenied() const
+    {
+        const int error = lastOpenError();
+        return error == EACCES || error == EPERM;
+    }
     // Blocks until every byte was written. False when closed or on a write error.
     bool sendData(std::span<const std::uint8_t> data);
     bool sendData(std::string_view text);
@@ -229,6 +239,7 @@ private:
     std::mutex _closeMutex;
     std::condition_variable _closeFinished;
     bool _closePending = false; // guarded by _closeMutex
+    std::atomic<int> _lastOpenError{0};
     std::atomic<bool> _cts{false};
     std::atomic<bool> _dsr{false};
     std::atomic<bool> _dcd{false};

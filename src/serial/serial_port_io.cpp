@@ -69,6 +69,7 @@ void SerialPort::open()
     // aborts the process after about fifty failed opens of a missing node.
     struct stat node {};
     if (::stat(_path.c_str(), &node) != 0) {
+        _lastOpenError = errno;
         notifyDelegateOfPosixError();
         return;
     }
@@ -81,6 +82,7 @@ void SerialPort::open()
             ::close(fd); // 0 marks a closed port and is never accepted
         }
         errno = error;
+        _lastOpenError = errno;
         notifyDelegateOfPosixError();
         return;
     }
@@ -92,6 +94,7 @@ void SerialPort::open()
         ::ioctl(fd, TIOCNXCL);
         ::close(fd);
         errno = error;
+        _lastOpenError = errno;
         notifyDelegateOfPosixError();
         return;
     }
@@ -104,6 +107,7 @@ void SerialPort::open()
         ::ioctl(fd, TIOCNXCL);
         ::close(fd);
         errno = error;
+        _lastOpenError = errno;
         notifyDelegateOfPosixError();
         return;
     }
@@ -112,6 +116,7 @@ void SerialPort::open()
         std::lock_guard lock(_mutex);
         _vanishReported = std::make_shared<std::atomic<bool>>(false);
     }
+    _lastOpenError = 0;
     setFileDescriptor(fd);
     {
         termios original{};

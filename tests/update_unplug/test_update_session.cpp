@@ -1,0 +1,74 @@
+// Two update checks in one window session, against the same simulated
+// KorbatekDue: the second must tell the server the version the Controller
+// runs now, not a reply line left over from the first session on the port.
+#include "road_world.h"
+
+#include "../support/scoped_log.h"
+
+#include <gtest/gtest.h>
+
+namespace quendral::test {
+namespace {
+
+constexpr auto kJobBound = 120s;
+
+class SessionWorldEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        if (!sim::UmockdevTestbed::isAvailable()) {
+            return;
+        }
+        dispatch::setMainThreadToCurrent();
+        (void)RoadRun::testbed();
+        (void)SerialPortManager::sharedSerialPortManager().availablePorts();
+    }
+};
+[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new SessionWorldEnvironment);
+
+std::vector<std::string> reportedVersions(const std::vector<nlohmann::json>& bodies)
+{
+    std::vector<std::string> versions;
+    for (const auto& body : bodies) {
+        if (body.is_object() && body.value("cmd", "") == "check_update") {
+            versions.push_back(body.value("currentVersion", "(none)"));
+        }
+    }
+    return versions;
+}
+
+} // namespace
+
+TEST(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRunsNow)
+{
+    ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+    ScopedLog log;
+    LabResources resources;
+    RoadRun run({}, systemClock());
+    ASSERT_TRUE(run.prepare()) << run.problem;
+    run.openWindow();
+
+    run.pressUpdate();
+    ASSERT_TRUE(run.waitForEnd(kJobBound));
+    ASSERT_EQ(run.outcome.load(), UpdateOutcome::Updated);
+    ASSERT_TRUE(RoadRun::waitForPortsClosed());
+    // The owner presses again once the board runs its new firmware (after
+    // bossac's reset it is in its boot loader for a moment).
+    ASSERT_TRUE(dispatch::RunLoop::main().runUntil(
+        [&] {
+            const auto path = run.controller->pathOfSelectedPort();
+            return path && run.controller->getPIDVID(*path) == combinedUsbIdentifier(0x2341, 0x003E);
+        },
+        30s));
+
+    run.finished = false;
+    run.pressUpdate();
+    ASSERT_TRUE(run.waitForEnd(kJobBound));
+    EXPECT_EQ(run.outcome.load(), UpdateOutcome::Updated) << log.text();
+
+    EXPECT_EQ(reportedVersions(run.serverBodies()), (std::vector<std::string>{"1.0.0", "2.0.0"}));
+    EXPECT_TRUE(log.contains("Requesting update for CID QUENDRALLAB000000000000000000001 with current version 2.0.0 "
+                             "andself-> new version (null)"));
+}
+
+} // namespace quendral::test
