@@ -14,6 +14,7 @@
 #include <fstream>
 #include <future>
 #include <pwd.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 
@@ -235,4 +236,26 @@ TEST(UpdateSafety, AnUpdateByAUserWithoutPermissionOffersNoIntermediateFirmwareA
     EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
     EXPECT_EQ(lastLine(run.output, "The Controller was not flashed"),
               "The Controller was not flashed: this user may not open its port.");
+}
+
+TEST(UpdateSafety, AFirmwareFileCutShortIsRefusedBeforeTheBoardHearsOfAnUpdate)
+{
+    TempDir dir;
+    std::ifstream whole(std::string(QUENDRAL_AVR_FIRMWARE_DIR) + "/identity_b_2560.hex");
+    std::stringstream text;
+    text << whole.rdbuf();
+    const std::string hex = text.str();
+    ASSERT_GT(hex.size(), 200U);
+    const auto cut = dir.path() / "cut.hex";
+    // Whole records, as a download that stopped between two lines leaves it.
+    std::ofstream(cut) << hex.substr(0, hex.find('\n', hex.size() / 2) + 1);
+
+    const LabRun run = runInLab({"--controller", "mega2560"}, cliFlash(cut.string()));
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_TRUE(run.says("This firmware cannot be flashed onto the ATmega2560: cut.hex: the file has no end-of-file "
+                         "record (it may have been cut short). Nothing was changed on the Controller."))
+        << run.output;
+    EXPECT_EQ(run.log.find("Avrdude initiated"), std::string::npos) << run.log;
+    // The program in flash is the one the board started with.
+    EXPECT_TRUE(run.says("program answers CID:A2560AAAAAAAAAAAAAAAAAAAAAAAAAAA VERSION:2560-A.1")) << run.output;
 }
