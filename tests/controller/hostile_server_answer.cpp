@@ -58,26 +58,28 @@ std::string objectWithValues(std::size_t values)
     return text + "]}";
 }
 
+// The body is refused for `why`, and parsing it took less than `limit` bytes.
+void expectRefusedCheaply(const std::string& body, ServerAnswer::Unread why, std::size_t limit)
+{
+    const Parsed parsed = parseMeasured(body);
+    EXPECT_FALSE(parsed.answered);
+    EXPECT_EQ(parsed.why, why);
+    ASSERT_TRUE(parsed.growth) << "the child could not measure";
+    EXPECT_LT(*parsed.growth, limit) << "bytes above the body while parsing";
+}
+
 } // namespace
 
 TEST(HostileServerAnswer, MegabytesOfOpeningBracketsAreRefusedAtOnce)
 {
     const std::string body(4 * kMiB, '[');
-    const Parsed parsed = parseMeasured(body);
-    EXPECT_FALSE(parsed.answered);
-    EXPECT_EQ(parsed.why, ServerAnswer::Unread::TooDeep);
-    ASSERT_TRUE(parsed.growth) << "the child could not measure";
-    EXPECT_LT(*parsed.growth, 4 * kMiB) << "bytes above the body while parsing";
+    expectRefusedCheaply(body, ServerAnswer::Unread::TooDeep, 4 * kMiB);
 }
 
 TEST(HostileServerAnswer, AnObjectOfMegabytesOfNestedArraysIsRefused)
 {
     const std::string body = "{\"status\":" + std::string(4 * kMiB, '[') + std::string(4 * kMiB, ']') + "}";
-    const Parsed parsed = parseMeasured(body);
-    EXPECT_FALSE(parsed.answered);
-    EXPECT_EQ(parsed.why, ServerAnswer::Unread::TooDeep);
-    ASSERT_TRUE(parsed.growth) << "the child could not measure";
-    EXPECT_LT(*parsed.growth, 4 * kMiB);
+    expectRefusedCheaply(body, ServerAnswer::Unread::TooDeep, 4 * kMiB);
 }
 
 TEST(HostileServerAnswer, MegabytesOfSmallValuesAreRefused)
@@ -87,11 +89,7 @@ TEST(HostileServerAnswer, MegabytesOfSmallValuesAreRefused)
         body += ",0";
     }
     body += "]";
-    const Parsed parsed = parseMeasured(body);
-    EXPECT_FALSE(parsed.answered);
-    EXPECT_EQ(parsed.why, ServerAnswer::Unread::TooManyValues);
-    ASSERT_TRUE(parsed.growth) << "the child could not measure";
-    EXPECT_LT(*parsed.growth, 4 * kMiB);
+    expectRefusedCheaply(body, ServerAnswer::Unread::TooManyValues, 4 * kMiB);
 }
 
 TEST(HostileServerAnswer, DepthUpToTheLimitIsRead)

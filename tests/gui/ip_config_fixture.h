@@ -2,6 +2,7 @@
 // The IP configuration window on its own, with a host that counts what the
 // window asks of it, against a simulated Controller on /dev/ttyACM0.
 #include "device_fixture.h"
+#include "support/sample_ip_dump.h"
 #include "windows/ip_config.h"
 #include "windows/window_host.h"
 
@@ -17,13 +18,6 @@ struct RecordingWindowHost : windows::WindowHost {
     int monitorCloses = 0;
     int ipConfigCloses = 0;
 };
-
-inline const std::vector<std::string> kDump = {"ip;192.168.10.50",
-                                               "subnet;255.255.255.0",
-                                               "gateway;192.168.10.1",
-                                               "dns;192.168.10.2",
-                                               "dev;1;Boiler room;192.168.10.60;1",
-                                               "dev;2;Garage;192.168.10.61;0"};
 
 class IPConfigTest : public DeviceWindowTest {
 protected:

@@ -4,6 +4,7 @@
 // the child's log folder. Shared by the command line's usb_world tests.
 #include "cli_child.h"
 #include "controller_simulator.h"
+#include "support/sample_ip_dump.h"
 #include "support/temp_dir.h"
 #include "umockdev_testbed.h"
 
@@ -21,13 +22,6 @@ using sim::ControllerSimulator;
 using sim::UmockdevSerialDevice;
 using sim::UmockdevTestbed;
 using sim::UsbSerialDeviceInfo;
-
-inline const std::vector<std::string> kDump = {"ip;192.168.10.50",
-                                               "subnet;255.255.255.0",
-                                               "gateway;192.168.10.1",
-                                               "dns;192.168.10.2",
-                                               "dev;1;Boiler room;192.168.10.60;1",
-                                               "dev;2;Garage;192.168.10.61;0"};
 
 inline std::string joinedLines(const std::vector<std::string>& lines)
 {

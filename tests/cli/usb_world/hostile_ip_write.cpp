@@ -33,6 +33,25 @@ protected:
         controller.setIPDumpLines(kDump);
         return controller;
     }
+
+    // `ip ip=192.168.10.77` with the cable pulled: it fails, names `failedLine`
+    // on the error stream, and the Controller holds what came before it.
+    void expectNotWritten(const CablePull& pull, const ControllerSimulator& controller, const std::string& failedLine,
+                          std::size_t linesBefore)
+    {
+        const CliResult result = cli({"ip", "ip=192.168.10.77"});
+        EXPECT_TRUE(pull.pulled());
+        EXPECT_EQ(result.exitCode, 1) << describe(result);
+        EXPECT_EQ(result.out, "") << describe(result);
+        const std::string said = "quendral-cli: The IP settings were not written: line " +
+                                 std::to_string(linesBefore + 1) + " of 11 (" + failedLine +
+                                 ") could not be sent to the Controller.\n";
+        EXPECT_NE(result.err.find(said), std::string::npos) << describe(result);
+        std::vector<std::string> expected{"dumpIP"};
+        expected.insert(expected.end(), kSequence.begin(),
+                        kSequence.begin() + static_cast<std::ptrdiff_t>(linesBefore));
+        EXPECT_EQ(controller.receivedLines(), expected);
+    }
 };
 
 } // namespace
@@ -41,16 +60,7 @@ TEST_F(CliIpWriteCut, PulledBeforeTheFirstLineNothingIsReportedAsWritten)
 {
     auto& controller = plugControllerWithDump();
     const CablePull pull(*testbed, devices.back(), kSavingOpen, TIOCMSET, 1);
-
-    const CliResult result = cli({"ip", "ip=192.168.10.77"});
-    EXPECT_TRUE(pull.pulled());
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
-    EXPECT_EQ(result.out, "") << describe(result);
-    EXPECT_NE(result.err.find("quendral-cli: The IP settings were not written: line 1 of 11 (bulkip) could not be "
-                              "sent to the Controller.\n"),
-              std::string::npos)
-        << describe(result);
-    EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"});
+    expectNotWritten(pull, controller, "bulkip", 0);
     EXPECT_NE(logFile().find("] IP settings not written: line 1 of 11 (bulkip) failed\n"), std::string::npos)
         << logFile();
 }
@@ -60,17 +70,6 @@ TEST_F(CliIpWriteCut, PulledAfterFiveLinesTheSixthIsNamedAndNothingIsStored)
     auto& controller = plugControllerWithDump();
     const CablePull pull(*testbed, devices.back(), kSavingOpen, TIOCOUTQ, 5,
                          [&] { controller.waitForLine(kSequence[4], 5s); });
-
-    const CliResult result = cli({"ip", "ip=192.168.10.77"});
-    EXPECT_TRUE(pull.pulled());
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
-    EXPECT_EQ(result.out, "") << describe(result);
-    EXPECT_NE(result.err.find("quendral-cli: The IP settings were not written: line 6 of 11 "
-                              "(ipDevice1=192.168.10.60) could not be sent to the Controller.\n"),
-              std::string::npos)
-        << describe(result);
     // Exactly the five lines before it arrived; "store" never came.
-    std::vector<std::string> expected{"dumpIP"};
-    expected.insert(expected.end(), kSequence.begin(), kSequence.begin() + 5);
-    EXPECT_EQ(controller.receivedLines(), expected);
+    expectNotWritten(pull, controller, "ipDevice1=192.168.10.60", 5);
 }
