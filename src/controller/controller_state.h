@@ -37,7 +37,7 @@ public:
     // its dump must not fill the memory: past these limits the rest of the
     // dump is dropped, so what is kept is always its beginning.
     static constexpr std::size_t kIPDumpLineLimit = 1000;
-    static constexpr std::size_t kIPDumpByteLimit = 1024 * 1024;
+    static constexpr std::size_t kIPDumpByteLimit = std::size_t{1024} * 1024;
     enum class DumpAppend {
         Kept,
         Cut,        // this line is the first one dropped

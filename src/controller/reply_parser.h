@@ -23,7 +23,7 @@ namespace quendral {
 
 class ControllerReplyParser {
 public:
-    static constexpr std::size_t kLineLimit = 64 * 1024;
+    static constexpr std::size_t kLineLimit = std::size_t{64} * 1024;
 
     explicit ControllerReplyParser(ControllerState& state) : _state(state) {}
 
