@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace quendral::sim {
@@ -477,6 +478,20 @@ bool UmockdevTestbed::hangUp(const UmockdevSerialDevice& device)
         return false;
     }
     const long result = ::syscall(SYS_ioctl, fd, TIOCVHANGUP, 0);
+    ::close(fd);
+    return result == 0;
+}
+
+bool UmockdevTestbed::holdOutput(const UmockdevSerialDevice& device)
+{
+    // As hangUp: straight to the kernel, on a descriptor of our own. The
+    // stop belongs to the terminal, so it holds the program's descriptor too.
+    const std::string pty = device.ptyPath();
+    const int fd = ::open(pty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const long result = ::syscall(SYS_ioctl, fd, TCXONC, TCOOFF);
     ::close(fd);
     return result == 0;
 }

@@ -126,6 +126,10 @@ public:
     void unplug(UmockdevSerialDevice& device);
     // Only the hang-up of the terminal (every open descriptor sees POLLHUP and EIO).
     static bool hangUp(const UmockdevSerialDevice& device);
+    // Stops the terminal's output, as a device that takes no more bytes: the
+    // program's next write blocks until the output is let go or the terminal
+    // is hung up (unplug(): the write then fails with EIO).
+    static bool holdOutput(const UmockdevSerialDevice& device);
     // Sends a uevent ("add", "remove", "change") for a device's tty and waits
     // until a monitor has seen it go out (sent again, up to five times, if not).
     void uevent(const UmockdevSerialDevice& device, const std::string& action);

@@ -2,6 +2,8 @@
 
 #include "controller/board_identification.h"
 #include "controller/ip_settings.h"
+#include "controller/port_access.h"
+#include "controller/ip_settings_writer.h"
 #include "controller/port_list.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
@@ -399,25 +401,27 @@ int CliSession::writeIp()
 
     Logger::log("User clicked save IP settings");
     const auto path = _controller->pathOfSelectedPort().value_or("");
-    Logger::log("Opening serial port " + path);
-    auto port = SerialPort::serialPortWithPath(path);
-    if (!port) {
+    const auto written = ipsettings::writeSettings(path, settings);
+    if (written.port) {
+        runUntil([&] { return !written.port->isOpen(); });
+    }
+    switch (written.outcome) {
+    case ipsettings::WriteResult::Outcome::NoPort:
         std::cout << "The Controller's port is gone\n";
         return kFailure;
-    }
-    port->setBaudRate(115200);
-    port->setDTR(true);
-    port->setRTS(true);
-    port->open();
-    if (!port->isOpen()) {
-        std::cout << "Could not open " << path << '\n';
+    case ipsettings::WriteResult::Outcome::NotOpened:
+        if (written.port && written.port->openWasDenied()) {
+            std::cerr << portAccessDeniedText(path) << '\n';
+        } else {
+            std::cout << "Could not open " << path << '\n';
+        }
         return kFailure;
+    case ipsettings::WriteResult::Outcome::LineFailed:
+        std::cerr << "quendral-cli: " << written.failureText() << '\n';
+        return kFailure;
+    case ipsettings::WriteResult::Outcome::Written:
+        break;
     }
-    for (const auto& line : ipsettings::writeSequence(settings)) {
-        port->sendData(line);
-    }
-    port->close();
-    runUntil([&] { return !port->isOpen(); });
     std::cout << "Settings written; the Controller stores them and restarts.\n";
     return kSuccess;
 }

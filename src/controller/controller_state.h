@@ -4,6 +4,7 @@
 // each of their one-second sleeps. Every field is replaced whole under one
 // lock, so a reader sees either the old or the new value, never half of one.
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -32,16 +33,35 @@ public:
         std::lock_guard lock(_mutex);
         return _ipDump.size();
     }
-    void appendToIPDump(std::string line)
+    // A real dump has about a dozen short lines. A Controller that never ends
+    // its dump must not fill the memory: past these limits the rest of the
+    // dump is dropped, so what is kept is always its beginning.
+    static constexpr std::size_t kIPDumpLineLimit = 1000;
+    static constexpr std::size_t kIPDumpByteLimit = std::size_t{1024} * 1024;
+    enum class DumpAppend {
+        Kept,
+        Cut,        // this line is the first one dropped
+        CutEarlier, // dropped, like every line since the cut
+    };
+    DumpAppend appendToIPDump(std::string line)
     {
         std::lock_guard lock(_mutex);
-        _ipDump.push_back(std::move(line));
+        if (!_ipDumpCut && _ipDump.size() < kIPDumpLineLimit && line.size() <= kIPDumpByteLimit - _ipDumpBytes) {
+            _ipDumpBytes += line.size();
+            _ipDump.push_back(std::move(line));
+            return DumpAppend::Kept;
+        }
+        const bool first = !_ipDumpCut;
+        _ipDumpCut = true;
+        return first ? DumpAppend::Cut : DumpAppend::CutEarlier;
     }
     // A new, empty list.
     void resetIPDump()
     {
         std::lock_guard lock(_mutex);
         _ipDump.clear();
+        _ipDumpBytes = 0;
+        _ipDumpCut = false;
     }
 
     [[nodiscard]] bool dumpingIP() const { return _dumpingIP.load(); }
@@ -67,6 +87,8 @@ private:
     std::optional<std::string> _deviceMessage;
     std::optional<std::string> _deviceIP;
     std::vector<std::string> _ipDump;
+    std::size_t _ipDumpBytes = 0;
+    bool _ipDumpCut = false;
     std::atomic<bool> _dumpingIP{false};
     std::atomic<bool> _skipWait{false};
 };

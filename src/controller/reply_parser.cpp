@@ -1,7 +1,10 @@
 #include "controller/reply_parser.h"
 
+#include "log/logger.h"
+
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 namespace quendral {
@@ -48,12 +51,33 @@ void ControllerReplyParser::receive(std::span<const std::uint8_t> bytes)
             break;
         }
         const std::size_t newline = static_cast<std::size_t>(static_cast<const char*>(found) - data);
-        classify(std::string_view(data + lineStart, newline - lineStart));
+        std::size_t lineLength = newline - lineStart;
+        if (lineLength > kLineLimit) {
+            noteLineCut();
+            lineLength = kLineLimit;
+        }
+        classify(std::string_view(data + lineStart, lineLength));
+        _cuttingLine = false;
         lineStart = newline + 1;
         index = newline + 1;
     }
     _serialInput.erase(_serialInput.begin(), _serialInput.begin() + static_cast<std::ptrdiff_t>(lineStart));
-    _scanned = end - lineStart;
+    // The unfinished line keeps only the head it will count with, and the
+    // unexamined last byte that may end it.
+    if (_serialInput.size() - 1 > kLineLimit) {
+        noteLineCut();
+        _serialInput.erase(_serialInput.begin() + static_cast<std::ptrdiff_t>(kLineLimit), _serialInput.end() - 1);
+    }
+    _scanned = _serialInput.size() - 1;
+}
+
+void ControllerReplyParser::noteLineCut()
+{
+    if (!_cuttingLine) {
+        _cuttingLine = true;
+        Logger::log("Controller line longer than " + std::to_string(kLineLimit) + " bytes: cut to its first " +
+                    std::to_string(kLineLimit));
+    }
 }
 
 void ControllerReplyParser::classify(std::string_view line)
@@ -62,7 +86,10 @@ void ControllerReplyParser::classify(std::string_view line)
         return;
     }
     if (_state.dumpingIP() && !line.starts_with(kEndDump)) {
-        _state.appendToIPDump(std::string(line));
+        if (_state.appendToIPDump(std::string(line)) == ControllerState::DumpAppend::Cut) {
+            Logger::log("IP dump longer than " + std::to_string(ControllerState::kIPDumpLineLimit) + " lines or " +
+                        std::to_string(ControllerState::kIPDumpByteLimit) + " bytes: cut, the rest is dropped");
+        }
         return;
     }
     if (line.starts_with(kEndDump)) {

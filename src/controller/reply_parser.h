@@ -8,6 +8,11 @@
 //
 // Lines that are not 7-bit ASCII are skipped whole: they neither set a field
 // nor enter the IP dump.
+//
+// A line counts with its first kLineLimit bytes; the rest of a longer one is
+// dropped as it arrives (a Controller line is shorter than a hundred bytes,
+// so only a broken or hostile peer gets there). The IP dump has limits of
+// its own (ControllerState). Each cut is logged once.
 #include "controller/controller_state.h"
 
 #include <cstdint>
@@ -18,6 +23,8 @@ namespace quendral {
 
 class ControllerReplyParser {
 public:
+    static constexpr std::size_t kLineLimit = std::size_t{64} * 1024;
+
     explicit ControllerReplyParser(ControllerState& state) : _state(state) {}
 
     void receive(std::span<const std::uint8_t> bytes);
@@ -32,6 +39,7 @@ public:
 
 private:
     void classify(std::string_view line);
+    void noteLineCut();
 
     ControllerState& _state;
     std::vector<std::uint8_t> _serialInput;
@@ -39,6 +47,8 @@ private:
     // exactly what a scan from index 0 would, without going quadratic on a
     // long line that arrives in many chunks.
     std::size_t _scanned = 0;
+    // The line now arriving was cut already (and said so in the log).
+    bool _cuttingLine = false;
 };
 
 } // namespace quendral

@@ -5,6 +5,7 @@
 // "ticket_id": null) reads as missing instead of reaching the caller.
 #include <nlohmann/json.hpp>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,11 +18,30 @@ using TicketId = nlohmann::json;
 
 class ServerAnswer {
 public:
-    // Parses an answer body. None when the body is not JSON, and also when it
-    // is JSON whose top level is not an object (an array, a number, a string,
-    // null): such a body carries none of the keys an answer is read by, and
-    // callers treat it like an unreadable answer.
-    static std::optional<ServerAnswer> fromJsonText(std::string_view body) noexcept;
+    // Limits of what an answer may hold. A real answer is one flat object of a
+    // few keys, whose firmware is one long string; parsing a body that holds
+    // millions of values or nests them millions deep would cost tens of times
+    // the body's size in memory (every value is a node of its own), so such a
+    // body is not read at all. String content is not limited here: it costs
+    // about its own size, and the body as a whole is bounded by the transport.
+    static constexpr std::size_t kMaxDepth = 64;    // nested objects and arrays, the answer itself included
+    static constexpr std::size_t kMaxValues = 4096; // values of any kind, keys included
+
+    // Why a body gave no answer.
+    enum class Unread {
+        NotJson,
+        NotAnObject,
+        TooDeep,       // nested deeper than kMaxDepth
+        TooManyValues, // more than kMaxValues values
+    };
+
+    // Parses an answer body. None when the body is not JSON, when it is JSON
+    // whose top level is not an object (an array, a number, a string, null):
+    // such a body carries none of the keys an answer is read by, and callers
+    // treat it like an unreadable answer; and when it is beyond the limits
+    // above (parsing stops at the value that crosses them). `why`, when
+    // given, receives the reason for none.
+    static std::optional<ServerAnswer> fromJsonText(std::string_view body, Unread* why = nullptr) noexcept;
     // Wraps an already parsed value; none unless it is an object.
     static std::optional<ServerAnswer> fromJson(nlohmann::json value) noexcept;
     // What a failed transport is answered with: {"status":"error","description":"connection"},

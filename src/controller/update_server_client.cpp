@@ -114,6 +114,25 @@ std::optional<std::string> post(const UpdateServerConfig& config, const std::str
     return std::move(download.body);
 }
 
+// The limits are ours, not the server's idea of an answer: say in the log
+// why an answer that is JSON was not read.
+void logUnreadAnswer(ServerAnswer::Unread why)
+{
+    switch (why) {
+    case ServerAnswer::Unread::TooDeep:
+        Logger::log("Update server answer nested deeper than " + std::to_string(ServerAnswer::kMaxDepth) +
+                    " levels: not read");
+        break;
+    case ServerAnswer::Unread::TooManyValues:
+        Logger::log("Update server answer holds more than " + std::to_string(ServerAnswer::kMaxValues) +
+                    " values: not read");
+        break;
+    case ServerAnswer::Unread::NotJson:
+    case ServerAnswer::Unread::NotAnObject:
+        break;
+    }
+}
+
 const std::string* bodyOf(const RequestBody& request)
 {
     return std::get_if<std::string>(&request);
@@ -188,7 +207,12 @@ std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string&
         if (!answer) {
             return ServerAnswer::connectionError();
         }
-        return ServerAnswer::fromJsonText(*answer);
+        ServerAnswer::Unread why = ServerAnswer::Unread::NotJson;
+        auto parsed = ServerAnswer::fromJsonText(*answer, &why);
+        if (!parsed) {
+            logUnreadAnswer(why);
+        }
+        return parsed;
     } catch (...) {
         // Only running out of memory can land here; the caller still gets a defined answer.
         return ServerAnswer::connectionError();

@@ -26,6 +26,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -108,6 +109,11 @@ public:
     // Blocks until every byte was written. False when closed or on a write error.
     bool sendData(std::span<const std::uint8_t> data);
     bool sendData(std::string_view text);
+    // A written byte may still wait in the driver's queue, and is lost if the
+    // device goes now. Waits until that queue is empty, at most `timeout`.
+    // False when closed, when the device failed (the delegate hears of it) or
+    // when the bytes did not leave in time (a device that takes nothing more).
+    bool waitUntilSent(std::chrono::milliseconds timeout);
 
     // The device is gone: tells the delegate (waiting for it), then closes.
     void cleanupAfterSystemRemoval();

@@ -206,6 +206,32 @@ bool SerialPort::sendData(std::span<const std::uint8_t> data)
     return true;
 }
 
+bool SerialPort::waitUntilSent(std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (isOpen()) {
+        int queued = 0;
+        if (::ioctl(_fileDescriptor.load(), TIOCOUTQ, &queued) != 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno == ENOTTY || errno == EINVAL) {
+                return true; // a device without an output queue: nothing can wait in it
+            }
+            notifyDelegateOfPosixError();
+            return false;
+        }
+        if (queued == 0) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
 void SerialPort::receiveData(const SerialData& data)
 {
     const Ptr self = shared_from_this();

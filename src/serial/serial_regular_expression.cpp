@@ -49,9 +49,15 @@ SerialRegularExpression::Ptr SerialRegularExpression::regularExpressionWithPatte
     int errorCode = 0;
     PCRE2_SIZE errorOffset = 0;
     // Anchoring is compiled in: the JIT does not honour it as a match option.
-    pcre2_code* code =
-        pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                      PCRE2_UTF | PCRE2_UCP | PCRE2_ANCHORED | PCRE2_ALT_BSUX, &errorCode, &errorOffset, context);
+    // The start-up shortcuts stay off: PCRE2 10.42 derives them wrongly from a
+    // lookahead in front of an optional item ("(?=a)a?a" asks for two
+    // characters and a second "a", so "a" would not match), and a partial
+    // match skips them, so the two questions below would disagree. Anchored,
+    // they would save little anyway: one start, whose first character fails
+    // at once.
+    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                     PCRE2_UTF | PCRE2_UCP | PCRE2_ANCHORED | PCRE2_ALT_BSUX | PCRE2_NO_START_OPTIMIZE,
+                                     &errorCode, &errorOffset, context);
     pcre2_compile_context_free(context);
     if (code == nullptr) {
         if (errorText != nullptr) {

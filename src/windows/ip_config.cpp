@@ -1,6 +1,7 @@
 #include "ip_config.h"
 
 #include "controller/ip_settings.h"
+#include "controller/ip_settings_writer.h"
 #include "log/logger.h"
 #include "ui_IPConfig.h"
 #include "window_host.h"
@@ -9,6 +10,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 
 #include <iostream>
 
@@ -123,13 +125,6 @@ bool IPConfig::verifyIPField(QLineEdit* field)
     return address.has_value();
 }
 
-void IPConfig::write(const std::string& text)
-{
-    if (_serial && _serial->isOpen()) {
-        _serial->sendData(text);
-    }
-}
-
 void IPConfig::saveSettings()
 {
     Logger::log("User clicked save IP settings");
@@ -143,20 +138,6 @@ void IPConfig::saveSettings()
         }
     }
 
-    Logger::log("Opening serial port " + _serialPort);
-    _serial = SerialPort::serialPortWithPath(_serialPort);
-    if (_serial) {
-        _serial->setDelegate(_portDelegate);
-        _serial->setBaudRate(115200);
-        _serial->setDTR(true);
-        _serial->setRTS(true);
-        _serial->open();
-    }
-    if (!_serial || !_serial->isOpen()) {
-        _host.closeIPConfig();
-        return;
-    }
-
     ipsettings::Settings settings{_ui->ipField->text().toStdString(),
                                   _ui->subnetField->text().toStdString(),
                                   _ui->gatewayField->text().toStdString(),
@@ -165,11 +146,21 @@ void IPConfig::saveSettings()
     for (std::size_t i = 0; i < _ipFields.size(); ++i) {
         settings.devices.push_back({_ipFields[i]->text().toStdString(), _deviceEnable[i]->isChecked()});
     }
-    for (const std::string& line : ipsettings::writeSequence(settings)) {
-        write(line);
+    const auto written = ipsettings::writeSettings(_serialPort, settings, _portDelegate);
+    _serial = written.port;
+    if (written.outcome == ipsettings::WriteResult::Outcome::LineFailed) {
+        showAlert(written.failureText());
     }
-    _serial->close();
     _host.closeIPConfig();
+}
+
+void IPConfig::showAlert(const std::string& message)
+{
+    QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), QString::fromStdString(message),
+                    QMessageBox::NoButton, this);
+    box.setTextFormat(Qt::PlainText);
+    box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
+    box.exec();
 }
 
 } // namespace quendral::windows

@@ -44,7 +44,8 @@ public:
 
 private:
     void setIPFieldsEnabled(bool enabled);
-    void write(const std::string& text);
+    // A modal message with one "Ok" button, its text shown as plain text.
+    void showAlert(const std::string& message);
     void addDeviceRow(const std::string& label, const std::string& address, bool enabled);
 
     class PortDelegate;

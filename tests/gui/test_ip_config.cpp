@@ -1,42 +1,12 @@
-#include "device_fixture.h"
+#include "ip_config_fixture.h"
 #include "ui_IPConfig.h"
-#include "windows/ip_config.h"
-#include "windows/window_host.h"
 
 #include <QCheckBox>
 #include <QLineEdit>
 
 using namespace quendral::test;
-using quendral::windows::IPConfig;
 
 namespace {
-
-struct RecordingWindowHost : quendral::windows::WindowHost {
-    void closeSerialMonitor() override { ++monitorCloses; }
-    void closeIPConfig() override { ++ipConfigCloses; }
-    int monitorCloses = 0;
-    int ipConfigCloses = 0;
-};
-
-const std::vector<std::string> kDump = {"ip;192.168.10.50",
-                                        "subnet;255.255.255.0",
-                                        "gateway;192.168.10.1",
-                                        "dns;192.168.10.2",
-                                        "dev;1;Boiler room;192.168.10.60;1",
-                                        "dev;2;Garage;192.168.10.61;0"};
-
-class IPConfigTest : public DeviceWindowTest {
-protected:
-    // Lines the Controller received since the save, each without its line feed.
-    std::vector<std::string> savedLines()
-    {
-        controller->waitForLine("reset", std::chrono::seconds(5));
-        return controller->receivedLines();
-    }
-
-    RecordingWindowHost host;
-    IPConfig window{host};
-};
 
 bool isRed(const QLineEdit* field)
 {

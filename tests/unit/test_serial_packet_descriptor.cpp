@@ -1,4 +1,5 @@
 // SerialBuffer, SerialPacketDescriptor and SerialRequest on their own.
+#include "../support/packet_matching.h"
 #include "serial/serial_buffer.h"
 #include "serial/serial_packet_descriptor.h"
 #include "serial/serial_packet_scanner.h"
@@ -12,6 +13,7 @@
 #include <set>
 
 using namespace quendral;
+using quendral::test::expectScannerAgreesWithThePlainSearch;
 
 namespace {
 
@@ -159,28 +161,6 @@ TEST(Utf8Validation, RejectsWhatDoesNotDecode)
         EXPECT_FALSE(utf8::isValid(bytes(bad))) << "byte count " << bad.size();
     }
 }
-
-namespace {
-
-// Feeds a stream byte by byte as a listening port does and checks the scanner,
-// the shortcut search and the plain search against each other at every byte.
-void expectScannerAgreesWithThePlainSearch(const SerialPacketDescriptor::Ptr& descriptor, const SerialData& stream)
-{
-    SerialBuffer buffer(descriptor->maximumPacketLength());
-    auto scanner = descriptor->makeScanner();
-    for (std::size_t i = 0; i < stream.size(); ++i) {
-        buffer.appendByte(stream[i]);
-        const std::size_t plain = lengthOfPacketAtEndOfBufferTryingEveryTail(*descriptor, buffer.data());
-        ASSERT_EQ(descriptor->lengthOfPacketAtEndOfBuffer(buffer.data()), plain) << "at byte " << i;
-        ASSERT_EQ(scanner->appendedByte(stream[i], buffer.data()), plain) << "at byte " << i;
-        if (plain > 0) {
-            buffer.clearBuffer();
-            scanner->bufferCleared();
-        }
-    }
-}
-
-} // namespace
 
 TEST(SerialPacketScanner, AgreesWithThePlainSearchOnRandomStreams)
 {

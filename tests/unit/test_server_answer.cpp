@@ -129,10 +129,9 @@ TEST(ServerAnswer, DeeplyNestedInputDoesNotCrash)
 {
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_FALSE(ServerAnswer::fromJsonText(deep));
+    // Nested beyond any real answer: not read at all (tests/controller/hostile_server_answer.cpp).
     const std::string object = R"({"a":)" + deep + "}";
-    const auto answer = ServerAnswer::fromJsonText(object);
-    ASSERT_TRUE(answer);
-    EXPECT_FALSE(answer->stringValue("a"));
+    EXPECT_FALSE(ServerAnswer::fromJsonText(object));
     const std::string unclosed(200000, '{');
     EXPECT_FALSE(ServerAnswer::fromJsonText(unclosed));
 }
