@@ -290,7 +290,7 @@ int CliSession::writeIp()
         if (key == "ip" || key == "subnet" || key == "gateway" || key == "dns") {
             typed[key] = value;
         } else if (key.rfind("dev", 0) == 0) {
-            typedDevices[std::stoul(key.substr(3))] = value;
+            typedDevices[deviceNumber(key).value_or(0)] = value;
         }
     }
     std::vector<std::pair<std::string, std::string>> typedInOrder;
@@ -344,8 +344,8 @@ int CliSession::writeIp()
             *field->second = value;
         } else if (key.rfind("dev", 0) == 0 || key.rfind("enable", 0) == 0) {
             const bool isDev = key.rfind("dev", 0) == 0;
-            const std::size_t number = std::stoul(key.substr(isDev ? 3 : 6));
-            if (number > settings.devices.size()) {
+            const std::size_t number = deviceNumber(key).value_or(0);
+            if (number == 0 || number > settings.devices.size()) {
                 std::cout << "The Controller has no device " << number << " (it reports " << settings.devices.size()
                           << ")\n";
                 return kFailure;
