@@ -2,14 +2,17 @@
 
 #include "platform/paths.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <fstream>
 #include <iostream>
+#include <limits>
 #include <mutex>
-#include <sstream>
+#include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,47 +62,123 @@ void printToConsole(const std::string& text)
     }
 }
 
-// The whole file, or none with errno telling why.
-std::optional<std::string> readWholeFile(const std::filesystem::path& path)
+std::string errorText(int error)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return std::nullopt;
+    return std::strerror(error);
+}
+
+// Closes the descriptor when the scope ends.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : _fd(fd) {}
+    ~FileDescriptor()
+    {
+        if (_fd >= 0) {
+            ::close(_fd);
+        }
     }
-    std::string data;
-    char chunk[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    [[nodiscard]] int get() const { return _fd; }
+
+private:
+    int _fd;
+};
+
+// Writes all of `data` at the descriptor's position (or at the end for
+// O_APPEND); false with errno set when the file system takes no more.
+bool writeAll(int fd, std::string_view data)
+{
+    while (!data.empty()) {
+        const ssize_t n = ::write(fd, data.data(), data.size());
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            const int error = errno;
-            ::close(fd);
-            errno = error;
-            return std::nullopt;
+            return false;
         }
-        if (n == 0) {
-            break;
-        }
-        data.append(chunk, static_cast<std::size_t>(n));
+        data.remove_prefix(static_cast<std::size_t>(n));
     }
-    ::close(fd);
-    return data;
+    return true;
 }
 
-// Writes in place (truncate, then write), as the log is meant to be rewritten.
-bool writeWholeFile(const std::filesystem::path& path, const std::string& data, std::string& error)
+// Appends one entry. The file is never read and rewritten: that cost a whole
+// rewrite of the file per entry. An entry the file system does not take whole
+// (a full disk) is taken back, so the file only ever holds whole lines; and
+// an entry after a last line left unfinished (by an older version, or by a
+// crash) starts on a line of its own. The window and the command line share
+// the file, hence the lock.
+bool appendEntry(const std::filesystem::path& path, std::string line, std::string& error)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) {
-        error = std::strerror(errno);
+    const FileDescriptor file(::open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    if (file.get() < 0) {
+        error = errorText(errno);
         return false;
     }
-    out.write(data.data(), static_cast<std::streamsize>(data.size()));
-    out.flush();
-    if (!out) {
-        error = std::strerror(errno);
+    while (::flock(file.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0) {
+        error = errorText(errno);
+        return false;
+    }
+    const off_t before = status.st_size;
+    char last = '\n';
+    if (before > 0 && ::pread(file.get(), &last, 1, before - 1) == 1 && last != '\n') {
+        line.insert(0, 1, '\n');
+    }
+    if (!writeAll(file.get(), line)) {
+        error = errorText(errno);
+        while (::ftruncate(file.get(), before) != 0 && errno == EINTR) {
+        }
+        return false;
+    }
+    return true;
+}
+
+// The last `limit` bytes of the file and where they start in it; none with
+// errno telling why.
+struct FileTail {
+    std::string data;
+    std::uint64_t offset = 0;
+};
+
+std::optional<FileTail> readTail(const std::filesystem::path& path, std::size_t limit)
+{
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
+        return std::nullopt;
+    }
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    FileTail tail;
+    tail.offset = size > limit ? size - limit : 0;
+    tail.data.resize(static_cast<std::size_t>(size - tail.offset));
+    std::size_t done = 0;
+    while (done < tail.data.size()) {
+        const ssize_t n = ::pread(file.get(), tail.data.data() + done, tail.data.size() - done,
+                                  static_cast<off_t>(tail.offset + done));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                break; // shrunk meanwhile: keep what was there
+            }
+            return std::nullopt;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    tail.data.resize(done);
+    return tail;
+}
+
+// Writes in place (truncate, then write), as the log is meant to be rewritten at the trim.
+bool replaceContents(const std::filesystem::path& path, std::string_view data, std::string& error)
+{
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (file.get() < 0 || !writeAll(file.get(), data)) {
+        error = errorText(errno);
         return false;
     }
     return true;
@@ -154,10 +233,8 @@ void Logger::log(const std::string& message)
     if (!s.logPath) {
         return;
     }
-    std::string text = readWholeFile(*s.logPath).value_or(std::string());
-    text += line;
     std::string error;
-    if (!writeWholeFile(*s.logPath, text, error)) {
+    if (!appendEntry(*s.logPath, line, error)) {
         printToConsole("Unexpected error: " + error + ".");
     }
 }
@@ -195,24 +272,25 @@ void Logger::removeLinesFromFile(std::size_t linesToKeep)
     if (!s.logPath) {
         return;
     }
-    const auto data = readWholeFile(*s.logPath);
-    if (!data) {
+    const auto tail = readTail(*s.logPath, std::numeric_limits<std::size_t>::max());
+    if (!tail) {
         // No file yet (first launch) simply means there is nothing to trim.
         if (errno != ENOENT) {
             printToConsole(std::strerror(errno));
         }
         return;
     }
-    if (data->empty()) {
+    const std::string& data = tail->data;
+    if (data.empty()) {
         return;
     }
-    std::size_t position = data->size() - 1;
+    std::size_t position = data.size() - 1;
     std::size_t found = 0;
     while (found <= linesToKeep) {
         if (position == 0) {
             return;
         }
-        const std::size_t index = data->rfind('\n', position - 1);
+        const std::size_t index = data.rfind('\n', position - 1);
         if (index == std::string::npos) {
             return;
         }
@@ -220,7 +298,7 @@ void Logger::removeLinesFromFile(std::size_t linesToKeep)
         position = index;
     }
     std::string error;
-    if (!writeWholeFile(*s.logPath, data->substr(position), error)) {
+    if (!replaceContents(*s.logPath, std::string_view(data).substr(position), error)) {
         printToConsole(error);
         return;
     }
