@@ -9,7 +9,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <iostream>
-#include <limits>
 #include <mutex>
 #include <string_view>
 #include <sys/file.h>
@@ -22,10 +21,25 @@ namespace {
 const char* const kFolderName = "QuendralFirmwareUpdater";
 const char* const kFileName = "log.txt";
 
+// Bounds against text of any size (a server answer of 50 MB once became one
+// entry, and every later run carried it along):
+// - an entry longer than this is cut, with a note of how much was left out;
+constexpr std::size_t kMaxEntryBytes = 4096;
+// - a flashing tool's output keeps its first kToolOutputHeadBytes and its
+//   last lines (where a failing tool says why) up to this much in all;
+constexpr std::size_t kMaxToolOutputBytes = std::size_t{64} * 1024;
+constexpr std::size_t kToolOutputHeadBytes = std::size_t{16} * 1024;
+// - the start-of-run trim keeps at most this much, whatever the line count.
+constexpr std::size_t kMaxKeptBytes = std::size_t{1024} * 1024;
+
 struct State {
     std::recursive_mutex mutex;
     std::optional<std::filesystem::path> logPath;
     std::string logBuffer;
+    // Where the kept start of a bounded tool output ends, and how many bytes
+    // after it were dropped (0: nothing dropped).
+    std::size_t toolOutputHead = 0;
+    std::size_t toolOutputDropped = 0;
     Logger::WallClock clock;
     std::optional<std::filesystem::path> dataFolder;
     std::ostream* console = &std::cout;
@@ -60,6 +74,70 @@ void printToConsole(const std::string& text)
     if (std::ostream* console = state().console) {
         *console << text << '\n' << std::flush;
     }
+}
+
+// "… (cut, N bytes)": what stands in for the N bytes left out.
+std::string cutNote(std::size_t dropped)
+{
+    return "\u2026 (cut, " + std::to_string(dropped) + " bytes)";
+}
+
+// The largest length up to `length` that does not end inside a UTF-8
+// character (looking back at most three bytes, so bytes that are no UTF-8
+// at all are cut where they are).
+std::size_t characterBoundary(std::string_view text, std::size_t length)
+{
+    if (length >= text.size()) {
+        return text.size();
+    }
+    for (std::size_t back = 0; back < 4 && back < length; ++back) {
+        if ((static_cast<unsigned char>(text[length - back]) & 0xC0) != 0x80) {
+            return length - back;
+        }
+    }
+    return length;
+}
+
+// The message as an entry holds it: at most kMaxEntryBytes of it, then the note.
+std::string boundedMessage(std::string_view message, std::size_t limit)
+{
+    if (message.size() <= limit) {
+        return std::string(message);
+    }
+    const std::size_t kept = characterBoundary(message, limit);
+    return std::string(message.substr(0, kept)) + cutNote(message.size() - kept);
+}
+
+// Keeps the collected tool output within kMaxToolOutputBytes: the first whole
+// lines up to kToolOutputHeadBytes stay, then whole lines are dropped after
+// them until a quarter of the bound is free again (so that a flood costs a
+// cut now and then, not one per chunk).
+void boundToolOutput(State& s)
+{
+    std::string& buffer = s.logBuffer;
+    if (buffer.size() <= kMaxToolOutputBytes) {
+        return;
+    }
+    if (s.toolOutputDropped == 0) {
+        const std::size_t lineEnd = buffer.rfind('\n', kToolOutputHeadBytes - 1);
+        s.toolOutputHead = lineEnd == std::string::npos ? characterBoundary(buffer, kToolOutputHeadBytes) : lineEnd + 1;
+    }
+    const std::size_t wanted = buffer.size() - kMaxToolOutputBytes * 3 / 4;
+    std::size_t cutEnd = buffer.find('\n', s.toolOutputHead + wanted - 1);
+    cutEnd = cutEnd == std::string::npos ? characterBoundary(buffer, s.toolOutputHead + wanted) : cutEnd + 1;
+    s.toolOutputDropped += cutEnd - s.toolOutputHead;
+    buffer.erase(s.toolOutputHead, cutEnd - s.toolOutputHead);
+}
+
+// The collected tool output as it is written: a note on a line of its own
+// where lines were dropped.
+std::string toolOutput(const State& s)
+{
+    if (s.toolOutputDropped == 0) {
+        return s.logBuffer;
+    }
+    return s.logBuffer.substr(0, s.toolOutputHead) + cutNote(s.toolOutputDropped) + "\n" +
+           s.logBuffer.substr(s.toolOutputHead);
 }
 
 std::string errorText(int error)
@@ -137,7 +215,8 @@ bool appendEntry(const std::filesystem::path& path, std::string line, std::strin
 }
 
 // The last `limit` bytes of the file and where they start in it; none with
-// errno telling why.
+// errno telling why. The start-of-run trim looks no further back: what it
+// keeps is within that much anyway, and a huge file is never read whole.
 struct FileTail {
     std::string data;
     std::uint64_t offset = 0;
@@ -184,6 +263,23 @@ bool replaceContents(const std::filesystem::path& path, std::string_view data, s
     return true;
 }
 
+// "[yyyy-MM-dd HH:mm:ss] message" to the console and appended to the file,
+// the message cut beyond `limit` bytes.
+void logEntry(std::string_view message, std::size_t limit)
+{
+    State& s = state();
+    std::lock_guard lock(s.mutex);
+    const std::string line = "[" + timestamp(HourClock::TwentyFour) + "] " + boundedMessage(message, limit) + "\n";
+    printToConsole(line);
+    if (!s.logPath) {
+        return;
+    }
+    std::string error;
+    if (!appendEntry(*s.logPath, line, error)) {
+        printToConsole("Unexpected error: " + error + ".");
+    }
+}
+
 } // namespace
 
 std::optional<std::filesystem::path> Logger::initLogPath()
@@ -226,17 +322,7 @@ std::string Logger::getLogPath()
 
 void Logger::log(const std::string& message)
 {
-    State& s = state();
-    std::lock_guard lock(s.mutex);
-    const std::string line = "[" + timestamp(HourClock::TwentyFour) + "] " + message + "\n";
-    printToConsole(line);
-    if (!s.logPath) {
-        return;
-    }
-    std::string error;
-    if (!appendEntry(*s.logPath, line, error)) {
-        printToConsole("Unexpected error: " + error + ".");
-    }
+    logEntry(message, kMaxEntryBytes);
 }
 
 void Logger::logBuffered(const std::string& message)
@@ -244,13 +330,15 @@ void Logger::logBuffered(const std::string& message)
     State& s = state();
     std::lock_guard lock(s.mutex);
     s.logBuffer += "[" + timestamp(HourClock::Twelve) + "] " + message + "\n";
+    boundToolOutput(s);
 }
 
 void Logger::logCurrentBuffer()
 {
     State& s = state();
     std::lock_guard lock(s.mutex);
-    log(s.logBuffer);
+    // One entry, bounded already as it was collected.
+    logEntry(toolOutput(s), std::string::npos);
     clearCurrentBuffer();
 }
 
@@ -259,12 +347,19 @@ void Logger::clearCurrentBuffer()
     State& s = state();
     std::lock_guard lock(s.mutex);
     s.logBuffer.clear();
+    s.toolOutputHead = 0;
+    s.toolOutputDropped = 0;
 }
 
 // Searches backwards for newline bytes and keeps everything from the
 // (linesToKeep + 1)-th newline from the end, that newline included. With 500
 // the file thus starts with an empty line followed by the last 501 lines; this
 // cut is the intended one. A file with too few newlines is left alone.
+//
+// The file is also bounded in bytes: whatever the line count, at most
+// kMaxKeptBytes are kept, cut at a newline too (so lines of a few
+// kilobytes, or one unbounded entry of an older version, cannot keep a
+// file of many megabytes that every run carries along).
 void Logger::removeLinesFromFile(std::size_t linesToKeep)
 {
     State& s = state();
@@ -272,7 +367,7 @@ void Logger::removeLinesFromFile(std::size_t linesToKeep)
     if (!s.logPath) {
         return;
     }
-    const auto tail = readTail(*s.logPath, std::numeric_limits<std::size_t>::max());
+    const auto tail = readTail(*s.logPath, kMaxKeptBytes);
     if (!tail) {
         // No file yet (first launch) simply means there is nothing to trim.
         if (errno != ENOENT) {
@@ -284,25 +379,34 @@ void Logger::removeLinesFromFile(std::size_t linesToKeep)
     if (data.empty()) {
         return;
     }
+    std::optional<std::size_t> lineCut;
     std::size_t position = data.size() - 1;
     std::size_t found = 0;
-    while (found <= linesToKeep) {
-        if (position == 0) {
-            return;
-        }
+    while (found <= linesToKeep && position > 0) {
         const std::size_t index = data.rfind('\n', position - 1);
         if (index == std::string::npos) {
-            return;
+            break;
         }
         ++found;
         position = index;
     }
+    if (found > linesToKeep) {
+        lineCut = position;
+    }
+    const bool tooLarge = tail->offset > 0;
+    if (!lineCut && !tooLarge) {
+        return;
+    }
+    // A file larger than the bound that holds fewer lines within it than wanted
+    // keeps what follows the first newline of its last kMaxKeptBytes (nothing
+    // when there is none: one line longer than the bound).
+    const std::size_t keepFrom = lineCut ? *lineCut : std::min(data.find('\n'), data.size());
     std::string error;
-    if (!replaceContents(*s.logPath, std::string_view(data).substr(position), error)) {
+    if (!replaceContents(*s.logPath, std::string_view(data).substr(keepFrom), error)) {
         printToConsole(error);
         return;
     }
-    log("Truncated file to 500 lines");
+    log(lineCut ? "Truncated file to 500 lines" : "Truncated file to " + std::to_string(kMaxKeptBytes) + " bytes");
 }
 
 std::optional<std::filesystem::path> Logger::logPath()
@@ -323,14 +427,16 @@ std::string Logger::logBuffer()
 {
     State& s = state();
     std::lock_guard lock(s.mutex);
-    return s.logBuffer;
+    return toolOutput(s);
 }
 
 void Logger::setLogBuffer(std::string buffer)
 {
     State& s = state();
     std::lock_guard lock(s.mutex);
+    clearCurrentBuffer();
     s.logBuffer = std::move(buffer);
+    boundToolOutput(s);
 }
 
 void Logger::setClock(WallClock clock)
@@ -359,7 +465,7 @@ void Logger::reset()
     State& s = state();
     std::lock_guard lock(s.mutex);
     s.logPath.reset();
-    s.logBuffer.clear();
+    clearCurrentBuffer();
 }
 
 } // namespace quendral
