@@ -4,6 +4,7 @@
 #include "controller/ip_settings.h"
 #include "controller/port_list.h"
 #include "log/logger.h"
+#include "log/visible_text.h"
 #include "platform/dispatch.h"
 #include "platform/paths.h"
 #include "serial/serial_port_attributes.h"
@@ -169,7 +170,8 @@ bool CliSession::selectPort()
             }
         }
         if (std::find(titles.begin(), titles.end(), name) == titles.end()) {
-            std::cerr << "quendral-cli: no Controller port '" << *_invocation.port << "' (see 'quendral-cli ports')\n";
+            std::cerr << "quendral-cli: no Controller port '" << visibleText(*_invocation.port)
+                      << "' (see 'quendral-cli ports')\n";
             return false;
         }
         _view->selectPortMenuItem(name);
@@ -204,7 +206,8 @@ int CliSession::identify()
         }
         return kFailure;
     }
-    std::cout << "CID: " << *cid << '\n' << "Version: " << _controller->currentVersion().value_or("") << '\n';
+    std::cout << "CID: " << visibleText(*cid) << '\n'
+              << "Version: " << visibleText(_controller->currentVersion().value_or("")) << '\n';
     return kSuccess;
 }
 
@@ -243,8 +246,8 @@ int CliSession::update()
             }
         });
         if (cid) {
-            std::cout << "Controller " << *cid << " now runs version " << _controller->currentVersion().value_or("")
-                      << '\n';
+            std::cout << "Controller " << visibleText(*cid) << " now runs version "
+                      << visibleText(_controller->currentVersion().value_or("")) << '\n';
         }
     }
     return exitCodeFor(outcome.load());
@@ -274,7 +277,7 @@ int CliSession::ip()
         return kFailure;
     }
     for (const auto& line : lines) {
-        std::cout << line << '\n';
+        std::cout << visibleText(line) << '\n';
     }
     return kSuccess;
 }
@@ -304,7 +307,7 @@ int CliSession::writeIp()
     }
     for (const auto& [key, value] : typedInOrder) {
         if (!ipsettings::verifyIP(value)) {
-            std::cout << "Invalid: " << key << "=" << value << " (nothing was sent)\n";
+            std::cout << "Invalid: " << key << "=" << visibleText(value) << " (nothing was sent)\n";
             return kFailure;
         }
     }
@@ -367,7 +370,7 @@ int CliSession::writeIp()
     for (auto& [key, address] : checks) {
         const auto valid = ipsettings::verifyIP(*address);
         if (!valid) {
-            std::cout << "Invalid: " << key << "=" << *address << " (nothing was sent)\n";
+            std::cout << "Invalid: " << key << "=" << visibleText(*address) << " (nothing was sent)\n";
             return kFailure;
         }
         *address = *valid;
@@ -386,7 +389,7 @@ int CliSession::writeIp()
     port->setRTS(true);
     port->open();
     if (!port->isOpen()) {
-        std::cout << "Could not open " << path << '\n';
+        std::cout << "Could not open " << visibleText(path) << '\n';
         return kFailure;
     }
     for (const auto& line : ipsettings::writeSequence(settings)) {
@@ -422,15 +425,18 @@ int CliSession::onlineConfig()
 
 namespace {
 
-// Prints what the Controller sends, as it comes.
+// Prints what the Controller sends, as it comes, its control characters made
+// visible (its line ends stay).
 class MonitorDelegate final : public SerialPortDelegate {
 public:
     void serialPortDidReceiveData(const SerialPort::Ptr& /*port*/, const SerialData& data) override
     {
-        std::cout.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+        std::cout << _visible.feed(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
         std::cout.flush();
         lastData = std::chrono::steady_clock::now().time_since_epoch().count();
     }
+    // What the last data left undecided (a final carriage return, a character cut in two).
+    void finish() { std::cout << _visible.finish() << std::flush; }
     void serialPortDidEncounterError(const SerialPort::Ptr& /*port*/, const SerialError& error) override
     {
         std::cerr << "\r\nquendral-cli: " << error.path << ": " << error.description << "\r\n";
@@ -442,6 +448,9 @@ public:
     }
     std::atomic<bool> gone{false};
     std::atomic<std::chrono::steady_clock::rep> lastData{0};
+
+private:
+    VisibleTextStream _visible; // main queue only
 };
 
 // After piped input has ended the Controller is still answering the last
@@ -522,6 +531,7 @@ int CliSession::monitor()
     }
     port->close();
     runUntil([&] { return !port->isOpen(); });
+    delegate->finish();
     if (!done) {
         input.detach(); // blocked reading the terminal; the process ends anyway
     } else {

@@ -1,5 +1,6 @@
 #include "log/logger.h"
 
+#include "log/visible_text.h"
 #include "platform/paths.h"
 
 #include <algorithm>
@@ -98,14 +99,17 @@ std::size_t characterBoundary(std::string_view text, std::size_t length)
     return length;
 }
 
-// The message as an entry holds it: at most kMaxEntryBytes of it, then the note.
+// The message as an entry holds it: made visible (visible_text.h), at most
+// `limit` bytes of that, then the note of how many of the message's own bytes
+// were left out.
 std::string boundedMessage(std::string_view message, std::size_t limit)
 {
-    if (message.size() <= limit) {
-        return std::string(message);
+    std::string kept;
+    const std::size_t taken = appendVisibleText(kept, message, limit);
+    if (taken < message.size()) {
+        kept += cutNote(message.size() - taken);
     }
-    const std::size_t kept = characterBoundary(message, limit);
-    return std::string(message.substr(0, kept)) + cutNote(message.size() - kept);
+    return kept;
 }
 
 // Keeps the collected tool output within kMaxToolOutputBytes: the first whole
@@ -329,7 +333,7 @@ void Logger::logBuffered(const std::string& message)
 {
     State& s = state();
     std::lock_guard lock(s.mutex);
-    s.logBuffer += "[" + timestamp(HourClock::Twelve) + "] " + message + "\n";
+    s.logBuffer += "[" + timestamp(HourClock::Twelve) + "] " + visibleText(message) + "\n";
     boundToolOutput(s);
 }
 

@@ -23,11 +23,12 @@ public:
     // The log file's path; empty before initLogPath() has run.
     static std::string getLogPath();
 
-    // "[yyyy-MM-dd HH:mm:ss] message" to the console and appended to the file;
-    // a message beyond 4 KiB is cut, with "… (cut, N bytes)" for the N left out.
+    // "[yyyy-MM-dd HH:mm:ss] message" to the console and appended to the file.
+    // Control characters are made visible (log/visible_text.h); beyond 4 KiB
+    // the message is cut, with "… (cut, N bytes)" for the N bytes left out.
     static void log(const std::string& message);
-    // "[yyyy-MM-dd hh:mm:ss] message" (12-hour clock) appended to the buffer
-    // only. The buffer keeps at most 64 KiB: its first lines and its last ones,
+    // "[yyyy-MM-dd hh:mm:ss] message" (12-hour clock), made visible, appended
+    // to the buffer only. The buffer keeps at most 64 KiB: its first lines and its last ones,
     // with a note of the bytes dropped between them.
     static void logBuffered(const std::string& message);
     // Writes the whole buffer as one entry, then empties it.
