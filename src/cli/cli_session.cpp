@@ -11,7 +11,9 @@
 #include "serial/serial_port_manager.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -57,8 +59,11 @@ std::string hex4(std::uint16_t value)
 
 } // namespace
 
-int exitCodeFor(UpdateOutcome outcome)
+int exitCodeFor(UpdateOutcome outcome, const std::optional<ServerProblemReport>& problem)
 {
+    if (problem && problem->problem == ServerProblem::AnswerTooLarge) {
+        return kFailure;
+    }
     switch (outcome) {
     case UpdateOutcome::Updated:
         return kSuccess;
@@ -75,6 +80,34 @@ int exitCodeFor(UpdateOutcome outcome)
     default:
         return kFailure;
     }
+}
+
+std::string serverProblemText(const ServerProblemReport& problem)
+{
+    switch (problem.problem) {
+    case ServerProblem::Unreachable:
+        return "the update server could not be reached: " + problem.detail;
+    case ServerProblem::AnswerTooLarge: {
+        constexpr std::uint64_t kMiB = 1024 * 1024;
+        std::uint64_t limit = 0;
+        std::from_chars(problem.detail.data(), problem.detail.data() + problem.detail.size(), limit);
+        return "the update server's answer exceeded " +
+               (limit % kMiB == 0 ? std::to_string(limit / kMiB) + " MiB" : std::to_string(limit) + " bytes");
+    }
+    case ServerProblem::NotJsonObject:
+        return "the update server's answer was not a valid JSON object";
+    case ServerProblem::NoStatusText:
+        return "the update server's answer had no text \"status\" and \"description\"";
+    case ServerProblem::NoUsableTicket:
+        return "the update server's answer carried no usable ticket";
+    case ServerProblem::MessageNotText:
+        return "the update server refused with a message that was not text";
+    case ServerProblem::UnknownRefusal:
+        return "the update server refused: \"" + problem.detail + "\"";
+    case ServerProblem::QueryNotMade:
+        return "the update query could not be made: " + problem.detail;
+    }
+    return "the update server's answer could not be used";
 }
 
 CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
@@ -234,6 +267,12 @@ int CliSession::update()
     runUntil([&] { return finished.load(); });
     dispatch::RunLoop::main().drain();
     _controller->setUpdateFinishedHandler(nullptr);
+    // The window shows its own texts for an answer it cannot use, or none at
+    // all; a script gets the reason.
+    const auto problem = _controller->serverProblem();
+    if (problem) {
+        std::cerr << "quendral-cli: " << visibleText(serverProblemText(*problem)) << '\n';
+    }
     if (outcome.load() == UpdateOutcome::Updated) {
         // The Controller restarts on its new firmware: say which version it reports now.
         // A reply line is read only once the next byte arrives, so the first
@@ -250,7 +289,7 @@ int CliSession::update()
                       << visibleText(_controller->currentVersion().value_or("")) << '\n';
         }
     }
-    return exitCodeFor(outcome.load());
+    return exitCodeFor(outcome.load(), problem);
 }
 
 int CliSession::flash()

@@ -114,6 +114,7 @@ UpdateOutcome MainViewController::runUpdateJob(const std::string& platform, cons
 UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, const std::optional<std::string>& version,
                                                  bool inBootloader, bool& uploadFailed)
 {
+    noteServerProblem(std::nullopt);
     // 1.-3. Identify; a Controller that cannot answer gets the intermediate firmware first.
     std::optional<std::string> cid;
     if (!inBootloader) {
@@ -145,7 +146,9 @@ UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, co
     }
 
     // 4.-7. Ask the server.
-    const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version);
+    std::optional<ServerProblemReport> problem;
+    const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version, &problem);
+    noteServerProblem(problem);
     if (!answer) {
         Logger::log("Error requesting update");
         return UpdateOutcome::QueryFailed;
@@ -155,12 +158,14 @@ UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, co
     Logger::log("Requesting update for CID " + orNull(deviceCID()) + " with current version " +
                 orNull(currentVersion()) + " andself-> new version " + orNull(version));
     if (!status || !description) {
+        noteServerProblem(ServerProblemReport{ServerProblem::NoStatusText, {}});
         return UpdateOutcome::IncompleteAnswer;
     }
     const auto ticket = answer->ticketId();
     if (!ticket) {
         if (*status != "error") {
-            return UpdateOutcome::Refused;
+            noteServerProblem(ServerProblemReport{ServerProblem::NoUsableTicket, {}});
+            return UpdateOutcome::UnusableAnswer;
         }
         UpdateOutcome outcome = UpdateOutcome::Refused;
         if (const auto refusal = refusals().find(*description); refusal != refusals().end()) {
@@ -173,6 +178,10 @@ UpdateOutcome MainViewController::updateJobSteps(const std::string& platform, co
             Logger::log("Custom message: " + *message);
             showAlert(*message);
             outcome = UpdateOutcome::ServerMessage;
+        } else {
+            noteServerProblem(*description == "message"
+                                  ? ServerProblemReport{ServerProblem::MessageNotText, {}}
+                                  : ServerProblemReport{ServerProblem::UnknownRefusal, *description});
         }
         postStatusText("");
         return outcome;
