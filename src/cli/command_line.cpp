@@ -292,12 +292,14 @@ Options:
                            command; after 'update' it is the option above)
 
 Results go to standard output; progress and waiting messages go to standard
-error.
+error. Control characters in what a Controller or the update server sends are
+shown as escapes (\x1b, \r, \0, ...); line ends stay.
 
 Exit codes:
   0  success (update: installed and reported to the server)
   1  failed: no Controller or no such port, no answer from the Controller, an
-     invalid address, the upload failed, ...
+     invalid address, an update server answer that could not be used (the
+     last line on standard error says why), the upload failed, ...
   2  wrong arguments
   3  no update needed: the newest firmware is installed already
   4  refused by the update server (Controller not registered, or a message
