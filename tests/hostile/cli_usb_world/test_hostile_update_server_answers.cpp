@@ -51,6 +51,16 @@ protected:
         return text.substr(text.rfind('\n') + 1);
     }
 
+    // Runs the update; it ends with `exitCode`, and the last line on the error
+    // stream is "quendral-cli: " and `reason`.
+    CliResult expectReason(int exitCode, const std::string& reason)
+    {
+        const CliResult result = update();
+        EXPECT_EQ(result.exitCode, exitCode) << describe(result);
+        EXPECT_EQ(lastErrorLine(result), "quendral-cli: " + reason) << describe(result);
+        return result;
+    }
+
     std::unique_ptr<LocalUpdateServer> server;
 };
 
@@ -59,59 +69,39 @@ protected:
 TEST_F(UpdateAgainstAHostileServer, AnAnswerThatIsNoJsonIsNamed)
 {
     startServer({"--fault", "non_json", "--fault-commands", "check_update"});
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
-    EXPECT_EQ(lastErrorLine(result), "quendral-cli: the update server's answer was not a valid JSON object")
-        << describe(result);
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(expectReason(1, "the update server's answer was not a valid JSON object").out, "");
 }
 
 TEST_F(UpdateAgainstAHostileServer, AnAnswerWithoutTextStatusIsNamed)
 {
     answerWith(R"({"status": 5, "description": "ok", "ticket_id": "T1"})");
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
-    EXPECT_EQ(lastErrorLine(result),
-              R"(quendral-cli: the update server's answer had no text "status" and "description")")
-        << describe(result);
+    expectReason(1, R"(the update server's answer had no text "status" and "description")");
 }
 
 TEST_F(UpdateAgainstAHostileServer, ANullTicketIsNamedAndIsNoRefusal)
 {
     answerWith(R"({"status": "ok", "description": "ok", "ticket_id": null})");
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
-    EXPECT_EQ(lastErrorLine(result), "quendral-cli: the update server's answer carried no usable ticket")
-        << describe(result);
+    expectReason(1, "the update server's answer carried no usable ticket");
 }
 
 TEST_F(UpdateAgainstAHostileServer, ARefusalWithAMessageThatIsNoTextIsNamed)
 {
     answerWith(R"({"status": "error", "description": "message", "msg": 5})");
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 4) << describe(result);
-    EXPECT_EQ(lastErrorLine(result), "quendral-cli: the update server refused with a message that was not text")
-        << describe(result);
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(expectReason(4, "the update server refused with a message that was not text").out, "");
 }
 
 TEST_F(UpdateAgainstAHostileServer, ARefusalTheApplicationDoesNotKnowIsNamedWithItsDescription)
 {
     answerWith(R"({"status": "error", "description": "maintenance\u001b[2J"})");
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 4) << describe(result);
-    EXPECT_EQ(lastErrorLine(result), R"(quendral-cli: the update server refused: "maintenance\x1b[2J")")
-        << describe(result);
+    expectReason(4, R"(the update server refused: "maintenance\x1b[2J")");
 }
 
 TEST_F(UpdateAgainstAHostileServer, AnOverSizedAnswerIsNamedAndIsNoMissingConnection)
 {
     startServer({"--pad", std::to_string(65 * 1024 * 1024), "--refuse", "no_update"});
-    const CliResult result = update();
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = expectReason(1, "the update server's answer exceeded 64 MiB");
     // The window's alert stays as it is.
     EXPECT_EQ(result.out, "Could not connect to the update server. Please check your internet connection.\n");
-    EXPECT_EQ(lastErrorLine(result), "quendral-cli: the update server's answer exceeded 64 MiB") << describe(result);
 }
 
 TEST_F(UpdateAgainstAHostileServer, AServerThatCannotBeReachedIsNamedWithWhy)

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 using quendral::app::QtMainView;
@@ -67,36 +68,40 @@ struct NoWindowHost : quendral::windows::WindowHost {
 
 } // namespace
 
-TEST(HostilePlainText, AnAlertShowsMarkupLiterally)
+namespace {
+
+// What the message box that `ask` brings up from a background thread shows,
+// answered with `button`.
+QStringList shownByBox(const QString& button, const std::function<void(QtMainView&)>& ask)
 {
     QtMainView view;
     view.show();
-    ShownTextRecorder recorder("Ok");
+    ShownTextRecorder recorder(button);
     std::atomic<bool> returned{false};
     std::thread worker([&] {
-        view.showAlert(kMarkup.toStdString());
+        ask(view);
         returned = true;
     });
     EXPECT_TRUE(spinUntil([&] { return returned.load(); }));
     worker.join();
-    ASSERT_EQ(recorder.shown().size(), 1);
-    EXPECT_EQ(recorder.shown().front().toStdString(), kMarkup.toStdString());
+    return recorder.shown();
+}
+
+} // namespace
+
+TEST(HostilePlainText, AnAlertShowsMarkupLiterally)
+{
+    const QStringList shown = shownByBox("Ok", [](QtMainView& view) { view.showAlert(kMarkup.toStdString()); });
+    ASSERT_EQ(shown.size(), 1);
+    EXPECT_EQ(shown.front().toStdString(), kMarkup.toStdString());
 }
 
 TEST(HostilePlainText, ADialogShowsMarkupLiterally)
 {
-    QtMainView view;
-    view.show();
-    ShownTextRecorder recorder("Cancel");
-    std::atomic<bool> returned{false};
-    std::thread worker([&] {
-        (void)view.showDialog(kMarkup.toStdString());
-        returned = true;
-    });
-    EXPECT_TRUE(spinUntil([&] { return returned.load(); }));
-    worker.join();
-    ASSERT_EQ(recorder.shown().size(), 1);
-    EXPECT_EQ(recorder.shown().front().toStdString(), kMarkup.toStdString());
+    const QStringList shown =
+        shownByBox("Cancel", [](QtMainView& view) { (void)view.showDialog(kMarkup.toStdString()); });
+    ASSERT_EQ(shown.size(), 1);
+    EXPECT_EQ(shown.front().toStdString(), kMarkup.toStdString());
 }
 
 TEST(HostilePlainText, ADeviceLabelFromTheIpDumpShowsMarkupLiterally)

@@ -2,7 +2,7 @@
 // A log file of its own for the log tests: the logger writes into a fresh
 // folder and reports to a console the test reads.
 #include "log/logger.h"
-#include "support/temp_dir.h"
+#include "support/logger_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -84,28 +84,14 @@ inline std::regex entry(const std::string& message)
     return std::regex(R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )" + message);
 }
 
-class HostileLog : public ::testing::Test {
+// The logger with a data folder of its own whose application folder exists.
+class HostileLog : public LoggerFixture {
 protected:
     void SetUp() override
     {
-        Logger::reset();
-        Logger::setDataFolder(dir.path());
-        Logger::setConsole(&console);
-        Logger::setClock(nullptr);
+        LoggerFixture::SetUp();
         std::filesystem::create_directories(folder());
     }
-    void TearDown() override
-    {
-        Logger::reset();
-        Logger::setDataFolder(std::nullopt);
-        Logger::setConsole(nullptr);
-    }
-
-    [[nodiscard]] std::filesystem::path folder() const { return dir.path() / "QuendralFirmwareUpdater"; }
-    [[nodiscard]] std::filesystem::path file() const { return folder() / "log.txt"; }
-
-    TempDir dir;
-    std::ostringstream console;
 };
 
 } // namespace quendral::test

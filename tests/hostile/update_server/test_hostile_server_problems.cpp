@@ -15,6 +15,20 @@ protected:
     {
         return ServerProblemReport{ServerProblem::QueryNotMade, "stale"};
     }
+
+    // Contacts the server with `configuration`: the window gets the
+    // connection-error answer, and the reason names the server as out of
+    // reach with words that hold `why`.
+    static void expectOutOfReach(const UpdateServerConfig& configuration, const std::string& why)
+    {
+        auto problem = stale();
+        const auto answer = UpdateServerClient(configuration).contactServer("{}", &problem);
+        ASSERT_TRUE(answer);
+        EXPECT_TRUE(answer->isConnectionError());
+        ASSERT_TRUE(problem);
+        EXPECT_EQ(problem->problem, ServerProblem::Unreachable);
+        EXPECT_NE(problem->detail.find(why), std::string::npos) << problem->detail;
+    }
 };
 
 } // namespace
@@ -61,27 +75,15 @@ TEST_F(HostileServerProblems, AnAnswerBeyondTheLimitIsNamedWithTheLimit)
 TEST_F(HostileServerProblems, AServerOutOfReachIsNamedWithWhy)
 {
     startServer();
-    UpdateServerConfig offline = config();
+    const UpdateServerConfig offline = config();
     server->stop();
-    auto problem = stale();
-    const auto answer = UpdateServerClient(offline).contactServer("{}", &problem);
-    ASSERT_TRUE(answer);
-    EXPECT_TRUE(answer->isConnectionError());
-    ASSERT_TRUE(problem);
-    EXPECT_EQ(problem->problem, ServerProblem::Unreachable);
-    EXPECT_NE(problem->detail.find("127.0.0.1"), std::string::npos) << problem->detail;
+    expectOutOfReach(offline, "127.0.0.1");
 }
 
 TEST_F(HostileServerProblems, AnUntrustedCertificateIsNamedWithWhy)
 {
     startServer({.identity = "selfsigned", .arguments = {}});
-    auto problem = stale();
-    const auto answer = client().contactServer("{}", &problem);
-    ASSERT_TRUE(answer);
-    EXPECT_TRUE(answer->isConnectionError());
-    ASSERT_TRUE(problem);
-    EXPECT_EQ(problem->problem, ServerProblem::Unreachable);
-    EXPECT_NE(problem->detail.find("certificate"), std::string::npos) << problem->detail;
+    expectOutOfReach(config(), "certificate");
 }
 
 TEST_F(HostileServerProblems, AQueryThatCannotBeMadeIsNamed)
