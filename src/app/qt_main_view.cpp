@@ -26,6 +26,10 @@ QString qs(const std::string& text)
     return QString::fromStdString(text);
 }
 
+// Every text a box or label here shows may come from a peer (a server's
+// message, a Controller's answer) and is set as plain text: Qt would take
+// text that looks like markup for rich text, links and images included.
+
 // Runs `work` on the main thread and hands back its result; inline when
 // already there, otherwise the calling thread waits while the window keeps
 // painting (the modal loop runs on the main thread).
@@ -240,6 +244,7 @@ void QtMainView::showAlert(const std::string& message)
 {
     onMainThread<bool>([this, &message] {
         QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        box.setTextFormat(Qt::PlainText);
         box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
         box.exec();
         return true;
@@ -250,6 +255,7 @@ bool QtMainView::showDialog(const std::string& message)
 {
     return onMainThread<bool>([this, &message] {
         QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        box.setTextFormat(Qt::PlainText);
         QPushButton* ok = box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
         box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
         box.setDefaultButton(ok);
@@ -265,11 +271,14 @@ std::optional<std::string> QtMainView::askForText(const std::string& message, co
         dialog.setWindowTitle(window()->windowTitle());
         auto* layout = new QVBoxLayout(&dialog);
         auto* title = new QLabel(qs(message), &dialog);
+        title->setTextFormat(Qt::PlainText);
         QFont bold = title->font();
         bold.setBold(true);
         title->setFont(bold);
         layout->addWidget(title);
-        layout->addWidget(new QLabel(qs(informativeText), &dialog));
+        auto* informative = new QLabel(qs(informativeText), &dialog);
+        informative->setTextFormat(Qt::PlainText);
+        layout->addWidget(informative);
         auto* field = new QLineEdit(&dialog);
         field->setFixedSize(300, 24);
         layout->addWidget(field);
@@ -291,6 +300,7 @@ bool QtMainView::showDriverAlert(const std::string& message, const std::string& 
 {
     return onMainThread<bool>([&, this] {
         QMessageBox box(QMessageBox::Warning, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+        box.setTextFormat(Qt::PlainText);
         box.setInformativeText(qs(informativeText));
         QPushButton* first = box.addButton(qs(defaultButton), QMessageBox::AcceptRole);
         box.addButton(qs(alternateButton), QMessageBox::RejectRole);

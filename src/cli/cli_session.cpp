@@ -6,13 +6,16 @@
 #include "controller/ip_settings_writer.h"
 #include "controller/port_list.h"
 #include "log/logger.h"
+#include "log/visible_text.h"
 #include "platform/dispatch.h"
 #include "platform/paths.h"
 #include "serial/serial_port_attributes.h"
 #include "serial/serial_port_manager.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -76,8 +79,11 @@ const char* notFlashedReason(UpdateOutcome outcome)
     }
 }
 
-int exitCodeFor(UpdateOutcome outcome)
+int exitCodeFor(UpdateOutcome outcome, const std::optional<ServerProblemReport>& problem)
 {
+    if (problem && problem->problem == ServerProblem::AnswerTooLarge) {
+        return kFailure;
+    }
     switch (outcome) {
     case UpdateOutcome::Updated:
         return kSuccess;
@@ -94,6 +100,34 @@ int exitCodeFor(UpdateOutcome outcome)
     default:
         return kFailure;
     }
+}
+
+std::string serverProblemText(const ServerProblemReport& problem)
+{
+    switch (problem.problem) {
+    case ServerProblem::Unreachable:
+        return "the update server could not be reached: " + problem.detail;
+    case ServerProblem::AnswerTooLarge: {
+        constexpr std::uint64_t kMiB = 1024 * 1024;
+        std::uint64_t limit = 0;
+        std::from_chars(problem.detail.data(), problem.detail.data() + problem.detail.size(), limit);
+        return "the update server's answer exceeded " +
+               (limit % kMiB == 0 ? std::to_string(limit / kMiB) + " MiB" : std::to_string(limit) + " bytes");
+    }
+    case ServerProblem::NotJsonObject:
+        return "the update server's answer was not a valid JSON object";
+    case ServerProblem::NoStatusText:
+        return "the update server's answer had no text \"status\" and \"description\"";
+    case ServerProblem::NoUsableTicket:
+        return "the update server's answer carried no usable ticket";
+    case ServerProblem::MessageNotText:
+        return "the update server refused with a message that was not text";
+    case ServerProblem::UnknownRefusal:
+        return "the update server refused: \"" + problem.detail + "\"";
+    case ServerProblem::QueryNotMade:
+        return "the update query could not be made: " + problem.detail;
+    }
+    return "the update server's answer could not be used";
 }
 
 CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
@@ -189,7 +223,8 @@ bool CliSession::selectPort()
             }
         }
         if (std::find(titles.begin(), titles.end(), name) == titles.end()) {
-            std::cerr << "quendral-cli: no Controller port '" << *_invocation.port << "' (see 'quendral-cli ports')\n";
+            std::cerr << "quendral-cli: no Controller port '" << visibleText(*_invocation.port)
+                      << "' (see 'quendral-cli ports')\n";
             return false;
         }
         _view->selectPortMenuItem(name);
@@ -224,7 +259,8 @@ int CliSession::identify()
         }
         return kFailure;
     }
-    std::cout << "CID: " << *cid << '\n' << "Version: " << _controller->currentVersion().value_or("") << '\n';
+    std::cout << "CID: " << visibleText(*cid) << '\n'
+              << "Version: " << visibleText(_controller->currentVersion().value_or("")) << '\n';
     return kSuccess;
 }
 
@@ -251,6 +287,12 @@ int CliSession::update()
     runUntil([&] { return finished.load(); });
     dispatch::RunLoop::main().drain();
     _controller->setUpdateFinishedHandler(nullptr);
+    // The window shows its own texts for an answer it cannot use, or none at
+    // all; a script gets the reason.
+    const auto problem = _controller->serverProblem();
+    if (problem) {
+        std::cerr << "quendral-cli: " << visibleText(serverProblemText(*problem)) << '\n';
+    }
     if (outcome.load() == UpdateOutcome::Updated) {
         // The Controller restarts on its new firmware: say which version it reports now.
         // A reply line is read only once the next byte arrives, so the first
@@ -263,15 +305,15 @@ int CliSession::update()
             }
         });
         if (cid) {
-            std::cout << "Controller " << *cid << " now runs version " << _controller->currentVersion().value_or("")
-                      << '\n';
+            std::cout << "Controller " << visibleText(*cid) << " now runs version "
+                      << visibleText(_controller->currentVersion().value_or("")) << '\n';
         }
     } else if (const char* why = notFlashedReason(outcome.load())) {
         // Where the road went on (even to a report of success to the server)
         // without the tool ever running, the last word says so.
         std::cerr << "The Controller was not flashed: " << why << '\n';
     }
-    return exitCodeFor(outcome.load());
+    return exitCodeFor(outcome.load(), problem);
 }
 
 int CliSession::flash()
@@ -300,7 +342,7 @@ int CliSession::ip()
         return kFailure;
     }
     for (const auto& line : lines) {
-        std::cout << line << '\n';
+        std::cout << visibleText(line) << '\n';
     }
     return kSuccess;
 }
@@ -316,7 +358,7 @@ int CliSession::writeIp()
         if (key == "ip" || key == "subnet" || key == "gateway" || key == "dns") {
             typed[key] = value;
         } else if (key.rfind("dev", 0) == 0) {
-            typedDevices[std::stoul(key.substr(3))] = value;
+            typedDevices[deviceNumber(key).value_or(0)] = value;
         }
     }
     std::vector<std::pair<std::string, std::string>> typedInOrder;
@@ -330,7 +372,7 @@ int CliSession::writeIp()
     }
     for (const auto& [key, value] : typedInOrder) {
         if (!ipsettings::verifyIP(value)) {
-            std::cout << "Invalid: " << key << "=" << value << " (nothing was sent)\n";
+            std::cout << "Invalid: " << key << "=" << visibleText(value) << " (nothing was sent)\n";
             return kFailure;
         }
     }
@@ -370,8 +412,8 @@ int CliSession::writeIp()
             *field->second = value;
         } else if (key.rfind("dev", 0) == 0 || key.rfind("enable", 0) == 0) {
             const bool isDev = key.rfind("dev", 0) == 0;
-            const std::size_t number = std::stoul(key.substr(isDev ? 3 : 6));
-            if (number > settings.devices.size()) {
+            const std::size_t number = deviceNumber(key).value_or(0);
+            if (number == 0 || number > settings.devices.size()) {
                 std::cout << "The Controller has no device " << number << " (it reports " << settings.devices.size()
                           << ")\n";
                 return kFailure;
@@ -393,7 +435,7 @@ int CliSession::writeIp()
     for (auto& [key, address] : checks) {
         const auto valid = ipsettings::verifyIP(*address);
         if (!valid) {
-            std::cout << "Invalid: " << key << "=" << *address << " (nothing was sent)\n";
+            std::cout << "Invalid: " << key << "=" << visibleText(*address) << " (nothing was sent)\n";
             return kFailure;
         }
         *address = *valid;
@@ -413,7 +455,7 @@ int CliSession::writeIp()
         if (written.port && written.port->openWasDenied()) {
             std::cerr << portAccessDeniedText(path) << '\n';
         } else {
-            std::cout << "Could not open " << path << '\n';
+            std::cout << "Could not open " << visibleText(path) << '\n';
         }
         return kFailure;
     case ipsettings::WriteResult::Outcome::LineFailed:
@@ -450,15 +492,18 @@ int CliSession::onlineConfig()
 
 namespace {
 
-// Prints what the Controller sends, as it comes.
+// Prints what the Controller sends, as it comes, its control characters made
+// visible (its line ends stay).
 class MonitorDelegate final : public SerialPortDelegate {
 public:
     void serialPortDidReceiveData(const SerialPort::Ptr& /*port*/, const SerialData& data) override
     {
-        std::cout.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+        std::cout << _visible.feed(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
         std::cout.flush();
         lastData = std::chrono::steady_clock::now().time_since_epoch().count();
     }
+    // What the last data left undecided (a final carriage return, a character cut in two).
+    void finish() { std::cout << _visible.finish() << std::flush; }
     void serialPortDidEncounterError(const SerialPort::Ptr& /*port*/, const SerialError& error) override
     {
         std::cerr << "\r\nquendral-cli: " << error.path << ": " << error.description << "\r\n";
@@ -470,6 +515,9 @@ public:
     }
     std::atomic<bool> gone{false};
     std::atomic<std::chrono::steady_clock::rep> lastData{0};
+
+private:
+    VisibleTextStream _visible; // main queue only
 };
 
 // After piped input has ended the Controller is still answering the last
@@ -550,6 +598,7 @@ int CliSession::monitor()
     }
     port->close();
     runUntil([&] { return !port->isOpen(); });
+    delegate->finish();
     if (!done) {
         input.detach(); // blocked reading the terminal; the process ends anyway
     } else {

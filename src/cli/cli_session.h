@@ -69,8 +69,15 @@ private:
     std::shared_ptr<MainViewController> _controller;
 };
 
-// The exit code of an update or upload outcome.
-int exitCodeFor(UpdateOutcome outcome);
+// The exit code of an update or upload outcome. A server answer too large
+// to take is a failure (1), not a missing connection (5), though the window
+// shows both alike.
+int exitCodeFor(UpdateOutcome outcome, const std::optional<ServerProblemReport>& problem = std::nullopt);
+
+// What the command line says, after "quendral-cli: ", when the update server's
+// answer could not be used.
+std::string serverProblemText(const ServerProblemReport& problem);
+
 // Why the Controller was never flashed, for outcomes where no tool ran (and
 // the window may have said nothing); nullptr for the others.
 const char* notFlashedReason(UpdateOutcome outcome);

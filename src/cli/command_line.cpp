@@ -1,7 +1,8 @@
 #include "command_line.h"
 
+#include <algorithm>
+#include <charconv>
 #include <map>
-#include <regex>
 
 namespace quendral::cli {
 namespace {
@@ -27,21 +28,79 @@ bool takesPort(Command command)
     return command != Command::Log && command != Command::Ports;
 }
 
-bool validServerURL(const std::string& url)
+bool isDigit(char c)
 {
-    static const std::regex pattern(R"(https://[A-Za-z0-9.\-]+(:[0-9]{1,5})?/?)");
-    return std::regex_match(url, pattern);
+    return c >= '0' && c <= '9';
+}
+
+bool isHostCharacter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || isDigit(c) || c == '.' || c == '-';
+}
+
+// "https://", a host of letters, digits, dots and hyphens, an optional port of
+// one to five digits, an optional final slash. Checked by hand: std::regex
+// matches recursively, a stack frame per character, and an argument of 128 KiB
+// (as long as Linux passes one) overflowed the stack.
+bool validServerURL(std::string_view url)
+{
+    constexpr std::string_view scheme = "https://";
+    if (url.substr(0, scheme.size()) != scheme) {
+        return false;
+    }
+    url.remove_prefix(scheme.size());
+    if (!url.empty() && url.back() == '/') {
+        url.remove_suffix(1);
+    }
+    const auto colon = url.find(':');
+    const std::string_view host = url.substr(0, colon);
+    if (host.empty() || !std::all_of(host.begin(), host.end(), isHostCharacter)) {
+        return false;
+    }
+    if (colon == std::string_view::npos) {
+        return true;
+    }
+    const std::string_view port = url.substr(colon + 1);
+    return !port.empty() && port.size() <= 5 && std::all_of(port.begin(), port.end(), isDigit);
+}
+
+// The N of "devN" or "enableN" as the IP window numbers devices: from 1, no
+// leading zero. Empty for every other key.
+std::string_view deviceDigits(std::string_view key)
+{
+    for (const std::string_view prefix : {std::string_view("dev"), std::string_view("enable")}) {
+        if (key.substr(0, prefix.size()) != prefix) {
+            continue;
+        }
+        const std::string_view digits = key.substr(prefix.size());
+        if (digits.empty() || digits.front() == '0' || !std::all_of(digits.begin(), digits.end(), isDigit)) {
+            return {};
+        }
+        return digits;
+    }
+    return {};
 }
 
 // Keys the IP window knows: the four addresses, dhcp, and per device its
-// address (devN) and switch (enableN), numbered from 1.
-bool validIpKey(const std::string& key)
+// address (devN) and switch (enableN).
+bool validIpKey(std::string_view key)
 {
-    static const std::regex pattern(R"(ip|subnet|gateway|dns|dhcp|dev[1-9][0-9]*|enable[1-9][0-9]*)");
-    return std::regex_match(key, pattern);
+    return key == "ip" || key == "subnet" || key == "gateway" || key == "dns" || key == "dhcp" ||
+           !deviceDigits(key).empty();
 }
 
 } // namespace
+
+std::optional<std::size_t> deviceNumber(std::string_view key)
+{
+    const std::string_view digits = deviceDigits(key);
+    std::size_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (digits.empty() || error != std::errc() || end != digits.data() + digits.size()) {
+        return std::nullopt;
+    }
+    return number;
+}
 
 std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::string>& args)
 {
@@ -138,6 +197,9 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
             if (!validIpKey(key)) {
                 return UsageError{"unknown setting '" + key + "'"};
             }
+            if (!deviceDigits(key).empty() && !deviceNumber(key)) {
+                return UsageError{key + ": no device has that number"};
+            }
             if (key == "dhcp" && assigned != "on" && assigned != "off") {
                 return UsageError{"dhcp takes on or off"};
             }
@@ -230,12 +292,14 @@ Options:
                            command; after 'update' it is the option above)
 
 Results go to standard output; progress and waiting messages go to standard
-error.
+error. Control characters in what a Controller or the update server sends are
+shown as escapes (\x1b, \r, \0, ...); line ends stay.
 
 Exit codes:
   0  success (update: installed and reported to the server)
   1  failed: no Controller or no such port, no answer from the Controller, an
-     invalid address, the upload failed, ...
+     invalid address, an update server answer that could not be used (the
+     last line on standard error says why), the upload failed, ...
   2  wrong arguments
   3  no update needed: the newest firmware is installed already
   4  refused by the update server (Controller not registered, or a message

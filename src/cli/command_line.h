@@ -1,7 +1,9 @@
 #pragma once
 // quendral-cli's command line: parsing, help and exit codes.
+#include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -39,6 +41,10 @@ struct UsageError {
 };
 
 std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::string>& args);
+
+// The device number N of an accepted "devN" or "enableN" key (from 1); none
+// for every other key. parseCommandLine refuses a number this cannot hold.
+std::optional<std::size_t> deviceNumber(std::string_view key);
 
 std::string helpText();
 // The few lines shown with a usage error.

@@ -2,6 +2,7 @@
 #include "cli_session.h"
 #include "command_line.h"
 #include "log/logger.h"
+#include "log/visible_text.h"
 #include "platform/app_info.h"
 
 #include <iostream>
@@ -15,7 +16,7 @@ int main(int argc, char** argv)
     const std::vector<std::string> args(argv + 1, argv + argc);
     const auto parsed = parseCommandLine(args);
     if (const auto* error = std::get_if<UsageError>(&parsed)) {
-        std::cerr << "quendral-cli: " << error->message << "\n" << shortUsage();
+        std::cerr << "quendral-cli: " << quendral::visibleText(error->message) << "\n" << shortUsage();
         return kUsage;
     }
     const auto& invocation = std::get<Invocation>(parsed);

@@ -1,5 +1,7 @@
 #include "terminal_main_view.h"
 
+#include "log/visible_text.h"
+
 #include <algorithm>
 #include <iostream>
 #include <string>
@@ -40,16 +42,18 @@ void TerminalMainView::endProgressLine()
     }
 }
 
+// Alerts, status texts and URLs carry peer text (a server's message, a
+// Controller's identifier or address): printed made visible.
 void TerminalMainView::printLine(const std::string& line)
 {
     endProgressLine();
-    *_options.out << line << '\n' << std::flush;
+    *_options.out << visibleText(line) << '\n' << std::flush;
 }
 
 void TerminalMainView::printStatusLine(const std::string& line)
 {
     endProgressLine();
-    *_options.status << line << '\n' << std::flush;
+    *_options.status << visibleText(line) << '\n' << std::flush;
 }
 
 void TerminalMainView::setStatusText(const std::string& text)

@@ -76,7 +76,12 @@ std::optional<std::string> verifyIP(const std::string& text)
         return std::nullopt;
     }
     for (std::size_t group = 1; group <= 4; ++group) {
-        if (std::stoi(match[static_cast<int>(group)].str()) >= 256) {
+        // One to three digits: the value cannot overflow, and nothing here throws.
+        int value = 0;
+        for (const char digit : match[static_cast<int>(group)].str()) {
+            value = value * 10 + (digit - '0');
+        }
+        if (value >= 256) {
             return std::nullopt;
         }
     }

@@ -59,6 +59,18 @@ void MainViewController::setUpdateServerConfig(UpdateServerConfig config)
     _updateServer = UpdateServerClient(std::move(config));
 }
 
+std::optional<ServerProblemReport> MainViewController::serverProblem() const
+{
+    std::lock_guard lock(_serialMutex);
+    return _serverProblem;
+}
+
+void MainViewController::noteServerProblem(std::optional<ServerProblemReport> problem)
+{
+    std::lock_guard lock(_serialMutex);
+    _serverProblem = std::move(problem);
+}
+
 SerialPort::Ptr MainViewController::serial() const
 {
     std::lock_guard lock(_serialMutex);

@@ -161,6 +161,9 @@ public:
     // has ended (on the thread that ran it). The window needs none; the
     // command line turns it into its exit code.
     void setUpdateFinishedHandler(std::function<void(UpdateOutcome)> handler);
+    // Why the last update check could not use the server's answer to its
+    // query (see ServerProblem); none when it could, or when it asked nothing.
+    [[nodiscard]] std::optional<ServerProblemReport> serverProblem() const;
 
     // --- SerialPortDelegate -----------------------------------------------------
     [[nodiscard]] bool respondsTo(SerialPortDelegateCallback callback) const override;
@@ -220,12 +223,14 @@ private:
     // The computer-wide lock on the downloaded file, waited for with a limit.
     std::optional<ComputerWideLock> waitForFlashLock();
     void finishUpload(UpdateOutcome outcome);
+    void noteServerProblem(std::optional<ServerProblemReport> problem);
 
     PortList _portList;
     UpdateServerClient _updateServer;
     std::shared_ptr<AvrdudeWrapper> _avrdude;
     std::shared_ptr<BossacWrapper> _bossac;
     std::function<void(UpdateOutcome)> _onUpdateFinished;
+    std::optional<ServerProblemReport> _serverProblem; // under _serialMutex
     std::function<bool()> _ftdiDriverCheck;
     std::vector<ScopedObserver> _observers;
     ControllerState _state;

@@ -37,6 +37,7 @@ bool ensureCurlInitialised()
 struct Download {
     std::string body;
     std::size_t limit = 0;
+    bool tooLarge = false;
 };
 
 std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* userdata)
@@ -44,6 +45,7 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* u
     auto* download = static_cast<Download*>(userdata);
     const std::size_t bytes = size * count;
     if (download->body.size() + bytes > download->limit) {
+        download->tooLarge = true;
         return 0; // makes libcurl stop with CURLE_WRITE_ERROR
     }
     try {
@@ -54,9 +56,11 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* u
     return bytes;
 }
 
-// Sends the request; the answer body, or none on any transport failure.
-std::optional<std::string> post(const UpdateServerConfig& config, const std::string& body)
+// Sends the request; the answer body, or none on any transport failure, with
+// `failure` saying what it was.
+std::optional<std::string> post(const UpdateServerConfig& config, const std::string& body, ServerProblemReport& failure)
 {
+    failure = {ServerProblem::Unreachable, "the request could not be set up"};
     if (!ensureCurlInitialised()) {
         return std::nullopt;
     }
@@ -108,10 +112,21 @@ std::optional<std::string> post(const UpdateServerConfig& config, const std::str
     ok = ok && curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collectBody) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEDATA, &download) == CURLE_OK;
-    if (!ok || curl_easy_perform(handle) != CURLE_OK) {
+    char why[CURL_ERROR_SIZE] = {};
+    ok = ok && curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, why) == CURLE_OK;
+    if (!ok) {
         return std::nullopt;
     }
-    return std::move(download.body);
+    const CURLcode result = curl_easy_perform(handle);
+    if (result == CURLE_OK) {
+        return std::move(download.body);
+    }
+    if (download.tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+        failure = {ServerProblem::AnswerTooLarge, std::to_string(config.maxAnswerBytes)};
+    } else {
+        failure = {ServerProblem::Unreachable, why[0] != '\0' ? why : curl_easy_strerror(result)};
+    }
+    return std::nullopt;
 }
 
 // The limits are ours, not the server's idea of an answer: say in the log
@@ -150,7 +165,8 @@ UpdateServerClient::UpdateServerClient(UpdateServerConfig config) : _config(std:
 std::optional<ServerAnswer> UpdateServerClient::queryUpdate(const std::optional<std::string>& cid,
                                                             const std::optional<std::string>& platform,
                                                             const std::optional<std::string>& currentVersion,
-                                                            const std::optional<std::string>& version) const
+                                                            const std::optional<std::string>& version,
+                                                            std::optional<ServerProblemReport>* problem) const
 {
     UpdateQuery query;
     query.cid = cid;
@@ -166,9 +182,14 @@ std::optional<ServerAnswer> UpdateServerClient::queryUpdate(const std::optional<
     if (const auto* error = std::get_if<RequestBuildError>(&request)) {
         Logger::log(*error == RequestBuildError::MissingParameter ? "Error on querying update, nil parameter passed."
                                                                   : "Error on querying update");
+        if (problem != nullptr) {
+            *problem = {ServerProblem::QueryNotMade, *error == RequestBuildError::MissingParameter
+                                                         ? "a value was missing"
+                                                         : "a value was not UTF-8"};
+        }
         return std::nullopt;
     }
-    return contactServer(*bodyOf(request));
+    return contactServer(*bodyOf(request), problem);
 }
 
 std::optional<ServerAnswer> UpdateServerClient::queryTicket(const std::optional<TicketId>& ticket,
@@ -200,11 +221,19 @@ std::optional<ServerAnswer> UpdateServerClient::reportUpdateStatus(const std::op
     return contactServer(*bodyOf(request));
 }
 
-std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string& body) const
+std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string& body,
+                                                              std::optional<ServerProblemReport>* problem) const
 {
+    const auto note = [problem](std::optional<ServerProblemReport> report) {
+        if (problem != nullptr) {
+            *problem = std::move(report);
+        }
+    };
     try {
-        const std::optional<std::string> answer = post(_config, body);
+        ServerProblemReport failure;
+        const std::optional<std::string> answer = post(_config, body, failure);
         if (!answer) {
+            note(std::move(failure));
             return ServerAnswer::connectionError();
         }
         ServerAnswer::Unread why = ServerAnswer::Unread::NotJson;
@@ -212,9 +241,11 @@ std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string&
         if (!parsed) {
             logUnreadAnswer(why);
         }
+        note(parsed ? std::nullopt : std::optional<ServerProblemReport>({ServerProblem::NotJsonObject, {}}));
         return parsed;
     } catch (...) {
         // Only running out of memory can land here; the caller still gets a defined answer.
+        note(ServerProblemReport{ServerProblem::Unreachable, {}});
         return ServerAnswer::connectionError();
     }
 }

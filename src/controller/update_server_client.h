@@ -27,6 +27,7 @@
 //   looked at: an error page with a JSON body is an answer like any other, one
 //   without a JSON body is none.
 #include "controller/server_answer.h"
+#include "controller/update_outcome.h"
 
 #include <chrono>
 #include <cstddef>
@@ -60,10 +61,13 @@ public:
 
     // "check_update". None, with a log line, when a parameter (or the
     // application or system version) is missing or cannot be serialised.
+    // `problem`, when given, is set to why the answer is unusable (see
+    // contactServer), or to QueryNotMade; reset otherwise.
     [[nodiscard]] std::optional<ServerAnswer> queryUpdate(const std::optional<std::string>& cid,
                                                           const std::optional<std::string>& platform,
                                                           const std::optional<std::string>& currentVersion,
-                                                          const std::optional<std::string>& version) const;
+                                                          const std::optional<std::string>& version,
+                                                          std::optional<ServerProblemReport>* problem = nullptr) const;
     // "ticket". None, silently, when the ticket or the CID is missing.
     [[nodiscard]] std::optional<ServerAnswer> queryTicket(const std::optional<TicketId>& ticket,
                                                           const std::optional<std::string>& cid) const;
@@ -72,8 +76,11 @@ public:
                                                                  const std::optional<std::string>& cid,
                                                                  bool success) const;
     // POSTs `body` as it is. The answer, the connection-error answer, or none
-    // when the server's body is not a JSON object.
-    [[nodiscard]] std::optional<ServerAnswer> contactServer(const std::string& body) const;
+    // when the server's body is not a JSON object. `problem`, when given, is
+    // set for the last two (Unreachable, AnswerTooLarge, NotJsonObject) and
+    // reset for an answer.
+    [[nodiscard]] std::optional<ServerAnswer>
+    contactServer(const std::string& body, std::optional<ServerProblemReport>* problem = nullptr) const;
 
     [[nodiscard]] const UpdateServerConfig& config() const { return _config; }
 

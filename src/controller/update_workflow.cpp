@@ -120,6 +120,7 @@ UpdateOutcome MainViewController::runUpdateJob(const BoardIdentification& board,
 
 std::optional<UpdateOutcome> MainViewController::identifyForUpdate(const BoardIdentification& board)
 {
+    noteServerProblem(std::nullopt);
     // A board in its boot loader cannot answer and counts as not identified.
     if (!board.inBootloader && getCID()) {
         return std::nullopt;
@@ -162,7 +163,9 @@ UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification&
                                                       const std::optional<std::string>& version)
 {
     const std::string platform(*board.updatePlatform);
-    const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version);
+    std::optional<ServerProblemReport> problem;
+    const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version, &problem);
+    noteServerProblem(problem);
     if (!answer) {
         Logger::log("Error requesting update");
         return UpdateOutcome::QueryFailed;
@@ -172,12 +175,14 @@ UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification&
     Logger::log("Requesting update for CID " + orNull(deviceCID()) + " with current version " +
                 orNull(currentVersion()) + " andself-> new version " + orNull(version));
     if (!status || !description) {
+        noteServerProblem(ServerProblemReport{ServerProblem::NoStatusText, {}});
         return UpdateOutcome::IncompleteAnswer;
     }
     const auto ticket = answer->ticketId();
     if (!ticket) {
         if (*status != "error") {
-            return UpdateOutcome::Refused;
+            noteServerProblem(ServerProblemReport{ServerProblem::NoUsableTicket, {}});
+            return UpdateOutcome::UnusableAnswer;
         }
         UpdateOutcome outcome = UpdateOutcome::Refused;
         if (const auto refusal = refusals().find(*description); refusal != refusals().end()) {
@@ -190,6 +195,10 @@ UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification&
             Logger::log("Custom message: " + *message);
             showAlert(*message);
             outcome = UpdateOutcome::ServerMessage;
+        } else {
+            noteServerProblem(*description == "message"
+                                  ? ServerProblemReport{ServerProblem::MessageNotText, {}}
+                                  : ServerProblemReport{ServerProblem::UnknownRefusal, *description});
         }
         postStatusText("");
         return outcome;

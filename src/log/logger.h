@@ -24,13 +24,17 @@ public:
     static std::string getLogPath();
 
     // "[yyyy-MM-dd HH:mm:ss] message" to the console and appended to the file.
+    // Control characters are made visible (log/visible_text.h); beyond 4 KiB
+    // the message is cut, with "… (cut, N bytes)" for the N bytes left out.
     static void log(const std::string& message);
-    // "[yyyy-MM-dd hh:mm:ss] message" (12-hour clock) appended to the buffer only.
+    // "[yyyy-MM-dd hh:mm:ss] message" (12-hour clock), made visible, appended
+    // to the buffer only. The buffer keeps at most 64 KiB: its first lines and its last ones,
+    // with a note of the bytes dropped between them.
     static void logBuffered(const std::string& message);
     // Writes the whole buffer as one entry, then empties it.
     static void logCurrentBuffer();
     static void clearCurrentBuffer();
-    // Keeps the tail of the file (see the .cpp for the exact cut).
+    // Keeps the tail of the file, at most 1 MiB of it (see the .cpp for the exact cut).
     static void removeLinesFromFile(std::size_t linesToKeep);
 
     static std::optional<std::filesystem::path> logPath();

@@ -54,6 +54,7 @@ void IPConfig::addDeviceRow(const std::string& label, const std::string& address
     auto* layout = new QHBoxLayout(row);
     layout->setContentsMargins(0, 0, 0, 0);
     auto* name = new QLabel(QString::fromStdString(label), row);
+    name->setTextFormat(Qt::PlainText); // the Controller's text, never markup
     name->setFixedWidth(140);
     auto* field = new QLineEdit(QString::fromStdString(address), row);
     field->resize(100, 20);

@@ -1,4 +1,4 @@
-#include "../support/temp_dir.h"
+#include "../support/logger_fixture.h"
 #include "log/logger.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <sstream>
 
 using quendral::Logger;
-using quendral::test::TempDir;
 
 namespace {
 
@@ -40,29 +39,7 @@ std::chrono::system_clock::time_point localTime(int year, int month, int day, in
     return std::chrono::system_clock::from_time_t(std::mktime(&tm));
 }
 
-class LoggerTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        Logger::reset();
-        Logger::setDataFolder(dir.path());
-        Logger::setConsole(&console);
-        Logger::setClock(nullptr);
-    }
-    void TearDown() override
-    {
-        Logger::reset();
-        Logger::setDataFolder(std::nullopt);
-        Logger::setConsole(nullptr);
-        Logger::setClock(nullptr);
-    }
-
-    [[nodiscard]] std::filesystem::path folder() const { return dir.path() / "QuendralFirmwareUpdater"; }
-    [[nodiscard]] std::filesystem::path file() const { return folder() / "log.txt"; }
-
-    TempDir dir;
-    std::ostringstream console;
-};
+using LoggerTest = quendral::test::LoggerFixture;
 
 const std::regex kLine24(R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] (.*))");
 

@@ -1,9 +1,6 @@
-// quendral-cli as a user runs it, against simulated Controllers: the test
-// builds a umockdev USB world in its own process (USB devices with ttys, a
-// ControllerSimulator on each tty's device end) and starts the real binary as
-// a child, which inherits the preload and sees the same devices. What the
-// Controllers receive is checked on the simulators, what the user sees on the
-// child's standard output and error.
+// quendral-cli as a user runs it, against simulated Controllers in a USB
+// world (cli_usb_world.h). What the Controllers receive is checked on the
+// simulators, what the user sees on the child's standard output and error.
 #include "cli_usb_world.h"
 #include "controller/main_view_controller.h"
 
