@@ -3,17 +3,120 @@
 // job runs, quitting ends everything but asks first while a flashing tool
 // writes, and a minimised serial monitor keeps its port.
 #include "app_window_fixture.h"
+#include "support/intel_hex.h"
 #include "ui_SerialMonitorView.h"
 #include "windows/serial_monitor.h"
 
+#include <QFileDialog>
 #include <QHideEvent>
 #include <QWindow>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
 
 using namespace quendral;
 using namespace quendral::test;
 using namespace std::chrono_literals;
 
 namespace {
+
+const Qt::KeyboardModifiers kCommandShift = Qt::ControlModifier | Qt::ShiftModifier;
+
+// The controller's clock, able to keep a job where it is: while held, a sleep
+// on a background thread (every job waits there) does not return. Time moves
+// by each sleep at once. Sleeps on the main thread never wait, and are
+// counted: no job sleeps there, only the toggleWebconfig that Ctrl+Shift+L
+// runs in place (3 s).
+class HoldingClock final : public Clock {
+public:
+    [[nodiscard]] TimePoint now() const override
+    {
+        return _origin + std::chrono::nanoseconds(_elapsedNanoseconds.load());
+    }
+    void sleepFor(Seconds duration) override
+    {
+        if (std::this_thread::get_id() == _mainThread) {
+            ++_mainThreadSleeps;
+        } else {
+            std::unique_lock lock(_mutex);
+            ++_held;
+            _released.wait(lock, [this] { return !_holding; });
+            --_held;
+        }
+        std::this_thread::sleep_for(1ms); // bytes and main-queue tasks get their turn
+        _elapsedNanoseconds.fetch_add(std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count());
+    }
+    void hold()
+    {
+        const std::lock_guard lock(_mutex);
+        _holding = true;
+    }
+    void release()
+    {
+        {
+            const std::lock_guard lock(_mutex);
+            _holding = false;
+        }
+        _released.notify_all();
+    }
+    // Background sleeps waiting for release() now.
+    [[nodiscard]] int held() const
+    {
+        const std::lock_guard lock(_mutex);
+        return _held;
+    }
+    [[nodiscard]] int mainThreadSleeps() const { return _mainThreadSleeps.load(); }
+
+private:
+    const TimePoint _origin = std::chrono::steady_clock::now();
+    const std::thread::id _mainThread = std::this_thread::get_id();
+    std::atomic<long long> _elapsedNanoseconds{0};
+    std::atomic<int> _mainThreadSleeps{0};
+    mutable std::mutex _mutex;
+    std::condition_variable _released;
+    bool _holding = false;
+    int _held = 0;
+};
+
+// Chooses `path` in the next file dialog, from inside its modal loop.
+void chooseInNextFileDialog(const QString& path)
+{
+    auto* poll = new QTimer;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    QObject::connect(poll, &QTimer::timeout, [poll, path, deadline] {
+        auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+        if (dialog != nullptr || std::chrono::steady_clock::now() > deadline) {
+            poll->stop();
+            poll->deleteLater();
+        }
+        if (dialog != nullptr) {
+            dialog->selectFile(path);
+            QMetaObject::invokeMethod(dialog, "accept");
+        }
+    });
+    poll->start(10);
+}
+
+// Answers every message box as it appears, from inside its modal loop: with
+// "Cancel" where it has one (the intermediate firmware is never installed),
+// else with "Ok".
+class MessageBoxDismisser {
+public:
+    MessageBoxDismisser()
+    {
+        QObject::connect(&_timer, &QTimer::timeout, [] {
+            if (!clickMessageBoxButton("Cancel")) {
+                clickMessageBoxButton("Ok");
+            }
+        });
+        _timer.start(10);
+    }
+
+private:
+    QTimer _timer;
+};
 
 // Counts the hide events that reach a widget, by kind.
 class HideEventCounter final : public QObject {
@@ -57,6 +160,28 @@ protected:
     static void settle(std::chrono::milliseconds duration = 300ms)
     {
         spinUntil([] { return false; }, duration);
+    }
+
+    void launchActive(Clock& clock)
+    {
+        launch(clock);
+        app->mainWindow()->activateWindow();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(app->mainWindow()));
+    }
+
+    // Types a key where a real key press would go.
+    void press(Qt::Key key, Qt::KeyboardModifiers modifiers)
+    {
+        QWidget* target = QApplication::focusWidget();
+        QTest::keyClick(target != nullptr ? target : app->mainWindow(), key, modifiers);
+    }
+
+    // A small, well-formed firmware file for "load firmware".
+    [[nodiscard]] QString firmwareFile() const
+    {
+        const auto path = logFolder.path() / "firmware.hex";
+        std::ofstream(path) << intelHex(std::vector<std::uint8_t>(64, 0x0C));
+        return QString::fromStdString(path.string());
     }
 };
 
@@ -122,4 +247,68 @@ TEST_P(MinimisedSerialMonitorTest, KeepsItsPortAndGoesOnShowingData)
     window->close();
     EXPECT_TRUE(spinUntil([&] { return !monitor->isSerialOpen(); }));
     EXPECT_TRUE(controller->waitForPortOpen(false, 5s));
+}
+
+// Every job of the window, by the button that starts it (with a silent
+// Controller each one ends in a question or an alert, or says nothing).
+struct Job {
+    const char* name;
+    QPushButton* Ui::MasterView::*button;
+};
+
+class WebConfigurationDuringAJobTest : public WindowSafetyTest, public ::testing::WithParamInterface<Job> {};
+
+std::string jobName(const ::testing::TestParamInfo<Job>& job)
+{
+    return job.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, WebConfigurationDuringAJobTest,
+                         ::testing::Values(Job{"UpdateCheck", &Ui::MasterView::updatesButton},
+                                           Job{"UploadFromFile", &Ui::MasterView::loadFirmwareButton},
+                                           Job{"OnlineConfiguration", &Ui::MasterView::configurationButton},
+                                           Job{"LocalConfiguration", &Ui::MasterView::localConfigurationButton},
+                                           Job{"WebConfiguration", &Ui::MasterView::webConfigButton},
+                                           Job{"IPConfiguration", &Ui::MasterView::ipconfigButton}),
+                         jobName);
+
+// Switching the web server (button or Ctrl+Shift+L) while bossac writes would
+// take the port from under the tool and leave the board without firmware.
+TEST_P(WebConfigurationDuringAJobTest, ButtonAndShortcutAreOffUntilTheJobEnds)
+{
+    HoldingClock clock;
+    controller->setSilent(true);
+    launchActive(clock);
+    const MessageBoxDismisser dismisser;
+
+    clock.hold();
+    QPushButton* start = ui().*(GetParam().button);
+    if (start == ui().loadFirmwareButton) {
+        chooseInNextFileDialog(firmwareFile());
+    }
+    start->click();
+    ASSERT_TRUE(spinUntil([&] { return clock.held() >= 1 && watcher->disables() == 1; }));
+    settle();
+    const long webConfigClicks = countLogged("User clicked local configuration (webconfig)");
+
+    EXPECT_FALSE(ui().webConfigButton->isEnabled());
+    QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
+    press(Qt::Key_L, kCommandShift);
+    settle();
+    EXPECT_EQ(countLogged("User clicked local configuration (webconfig)"), webConfigClicks);
+    EXPECT_EQ(clock.mainThreadSleeps(), 0) << "the shortcut ran toggleWebconfig";
+    EXPECT_FALSE(ui().webConfigButton->isEnabled());
+
+    clock.release();
+    ASSERT_TRUE(waitForActionEnd());
+    EXPECT_TRUE(spinUntil([&] { return ui().webConfigButton->isEnabled(); }));
+    EXPECT_TRUE(allControlsEnabled());
+
+    // Afterwards both work again.
+    controller->setSilent(false);
+    press(Qt::Key_L, kCommandShift);
+    EXPECT_EQ(clock.mainThreadSleeps(), 1);
+    EXPECT_TRUE(controller->waitForLine("webconfig", 5s));
+    // The status text it posted is shown before the window goes.
+    EXPECT_TRUE(spinUntil([&] { return ui().uploadState->text() == "Waiting for device .. (20)"; }));
 }
