@@ -121,6 +121,7 @@ bool MainViewController::uploadSketch(const std::string& hexFile)
     if (!board->waitsForBootloader) {
         _avrdude = std::make_shared<AvrdudeWrapper>();
         const std::string path = pathOfSelectedPort().value_or(std::string());
+        const auto toolRun = flashingToolRun();
         return _avrdude->startUpload(hexFile, path, getPIDVID(path));
     }
     if (board->resetDelaySeconds && selected) {
@@ -146,9 +147,11 @@ bool MainViewController::waitForBootloaderAndFlash(const std::string& hexFile,
                 auto bossac = std::make_shared<BossacWrapper>(port->path());
                 _bossac = bossac;
                 const ScopedObserver departure = endToolIfPortGoes(bossac, port->path());
+                const auto toolRun = flashingToolRun();
                 return bossac->startUpload(hexFile);
             }
             _avrdude = std::make_shared<AvrdudeWrapper>();
+            const auto toolRun = flashingToolRun();
             return _avrdude->startUpload(hexFile, port->path(), code);
         }
         _clock.sleepFor(Clock::Seconds(1.0));

@@ -9,12 +9,18 @@
 
 #include <QFileDialog>
 #include <QHideEvent>
+#include <QMenuBar>
 #include <QWindow>
 
 #include <condition_variable>
+#include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <sstream>
 #include <thread>
+
+#include <unistd.h>
 
 using namespace quendral;
 using namespace quendral::test;
@@ -79,6 +85,34 @@ private:
     bool _holding = false;
     int _held = 0;
 };
+
+// Ends the children of this process that run `program`, as a user killing the
+// tool would: the run fails and the job ends. The number ended.
+int endChildProcesses(const std::string& program)
+{
+    int ended = 0;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        // "pid (name) state ppid ..."; the name may hold spaces and parentheses.
+        const auto open = line.find('(');
+        const auto close = line.rfind(')');
+        if (open == std::string::npos || close == std::string::npos || close + 2 > line.size()) {
+            continue;
+        }
+        std::istringstream rest(line.substr(close + 2));
+        char state = 0;
+        pid_t parent = 0;
+        rest >> state >> parent;
+        if (parent == ::getpid() && line.substr(open + 1, close - open - 1) == program) {
+            ::kill(std::stoi(line.substr(0, open)), SIGTERM);
+            ++ended;
+        }
+    }
+    return ended;
+}
 
 // Chooses `path` in the next file dialog, from inside its modal loop.
 void chooseInNextFileDialog(const QString& path)
@@ -174,6 +208,36 @@ protected:
     {
         QWidget* target = QApplication::focusWidget();
         QTest::keyClick(target != nullptr ? target : app->mainWindow(), key, modifiers);
+    }
+
+    [[nodiscard]] QAction* quitMenuItem() const
+    {
+        for (QAction* menu : app->mainWindow()->menuBar()->actions()) {
+            for (QAction* item : menu->menu()->actions()) {
+                if (item->text() == "Quit") {
+                    return item;
+                }
+            }
+        }
+        return nullptr;
+    }
+
+    // Runs the application's event loop, as main() does, with `step` as its
+    // first task; the loop's exit code. kStillRunning: the loop was still
+    // running after `limit`, and the test ended it.
+    static constexpr int kStillRunning = 99;
+    static int runApplication(const std::function<void()>& step, std::chrono::milliseconds limit = 10s)
+    {
+        QTimer::singleShot(0, step);
+        QTimer guard;
+        guard.setSingleShot(true);
+        QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(kStillRunning); });
+        guard.start(limit);
+        const int code = QApplication::exec();
+        // The last window's close also posts a Quit. Left for later, it would
+        // end every event loop of the tests that follow (modal ones at once).
+        QCoreApplication::removePostedEvents(QCoreApplication::instance(), QEvent::Quit);
+        return code;
     }
 
     // A small, well-formed firmware file for "load firmware".
@@ -311,4 +375,97 @@ TEST_P(WebConfigurationDuringAJobTest, ButtonAndShortcutAreOffUntilTheJobEnds)
     EXPECT_TRUE(controller->waitForLine("webconfig", 5s));
     // The status text it posted is shown before the window goes.
     EXPECT_TRUE(spinUntil([&] { return ui().uploadState->text() == "Waiting for device .. (20)"; }));
+}
+
+TEST_F(WindowSafetyTest, QuitWithTheSerialMonitorOpenEndsTheApplicationAndReleasesEveryPort)
+{
+    launch();
+    windows::SerialMonitor* monitor = openSerialMonitor();
+    ASSERT_NE(monitor, nullptr);
+    const MessageBoxAnswerer questions("Cancel");
+
+    EXPECT_EQ(runApplication([&] { quitMenuItem()->trigger(); }), 0);
+    EXPECT_TRUE(questions.texts().isEmpty()) << "no tool runs: nothing to ask";
+    EXPECT_FALSE(app->mainWindow()->isVisible());
+    EXPECT_FALSE(app->serialMonitorWindow()->isVisible());
+    EXPECT_TRUE(spinUntil([&] { return !monitor->isSerialOpen(); }));
+    EXPECT_TRUE(controller->waitForPortOpen(false, 5s));
+    for (const auto& port : SerialPort::allSerialPorts()) {
+        EXPECT_TRUE(spinUntil([&] { return !port->isOpen(); })) << port->path();
+    }
+}
+
+// The Controller behind an FTDI adapter, as a KORBATEK board: avrdude then
+// flashes it directly. Its boot loader never answers, so the tool keeps trying
+// for about a minute (a hung-up line does not end it sooner): the test ends it.
+class QuitWhileFlashingTest : public WindowSafetyTest {
+protected:
+    void startFlashing()
+    {
+        testbed->setUsbAttribute(*device, "idVendor", "0403");
+        testbed->setUsbAttribute(*device, "idProduct", "6001");
+        launch(fastClock);
+        chooseInNextFileDialog(firmwareFile());
+        ui().loadFirmwareButton->click();
+        ASSERT_TRUE(spinUntil([&] { return mainViewController().flashingToolRunning(); }, 20s));
+    }
+
+    void TearDown() override
+    {
+        if (app) {
+            if (mainViewController().flashingToolRunning()) {
+                EXPECT_EQ(endChildProcesses("avrdude"), 1);
+            }
+            EXPECT_TRUE(waitForActionEnd());
+            EXPECT_FALSE(mainViewController().flashingToolRunning());
+        }
+        WindowSafetyTest::TearDown();
+    }
+
+    static void expectTheQuestion(const MessageBoxAnswerer& answerer)
+    {
+        ASSERT_EQ(answerer.texts().size(), 1);
+        EXPECT_EQ(answerer.buttonCounts().front(), 2);
+        const QMessageBox* none = nullptr;
+        EXPECT_EQ(activeMessageBox(), none);
+        EXPECT_TRUE(answerer.texts().front().contains("firmware")) << answerer.texts().front().toStdString();
+    }
+};
+
+TEST_F(QuitWhileFlashingTest, QuitAsksFirstAndDecliningKeepsEverything)
+{
+    startFlashing();
+    {
+        const MessageBoxAnswerer decline("Cancel");
+        quitMenuItem()->trigger();
+        expectTheQuestion(decline);
+    }
+    settle();
+    EXPECT_TRUE(app->mainWindow()->isVisible());
+    EXPECT_TRUE(mainViewController().flashingToolRunning());
+    EXPECT_FALSE(allControlsEnabled());
+
+    const MessageBoxAnswerer accept("Quit Anyway");
+    EXPECT_EQ(runApplication([&] { quitMenuItem()->trigger(); }), 0);
+    expectTheQuestion(accept);
+    EXPECT_FALSE(app->mainWindow()->isVisible());
+}
+
+TEST_F(QuitWhileFlashingTest, ClosingTheMainWindowAsksFirstAndDecliningKeepsIt)
+{
+    startFlashing();
+    {
+        const MessageBoxAnswerer decline("Cancel");
+        EXPECT_FALSE(app->mainWindow()->close());
+        expectTheQuestion(decline);
+    }
+    settle();
+    EXPECT_TRUE(app->mainWindow()->isVisible());
+    EXPECT_TRUE(mainViewController().flashingToolRunning());
+
+    // The main window is the last one: closing it ends the application.
+    const MessageBoxAnswerer accept("Quit Anyway");
+    EXPECT_EQ(runApplication([&] { app->mainWindow()->close(); }), 0);
+    expectTheQuestion(accept);
+    EXPECT_FALSE(app->mainWindow()->isVisible());
 }
