@@ -3,6 +3,7 @@
 // job runs, quitting ends everything but asks first while a flashing tool
 // writes, and a minimised serial monitor keeps its port.
 #include "app_window_fixture.h"
+#include "support/child_processes.h"
 #include "support/intel_hex.h"
 #include "ui_SerialMonitorView.h"
 #include "windows/serial_monitor.h"
@@ -17,10 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <thread>
-
-#include <unistd.h>
 
 using namespace quendral;
 using namespace quendral::test;
@@ -85,34 +83,6 @@ private:
     bool _holding = false;
     int _held = 0;
 };
-
-// Ends the children of this process that run `program`, as a user killing the
-// tool would: the run fails and the job ends. The number ended.
-int endChildProcesses(const std::string& program)
-{
-    int ended = 0;
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
-        std::ifstream stat(entry.path() / "stat");
-        std::string line;
-        std::getline(stat, line);
-        // "pid (name) state ppid ..."; the name may hold spaces and parentheses.
-        const auto open = line.find('(');
-        const auto close = line.rfind(')');
-        if (open == std::string::npos || close == std::string::npos || close + 2 > line.size()) {
-            continue;
-        }
-        std::istringstream rest(line.substr(close + 2));
-        char state = 0;
-        pid_t parent = 0;
-        rest >> state >> parent;
-        if (parent == ::getpid() && line.substr(open + 1, close - open - 1) == program) {
-            ::kill(std::stoi(line.substr(0, open)), SIGTERM);
-            ++ended;
-        }
-    }
-    return ended;
-}
 
 // Chooses `path` in the next file dialog, from inside its modal loop.
 void chooseInNextFileDialog(const QString& path)
@@ -414,7 +384,12 @@ protected:
     {
         if (app) {
             if (mainViewController().flashingToolRunning()) {
-                EXPECT_EQ(endChildProcesses("avrdude"), 1);
+                // As a user killing the tool would: the run fails and the job ends.
+                const auto tools = childProcessesRunning("avrdude");
+                EXPECT_EQ(tools.size(), 1U);
+                for (const pid_t tool : tools) {
+                    ::kill(tool, SIGTERM);
+                }
             }
             EXPECT_TRUE(waitForActionEnd());
             EXPECT_FALSE(mainViewController().flashingToolRunning());
