@@ -7,17 +7,33 @@
 #include "platform/dispatch.h"
 #include "platform/notification_center.h"
 #include "qt_main_view.h"
+#include "serial/serial_port.h"
 #include "ui_MasterView.h"
 #include "windows/ip_config.h"
 #include "windows/serial_monitor.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QDesktopServices>
 #include <QMainWindow>
 #include <QMenuBar>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QUrl>
 
 namespace quendral::app {
+namespace {
+
+// Asked before quitting while avrdude or bossac writes: the tool dies with the
+// application, half-way through the board's flash.
+const char* const kQuitWhileFlashingQuestion = "Quit while the firmware is being written?";
+const char* const kQuitWhileFlashingDetail =
+    "The Controller's firmware is being written right now. Quitting now can leave the Controller without "
+    "firmware. Wait until the update has finished.";
+const char* const kQuitAnyway = "Quit Anyway";
+const char* const kKeepRunning = "Cancel";
+
+} // namespace
 
 AppDelegate::AppDelegate() = default;
 
@@ -64,6 +80,7 @@ void AppDelegate::applicationDidFinishLaunching()
     Logger::log("-----------------------------------------------------------------");
     Logger::log("Starting QUENDRAL Firmware Updater mac_" + version + " for macOS");
 
+    _mainWindow->installEventFilter(this);
     _mainWindow->resize(_mainView->sizeHint().expandedTo(_mainView->minimumSize()));
     _mainWindow->show();
 }
@@ -78,7 +95,7 @@ void AppDelegate::buildMenus()
     file->addSeparator();
     QAction* quit = file->addAction(QStringLiteral("Quit"));
     quit->setShortcut(QKeySequence::Quit);
-    connect(quit, &QAction::triggered, _mainWindow.get(), &QWidget::close);
+    connect(quit, &QAction::triggered, this, &AppDelegate::quit);
 }
 
 void AppDelegate::connectButtons()
@@ -180,6 +197,51 @@ void AppDelegate::serialMonitorClosing()
     if (_serialMonitorController != nullptr) {
         _serialMonitorController->closeSerial();
     }
+}
+
+bool AppDelegate::mayQuitNow()
+{
+    if (!_mainViewController || !_mainViewController->flashingToolRunning()) {
+        return true;
+    }
+    QMessageBox box(QMessageBox::Warning, _mainWindow->windowTitle(), QString::fromUtf8(kQuitWhileFlashingQuestion),
+                    QMessageBox::NoButton, _mainWindow.get());
+    box.setInformativeText(QString::fromUtf8(kQuitWhileFlashingDetail));
+    QPushButton* quitAnyway = box.addButton(QString::fromUtf8(kQuitAnyway), QMessageBox::DestructiveRole);
+    QPushButton* keepRunning = box.addButton(QString::fromUtf8(kKeepRunning), QMessageBox::RejectRole);
+    // Return and Escape both keep the update going.
+    box.setDefaultButton(keepRunning);
+    box.setEscapeButton(keepRunning);
+    box.exec();
+    return box.clickedButton() == quitAnyway;
+}
+
+void AppDelegate::quit()
+{
+    if (_quitting || !mayQuitNow()) {
+        return;
+    }
+    _quitting = true;
+    // Closing the monitor's window closes its port; then nothing of ours may
+    // keep a Controller's port, also where the process lingers a moment.
+    _serialMonitorWindow->close();
+    _ipConfigWindow->close();
+    _mainWindow->close();
+    for (const auto& port : SerialPort::allSerialPorts()) {
+        if (port->isOpen()) {
+            port->close();
+        }
+    }
+    QCoreApplication::quit();
+}
+
+bool AppDelegate::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == _mainWindow.get() && event->type() == QEvent::Close && !_quitting && !mayQuitNow()) {
+        event->ignore();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 } // namespace quendral::app

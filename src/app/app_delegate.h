@@ -63,6 +63,9 @@ public:
     void updateFromFile();
     void showLog();
     void serialMonitorClosing();
+    // File > Quit: ends the whole application (every window, every port),
+    // after asking while a flashing tool writes a board.
+    void quit();
 
     // The sender of "updateFromConfig": the one address the controller filters on.
     [[nodiscard]] const void* notificationSender() const { return static_cast<const ApplicationDelegate*>(this); }
@@ -76,9 +79,15 @@ public:
     [[nodiscard]] QAction* updateConfigMenuItem() const { return _updateConfigMenuItem; }
     [[nodiscard]] const std::shared_ptr<MainViewController>& mainViewController() const { return _mainViewController; }
 
+protected:
+    // The main window's close, which asks as quitting does.
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     void buildMenus();
     void connectButtons();
+    // True when nothing is being flashed, or the user chose to quit anyway.
+    bool mayQuitNow();
 
     std::unique_ptr<QMainWindow> _mainWindow;
     std::unique_ptr<HostWindow> _serialMonitorWindow;
@@ -91,6 +100,7 @@ private:
     std::function<bool()> _ftdiDriverCheck;
     windows::SerialMonitor* _serialMonitorController = nullptr; // owned by its window
     windows::IPConfig* _ipConfigController = nullptr;           // owned by its window
+    bool _quitting = false;
 };
 
 } // namespace quendral::app

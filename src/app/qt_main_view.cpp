@@ -170,6 +170,8 @@ QWidget* QtMainView::widgetFor(Control control) const
         return _ui->localConfigurationButton;
     case Control::IpConfigButton:
         return _ui->ipconfigButton;
+    case Control::WebConfigButton:
+        return _ui->webConfigButton;
     }
     return nullptr;
 }

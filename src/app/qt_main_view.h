@@ -68,7 +68,7 @@ private:
     std::vector<std::string> _menuTitles;
     std::optional<std::string> _selectedTitle;
     mutable std::mutex _enabledMutex;
-    std::array<bool, 7> _enabled{};
+    std::array<bool, kControlCount> _enabled{};
     std::function<void(std::uint64_t, std::uint16_t)> _keyHandler;
 };
 

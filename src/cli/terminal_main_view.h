@@ -71,7 +71,7 @@ private:
 
     Options _options;
     mutable std::mutex _mutex;
-    std::array<bool, 7> _enabled{};
+    std::array<bool, kControlCount> _enabled{};
     std::vector<std::string> _titles;
     std::optional<std::string> _selected;
     std::vector<std::string> _alerts;

@@ -195,6 +195,9 @@ void MainViewController::toggleUI(bool enabled)
             self->_appDelegate->setUpdateMenuEnable(enabled);
         }
         self->_view.setControlEnabled(Control::IpConfigButton, enabled);
+        // Not in the controls' historical list, but pressed during a flash it
+        // stops the tool and leaves the board without firmware.
+        self->_view.setControlEnabled(Control::WebConfigButton, enabled);
     });
 }
 

@@ -27,7 +27,9 @@ void MainViewController::handleKeyDown(std::uint64_t modifierFlags, std::uint16_
             }
             break;
         case keys::L:
-            if (_view.isControlEnabled(Control::LocalConfigurationButton)) {
+            // The web configuration's own button too: both are off during every job.
+            if (_view.isControlEnabled(Control::LocalConfigurationButton) &&
+                _view.isControlEnabled(Control::WebConfigButton)) {
                 (void)toggleWebconfig();
             }
             break;

@@ -23,7 +23,10 @@ enum class Control {
     ConfigurationButton,
     LocalConfigurationButton,
     IpConfigButton,
+    // Last: switching the web server mid-flash takes the port from the tool.
+    WebConfigButton,
 };
+inline constexpr std::size_t kControlCount = static_cast<std::size_t>(Control::WebConfigButton) + 1;
 
 class MainView {
 public:

@@ -142,6 +142,10 @@ public:
     UpdateOutcome flashFile(const std::string& hexFile);
     // The user's "load firmware file": a file chosen in the view, flashed in the background.
     void loadFirmwareFile();
+    // True from the boot-loader reset until avrdude or bossac has finished
+    // writing a board for this controller; asked
+    // from any thread (the window asks before it lets the user quit).
+    [[nodiscard]] bool flashingToolRunning() const { return _flashingToolRuns.load() > 0; }
     // The application delegate's "update from file" menu command.
     void updateFromConfig(const Notification& notification);
 
@@ -225,6 +229,21 @@ private:
     void finishUpload(UpdateOutcome outcome);
     void noteServerProblem(std::optional<ServerProblemReport> problem);
 
+    // Counts a flashing tool's run for as long as it lives.
+    class FlashingToolRun {
+    public:
+        explicit FlashingToolRun(std::atomic<int>& runs) : _runs(runs) { ++_runs; }
+        ~FlashingToolRun() { --_runs; }
+        FlashingToolRun(const FlashingToolRun&) = delete;
+        FlashingToolRun& operator=(const FlashingToolRun&) = delete;
+        FlashingToolRun(FlashingToolRun&&) = delete;
+        FlashingToolRun& operator=(FlashingToolRun&&) = delete;
+
+    private:
+        std::atomic<int>& _runs;
+    };
+    [[nodiscard]] FlashingToolRun flashingToolRun() { return FlashingToolRun(_flashingToolRuns); }
+
     PortList _portList;
     UpdateServerClient _updateServer;
     std::shared_ptr<AvrdudeWrapper> _avrdude;
@@ -237,6 +256,7 @@ private:
     ControllerReplyParser _parser{_state};
     mutable std::mutex _serialMutex;
     SerialPort::Ptr _serial;
+    std::atomic<int> _flashingToolRuns{0};
     std::atomic<bool> _accessDenied{false};
 };
 

@@ -140,6 +140,9 @@ UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
         _view.setStatusText("Error: Unable to identify device");
         return UpdateOutcome::UploadFailed;
     }
+    // From the touch on the board may be erased (a SAM board's touch erases
+    // its flash): quitting now asks first.
+    const auto toolRun = flashingToolRun();
     bool flashed = false;
     if (!board->waitsForBootloader) {
         _avrdude = std::make_shared<AvrdudeWrapper>();

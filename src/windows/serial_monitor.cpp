@@ -4,8 +4,10 @@
 #include "serial_error_text.h"
 #include "ui_SerialMonitorView.h"
 
+#include <QHideEvent>
 #include <QPointer>
 #include <QScrollBar>
+#include <QShowEvent>
 #include <QStringDecoder>
 #include <QTextCursor>
 
@@ -285,12 +287,24 @@ void SerialMonitor::serialPortWasClosed()
 void SerialMonitor::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
+    // A spontaneous show is the window system mapping a minimised window again:
+    // the monitor never went away.
+    if (event->spontaneous()) {
+        return;
+    }
     Logger::log("Serial monitor appeared");
 }
 
 void SerialMonitor::hideEvent(QHideEvent* event)
 {
     QWidget::hideEvent(event);
+    // Minimising the window reaches here as a spontaneous hide. The user still
+    // watches the Controller then, and a port closed behind a minimised window
+    // would leave a dead monitor when it comes back: only a real close or hide
+    // lets the port go.
+    if (event->spontaneous()) {
+        return;
+    }
     Logger::log("Serial monitor disappeared.");
     if (_serial && _serial->isOpen()) {
         _serial->close();

@@ -100,7 +100,7 @@ protected:
         return ui().serialMonitorButton->isEnabled() && ui().loadFirmwareButton->isEnabled() &&
                ui().portMenu->isEnabled() && ui().updatesButton->isEnabled() && ui().configurationButton->isEnabled() &&
                ui().localConfigurationButton->isEnabled() && ui().ipconfigButton->isEnabled() &&
-               app->updateConfigMenuItem()->isEnabled();
+               ui().webConfigButton->isEnabled() && app->updateConfigMenuItem()->isEnabled();
     }
 
     [[nodiscard]] long countLogged(const std::string& message) const

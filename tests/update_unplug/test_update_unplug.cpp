@@ -5,6 +5,7 @@
 // should, the controls come back, and nothing is left open.
 #include "road_world.h"
 
+#include "../support/child_processes.h"
 #include "../support/descriptors.h"
 #include "../support/fast_forward_clock.h"
 #include "../support/scoped_log.h"
@@ -91,24 +92,6 @@ std::vector<std::string> commandsOf(const std::vector<nlohmann::json>& bodies)
     return commands;
 }
 
-// Child processes of this one that run `name` (a flashing tool left behind).
-int childrenNamed(const std::string& name)
-{
-    int count = 0;
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
-        std::ifstream stat(entry.path() / "stat");
-        std::string pid;
-        std::string comm;
-        std::string state;
-        pid_t parent = 0;
-        if (stat >> pid >> comm >> state >> parent && parent == ::getpid() && comm == "(" + name + ")") {
-            ++count;
-        }
-    }
-    return count;
-}
-
 // A unix socket bound in the test bed's folder (its ioctl sockets).
 bool inTestbedFolder(const std::string& target)
 {
@@ -163,7 +146,7 @@ protected:
         EXPECT_TRUE(run->view.allControlsEnabled()) << "toggleUI did not give the controls back";
         EXPECT_TRUE(run->appDelegate.updateMenuEnabled.load());
         EXPECT_TRUE(RoadRun::waitForPortsClosed()) << "a port object is still open";
-        EXPECT_EQ(childrenNamed("bossac"), 0);
+        EXPECT_TRUE(childProcessesRunning("bossac").empty());
         if (downloadWatched) {
             // The path is fixed and shared with every other update on the
             // machine: the job's own file (this inode, this time) must be gone.
