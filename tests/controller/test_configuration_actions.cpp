@@ -201,7 +201,8 @@ TEST_F(ConfigurationActionsTest, ToggleUISetsTheControlsAndTheMenuItem)
     dispatch::RunLoop::main().drain();
     for (const Control control :
          {Control::SerialMonitorButton, Control::LoadFirmwareButton, Control::PortMenu, Control::UpdatesButton,
-          Control::ConfigurationButton, Control::LocalConfigurationButton, Control::IpConfigButton}) {
+          Control::ConfigurationButton, Control::LocalConfigurationButton, Control::IpConfigButton,
+          Control::WebConfigButton}) {
         EXPECT_FALSE(view.isControlEnabled(control));
     }
     EXPECT_FALSE(app.updateMenuEnabled.load());

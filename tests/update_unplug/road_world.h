@@ -86,7 +86,8 @@ public:
     {
         for (const Control control :
              {Control::SerialMonitorButton, Control::LoadFirmwareButton, Control::PortMenu, Control::UpdatesButton,
-              Control::ConfigurationButton, Control::LocalConfigurationButton, Control::IpConfigButton}) {
+              Control::ConfigurationButton, Control::LocalConfigurationButton, Control::IpConfigButton,
+              Control::WebConfigButton}) {
             if (!isControlEnabled(control)) {
                 return false;
             }
