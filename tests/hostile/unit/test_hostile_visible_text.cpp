@@ -75,7 +75,9 @@ TEST(HostileVisibleText, EveryPairOfBytesBecomesHarmlessAndASecondPassChangesNot
 
 TEST(HostileVisibleText, TextInPiecesIsShownAsTextWhole)
 {
-    const std::string text = std::string("CID:\x1b]0;t\x07 ok\r\n\xc3\xa9t\xc3\xa9\r\rx\xe2\x80\xa6\xff\0", 31) + "\r";
+    // Every kind of byte, the NUL included (so the length comes from the array).
+    constexpr char kMixed[] = "CID:\x1b]0;t\x07 ok\r\n\xc3\xa9t\xc3\xa9\r\rx\xe2\x80\xa6\xff\0";
+    const std::string text = std::string(kMixed, sizeof kMixed - 1) + "\r";
     for (std::size_t length = 1; length <= text.size(); ++length) {
         EXPECT_EQ(fedInPieces(text, length), visibleText(text)) << "pieces of " << length;
     }
