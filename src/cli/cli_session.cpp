@@ -1,10 +1,10 @@
 #include "cli_session.h"
 
-#include "controller/board_identification.h"
 #include "controller/ip_settings.h"
-#include "controller/port_access.h"
 #include "controller/ip_settings_writer.h"
+#include "controller/port_access.h"
 #include "controller/port_list.h"
+#include "flashing/board_table.h"
 #include "log/logger.h"
 #include "log/visible_text.h"
 #include "platform/dispatch.h"
@@ -241,7 +241,7 @@ int CliSession::ports()
     for (const std::string& name : _view->portMenuTitles()) {
         const auto path = _controller->pathOfSerialPortWithName(name).value_or("");
         const CombinedUsbIdentifier code = _controller->getPIDVID(path);
-        const BoardIdentification* board = identifyBoard(code);
+        const BoardIdentification* board = BoardTable::find(code);
         std::cout << name << '\t' << path << '\t' << hex4(static_cast<std::uint16_t>(code >> 16)) << ':'
                   << hex4(static_cast<std::uint16_t>(code & 0xFFFF)) << '\t'
                   << (board != nullptr ? std::string(board->board) : std::string("unknown")) << '\n';

@@ -11,7 +11,7 @@
 //   right, an end-of-file record, at least one data byte, and every data byte
 //   at an address inside the chip's flash;
 // - bossac boards take the raw image: not empty, and no larger than the flash.
-#include "controller/board_identification.h"
+#include "flashing/board_table.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -18,13 +18,13 @@
 // the port's delegate. ControllerState makes the shared fields safe.
 //
 // Always owned by a std::shared_ptr (create()): ports hold it as a weak delegate.
-#include "controller/board_identification.h"
 #include "controller/controller_state.h"
 #include "controller/main_view.h"
 #include "controller/port_list.h"
 #include "controller/reply_parser.h"
 #include "controller/update_outcome.h"
 #include "controller/update_server_client.h"
+#include "flashing/board_table.h"
 #include "platform/clock.h"
 #include "platform/computer_wide_lock.h"
 #include "platform/notification_center.h"

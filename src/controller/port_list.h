@@ -12,8 +12,8 @@
 // Threading: the rebuild runs on the main queue. pathOfSelectedPort,
 // pathOfSerialPortWithName and getPIDVID are called from background work too.
 // resetDevice blocks its caller and must never run on the main queue.
-#include "controller/board_identification.h"
 #include "controller/main_view.h"
+#include "flashing/board_table.h"
 #include "platform/clock.h"
 #include "platform/notification_center.h"
 #include "serial/serial_port.h"

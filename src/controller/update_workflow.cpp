@@ -87,7 +87,7 @@ void MainViewController::checkForUpdate(const std::optional<std::string>& versio
     }
     toggleUI(false);
     const CombinedUsbIdentifier code = identifySelectedBoard();
-    const BoardIdentification* board = identifyBoard(code);
+    const BoardIdentification* board = BoardTable::find(code);
     if (board == nullptr || !board->updatePlatform) {
         Logger::log("Detected unsupported device");
         _view.setStatusText("Check for updates is not supported for this device type.");

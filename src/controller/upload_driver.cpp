@@ -104,7 +104,7 @@ UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
     });
     beginPortUse();
     const CombinedUsbIdentifier code = identifySelectedBoard();
-    const BoardIdentification* board = identifyBoard(code);
+    const BoardIdentification* board = BoardTable::find(code);
     // Before the board hears of an update: both tools erase first and read
     // the file afterwards.
     if (board != nullptr) {
@@ -152,7 +152,7 @@ UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
         if (board->resetDelaySeconds && selected) {
             resetUnlessRemoved(_portList, *selected, *board->resetDelaySeconds);
         }
-        const auto wanted = bootloaderIdentifiers(board->family);
+        const auto wanted = BoardTable::bootloaderIdentifiers(board->family);
         flashed = waitForBootloaderAndFlash(hexFile, wanted, board->tool);
     }
     return flashed ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;

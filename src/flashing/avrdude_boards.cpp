@@ -1,6 +1,6 @@
 #include "flashing/avrdude_boards.h"
 
-#include "controller/board_identification.h"
+#include "flashing/board_table.h"
 
 namespace quendral {
 namespace {
@@ -9,7 +9,7 @@ namespace {
 std::vector<AvrdudeBoard> makeBoards()
 {
     std::vector<AvrdudeBoard> boards;
-    for (const BoardIdentification& row : boardIdentificationTable()) {
+    for (const BoardIdentification& row : BoardTable::rows()) {
         if (row.avrdude) {
             // The table's texts are string literals: their data() ends in a NUL.
             boards.push_back({row.identifier, row.avrdude->logLine.data(), row.avrdude->part.data(),

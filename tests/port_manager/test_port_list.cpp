@@ -167,12 +167,12 @@ TEST_F(PortListTest, PathOfSerialPortWithNameNeedsTheExactName)
 
 TEST_F(PortListTest, GetPIDVIDGivesTheCombinedIdentifierOfEveryKnownBoard)
 {
-    for (const BoardIdentification& row : boardIdentificationTable()) {
+    for (const BoardIdentification& row : BoardTable::rows()) {
         SCOPED_TRACE(row.board);
         auto device = plugIn(row.family == BoardFamily::AvrSerial ? "ttyUSB" : "ttyACM", row.vendorId, row.productId);
         ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
         EXPECT_EQ(list->getPIDVID(device->devnode()), row.identifier);
-        EXPECT_EQ(identifyBoard(list->getPIDVID(device->devnode())), &row);
+        EXPECT_EQ(BoardTable::find(list->getPIDVID(device->devnode())), &row);
     }
     EXPECT_EQ(list->getPIDVID(world().board->devnode()), 0x2341003Eu);
     EXPECT_EQ(list->getPIDVID(world().adapter->devnode()), 0x04036001u);

@@ -27,7 +27,7 @@ std::optional<std::string> hexProblem(const std::string& text, std::uint32_t fla
 
 const BoardIdentification& board(std::uint16_t vendor, std::uint16_t product)
 {
-    const BoardIdentification* row = identifyBoard(combinedUsbIdentifier(vendor, product));
+    const BoardIdentification* row = BoardTable::find(combinedUsbIdentifier(vendor, product));
     if (row == nullptr) {
         throw std::runtime_error("not in the board table");
     }

@@ -62,12 +62,17 @@ struct BoardIdentification {
     std::string_view chip;
 };
 
-// Every known board, in a fixed order.
-[[nodiscard]] std::span<const BoardIdentification> boardIdentificationTable();
-// The row of an identifier, or nullptr for an unknown one (0 included).
-[[nodiscard]] const BoardIdentification* identifyBoard(CombinedUsbIdentifier identifier);
-// The boot-loader identities of a family, in table order: what the upload
-// driver's wait looks for after the reset.
-[[nodiscard]] std::vector<CombinedUsbIdentifier> bootloaderIdentifiers(BoardFamily family);
+// The one table of known boards. The update check, the upload driver, the
+// avrdude wrapper, the port list and the image check all ask it.
+class BoardTable {
+public:
+    // Every known board, in a fixed order.
+    [[nodiscard]] static std::span<const BoardIdentification> rows();
+    // The row of an identifier, or nullptr for an unknown one (0 included).
+    [[nodiscard]] static const BoardIdentification* find(CombinedUsbIdentifier identifier);
+    // The boot-loader identities of a family, in table order: what the upload
+    // driver's wait looks for after the reset.
+    [[nodiscard]] static std::vector<CombinedUsbIdentifier> bootloaderIdentifiers(BoardFamily family);
+};
 
 } // namespace quendral

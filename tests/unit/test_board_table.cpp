@@ -1,5 +1,5 @@
 // The table of known boards: identifiers and what each one's update does.
-#include "controller/board_identification.h"
+#include "flashing/board_table.h"
 
 #include <gtest/gtest.h>
 
@@ -18,22 +18,22 @@ TEST(BoardIdentification, CombinedIdentifierPutsTheVendorAboveTheProduct)
 TEST(BoardIdentification, KnowsExactlyTheEightBoards)
 {
     std::set<CombinedUsbIdentifier> known;
-    for (const auto& row : boardIdentificationTable()) {
+    for (const auto& row : BoardTable::rows()) {
         known.insert(row.identifier);
         EXPECT_EQ(row.identifier, combinedUsbIdentifier(row.vendorId, row.productId));
-        EXPECT_EQ(identifyBoard(row.identifier), &row);
+        EXPECT_EQ(BoardTable::find(row.identifier), &row);
     }
     const std::set<CombinedUsbIdentifier> expected = {0x03EB6124, 0x2341003E, 0x23418037, 0x2A038037,
                                                       0x23410037, 0x2A030037, 0x04036001, 0x26BA0003};
     EXPECT_EQ(known, expected);
-    EXPECT_EQ(boardIdentificationTable().size(), expected.size());
-    EXPECT_EQ(identifyBoard(0), nullptr);
-    EXPECT_EQ(identifyBoard(0x23418036), nullptr);
+    EXPECT_EQ(BoardTable::rows().size(), expected.size());
+    EXPECT_EQ(BoardTable::find(0), nullptr);
+    EXPECT_EQ(BoardTable::find(0x23418036), nullptr);
 }
 
 TEST(BoardIdentification, OnlyTheSamBoardIsOfferedUpdatesAndItsPlatformIsDue)
 {
-    for (const auto& row : boardIdentificationTable()) {
+    for (const auto& row : BoardTable::rows()) {
         SCOPED_TRACE(row.board);
         const bool sam = row.identifier == 0x03EB6124 || row.identifier == 0x2341003E;
         EXPECT_EQ(row.family == BoardFamily::Sam, sam);
@@ -66,23 +66,23 @@ TEST(BoardIdentification, ResetsAndWaitsAsTheUploadDriverDoes)
         {0x26BA0003, std::nullopt, false, false},
     };
     for (const auto& e : expected) {
-        const BoardIdentification* row = identifyBoard(e.identifier);
+        const BoardIdentification* row = BoardTable::find(e.identifier);
         ASSERT_NE(row, nullptr) << std::hex << e.identifier;
         SCOPED_TRACE(row->board);
         EXPECT_EQ(row->resetDelaySeconds, e.resetDelay);
         EXPECT_EQ(row->waitsForBootloader, e.waits);
         EXPECT_EQ(row->inBootloader, e.inBootloader);
     }
-    EXPECT_EQ(bootloaderIdentifiers(BoardFamily::Sam), std::vector<CombinedUsbIdentifier>{0x03EB6124});
-    EXPECT_EQ(bootloaderIdentifiers(BoardFamily::Atmega32U4),
+    EXPECT_EQ(BoardTable::bootloaderIdentifiers(BoardFamily::Sam), std::vector<CombinedUsbIdentifier>{0x03EB6124});
+    EXPECT_EQ(BoardTable::bootloaderIdentifiers(BoardFamily::Atmega32U4),
               (std::vector<CombinedUsbIdentifier>{0x23410037, 0x2A030037}));
-    EXPECT_TRUE(bootloaderIdentifiers(BoardFamily::AvrSerial).empty());
+    EXPECT_TRUE(BoardTable::bootloaderIdentifiers(BoardFamily::AvrSerial).empty());
 }
 
 TEST(BoardIdentification, AvrdudeKnowsTheBoardsItCanFlash)
 {
     const auto part = [](CombinedUsbIdentifier id) -> std::string {
-        const auto* row = identifyBoard(id);
+        const auto* row = BoardTable::find(id);
         return row && row->avrdude ? std::string(row->avrdude->part) : "";
     };
     EXPECT_EQ(part(0x26BA0003), "-patmega2560");
@@ -91,7 +91,7 @@ TEST(BoardIdentification, AvrdudeKnowsTheBoardsItCanFlash)
     EXPECT_EQ(part(0x04036001), "-patmega1284p");
     EXPECT_EQ(part(0x23418037), "") << "a running board is never handed to avrdude";
     EXPECT_EQ(part(0x2341003E), "");
-    const auto* micro = identifyBoard(0x23410037);
+    const auto* micro = BoardTable::find(0x23410037);
     ASSERT_TRUE(micro && micro->avrdude);
     EXPECT_EQ(micro->avrdude->programmer, "-cavr109");
     EXPECT_EQ(micro->avrdude->baudRate, "-b57600");

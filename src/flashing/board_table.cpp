@@ -1,4 +1,4 @@
-#include "controller/board_identification.h"
+#include "flashing/board_table.h"
 
 #include <algorithm>
 #include <array>
@@ -52,12 +52,12 @@ static_assert(std::all_of(kBoards.begin(), kBoards.end(), [](const BoardIdentifi
 
 } // namespace
 
-std::span<const BoardIdentification> boardIdentificationTable()
+std::span<const BoardIdentification> BoardTable::rows()
 {
     return kBoards;
 }
 
-const BoardIdentification* identifyBoard(CombinedUsbIdentifier identifier)
+const BoardIdentification* BoardTable::find(CombinedUsbIdentifier identifier)
 {
     const auto found = std::find_if(kBoards.begin(), kBoards.end(), [identifier](const BoardIdentification& row) {
         return row.identifier == identifier;
@@ -65,7 +65,7 @@ const BoardIdentification* identifyBoard(CombinedUsbIdentifier identifier)
     return found != kBoards.end() ? &*found : nullptr;
 }
 
-std::vector<CombinedUsbIdentifier> bootloaderIdentifiers(BoardFamily family)
+std::vector<CombinedUsbIdentifier> BoardTable::bootloaderIdentifiers(BoardFamily family)
 {
     std::vector<CombinedUsbIdentifier> result;
     for (const BoardIdentification& row : kBoards) {
