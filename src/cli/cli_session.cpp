@@ -5,6 +5,7 @@
 #include "controller/port_access.h"
 #include "controller/port_list.h"
 #include "flashing/board_table.h"
+#include "ip_assignments.h"
 #include "log/logger.h"
 #include "log/visible_text.h"
 #include "platform/dispatch.h"
@@ -350,33 +351,11 @@ int CliSession::ip()
 int CliSession::writeIp()
 {
     // What was typed is checked before the Controller is asked anything: a bad
-    // address and it hears nothing at all. Fields in the window's order, the
-    // last assignment of a key counting, as it would stand in the field.
-    std::map<std::string, std::string> typed;
-    std::map<std::size_t, std::string> typedDevices;
-    for (const auto& [key, value] : _invocation.assignments) {
-        if (key == "ip" || key == "subnet" || key == "gateway" || key == "dns") {
-            typed[key] = value;
-        } else if (key.rfind("dev", 0) == 0) {
-            typedDevices[deviceNumber(key).value_or(0)] = value;
-        }
+    // address and it hears nothing at all.
+    if (const auto refused = refuseInvalidTypedAddress(_invocation.assignments)) {
+        std::cout << *refused << '\n';
+        return kFailure;
     }
-    std::vector<std::pair<std::string, std::string>> typedInOrder;
-    for (const char* key : {"ip", "subnet", "gateway", "dns"}) {
-        if (const auto found = typed.find(key); found != typed.end()) {
-            typedInOrder.emplace_back(key, found->second);
-        }
-    }
-    for (const auto& [number, value] : typedDevices) {
-        typedInOrder.emplace_back("dev" + std::to_string(number), value);
-    }
-    for (const auto& [key, value] : typedInOrder) {
-        if (!ipsettings::verifyIP(value)) {
-            std::cout << "Invalid: " << key << "=" << visibleText(value) << " (nothing was sent)\n";
-            return kFailure;
-        }
-    }
-
     std::vector<std::string> lines;
     runInBackground([&] { lines = _controller->getIPConfig(); });
     // The dump's port finishes closing on its reader thread, and the save below
@@ -389,58 +368,20 @@ int CliSession::writeIp()
         std::cout << "Could not get device IP configuration\n";
         return kFailure;
     }
-    const auto dump = ipsettings::parseIpDump(lines);
-    ipsettings::Settings settings{
-        dump.ip.value_or(""), dump.subnet.value_or(""), dump.gateway.value_or(""), dump.dns.value_or(""), {}};
-    for (const auto& device : dump.devices) {
-        settings.devices.push_back({device.address, device.enabled});
+    ipsettings::Settings settings = settingsFromDump(lines);
+    auto refused = applyAssignments(_invocation.assignments, settings);
+    if (!refused) {
+        refused = normaliseAddresses(settings); // as the IP window checks; one bad address and nothing is sent
     }
-    std::map<std::string, std::string*> addresses{
-        {"ip", &settings.ip}, {"subnet", &settings.subnet}, {"gateway", &settings.gateway}, {"dns", &settings.dns}};
-    // dhcp first, so that an explicit ip= wins over its suggestion. Switching
-    // off proposes the window's fixed address only when DHCP is on: a
-    // Controller with a fixed address keeps it.
-    for (const auto& [key, value] : _invocation.assignments) {
-        if (key == "dhcp" && value == "on") {
-            settings.ip = ipsettings::IpDump::kDhcpAddress;
-        } else if (key == "dhcp" && settings.ip == ipsettings::IpDump::kDhcpAddress) {
-            settings.ip = ipsettings::kSuggestedStaticAddress;
-        }
+    if (refused) {
+        std::cout << *refused << '\n';
+        return kFailure;
     }
-    for (const auto& [key, value] : _invocation.assignments) {
-        if (const auto field = addresses.find(key); field != addresses.end()) {
-            *field->second = value;
-        } else if (key.rfind("dev", 0) == 0 || key.rfind("enable", 0) == 0) {
-            const bool isDev = key.rfind("dev", 0) == 0;
-            const std::size_t number = deviceNumber(key).value_or(0);
-            if (number == 0 || number > settings.devices.size()) {
-                std::cout << "The Controller has no device " << number << " (it reports " << settings.devices.size()
-                          << ")\n";
-                return kFailure;
-            }
-            auto& device = settings.devices[number - 1];
-            if (isDev) {
-                device.address = value;
-            } else {
-                device.enabled = value == "1";
-            }
-        }
-    }
-    // Every address is checked as the IP window checks it; one bad one and nothing is sent.
-    std::vector<std::pair<std::string, std::string*>> checks{
-        {"ip", &settings.ip}, {"subnet", &settings.subnet}, {"gateway", &settings.gateway}, {"dns", &settings.dns}};
-    for (std::size_t i = 0; i < settings.devices.size(); ++i) {
-        checks.emplace_back("dev" + std::to_string(i + 1), &settings.devices[i].address);
-    }
-    for (auto& [key, address] : checks) {
-        const auto valid = ipsettings::verifyIP(*address);
-        if (!valid) {
-            std::cout << "Invalid: " << key << "=" << visibleText(*address) << " (nothing was sent)\n";
-            return kFailure;
-        }
-        *address = *valid;
-    }
+    return saveIp(settings);
+}
 
+int CliSession::saveIp(const ipsettings::Settings& settings)
+{
     Logger::log("User clicked save IP settings");
     const auto path = _controller->pathOfSelectedPort().value_or("");
     const auto written = ipsettings::writeSettings(path, settings);

@@ -2,6 +2,7 @@
 // One run of quendral-cli: the same MainViewController as the window, with a
 // terminal view, the port manager and a run loop on the main thread.
 #include "command_line.h"
+#include "controller/ip_settings.h"
 #include "controller/main_view_controller.h"
 #include "terminal_main_view.h"
 
@@ -57,6 +58,8 @@ private:
     int flash();
     int ip();
     int writeIp();
+    // Writes settings that passed every check, and says how it went.
+    int saveIp(const ipsettings::Settings& settings);
     // Runs a window action and waits until its controls come back.
     void action(void (MainViewController::*work)());
     int webConfig();

@@ -102,119 +102,155 @@ std::optional<std::size_t> deviceNumber(std::string_view key)
     return number;
 }
 
-std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::string>& args)
+namespace {
+
+// The arguments after the command word, read one at a time.
+class ArgumentReader {
+public:
+    explicit ArgumentReader(const std::vector<std::string>& args) : _args(args) {}
+    [[nodiscard]] bool atEnd() const { return _next >= _args.size(); }
+    const std::string& take() { return _args[_next++]; }
+    // The value after an option, if there is one.
+    std::optional<std::string> takeValue() { return atEnd() ? std::nullopt : std::optional(take()); }
+
+private:
+    const std::vector<std::string>& _args;
+    std::size_t _next = 1;
+};
+
+// What an option reader made of an argument: taken (true), not its own
+// (false), or refused.
+using Taken = std::variant<bool, UsageError>;
+
+// A value that must be there and not be empty.
+Taken takeNonEmpty(ArgumentReader& reader, std::optional<std::string>& into, const std::string& complaint)
+{
+    auto value = reader.takeValue();
+    if (!value || value->empty()) {
+        return UsageError{complaint};
+    }
+    into = std::move(value);
+    return true;
+}
+
+Taken takeUpdateOption(const std::string& arg, ArgumentReader& reader, Invocation& invocation)
+{
+    if (arg == "--version") {
+        return takeNonEmpty(reader, invocation.version, "--version needs a version");
+    }
+    if (arg == "--yes" || arg == "-y" || arg == "--no" || arg == "-n") {
+        const Answer answer = (arg == "--yes" || arg == "-y") ? Answer::Yes : Answer::No;
+        if (invocation.answer != Answer::Ask && invocation.answer != answer) {
+            return UsageError{"--yes and --no exclude each other"};
+        }
+        invocation.answer = answer;
+        return true;
+    }
+    if (arg == "--server") {
+        auto url = reader.takeValue();
+        if (!url || !validServerURL(*url)) {
+            return UsageError{"--server takes https://host[:port]"};
+        }
+        invocation.serverURL = url;
+        return true;
+    }
+    if (arg == "--ca-file") {
+        return takeNonEmpty(reader, invocation.caFile, "--ca-file needs a file");
+    }
+    return false;
+}
+
+Taken takeIpAssignment(const std::string& arg, Invocation& invocation)
+{
+    const auto equals = arg.find('=');
+    std::string key = arg.substr(0, equals);
+    std::string assigned = arg.substr(equals + 1);
+    if (!validIpKey(key)) {
+        return UsageError{"unknown setting '" + key + "'"};
+    }
+    if (!deviceDigits(key).empty() && !deviceNumber(key)) {
+        return UsageError{key + ": no device has that number"};
+    }
+    if (key == "dhcp" && assigned != "on" && assigned != "off") {
+        return UsageError{"dhcp takes on or off"};
+    }
+    if (key.rfind("enable", 0) == 0 && assigned != "0" && assigned != "1") {
+        return UsageError{key + " takes 0 or 1"};
+    }
+    invocation.assignments.emplace_back(std::move(key), std::move(assigned));
+    return true;
+}
+
+// Every option of the invocation's command, in the order they are tried.
+Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& invocation)
+{
+    const Command command = invocation.command;
+    if ((arg == "-p" || arg == "--port") && takesPort(command)) {
+        return takeNonEmpty(reader, invocation.port, arg + " needs a port name or path");
+    }
+    if (command == Command::Update) {
+        Taken taken = takeUpdateOption(arg, reader, invocation);
+        if (!std::holds_alternative<bool>(taken) || std::get<bool>(taken)) {
+            return taken;
+        }
+    }
+    if ((command == Command::Update || command == Command::Flash) && arg == "--resources") {
+        return takeNonEmpty(reader, invocation.resources, "--resources needs a folder");
+    }
+    if (command == Command::Flash && !invocation.firmwareFile && !arg.empty() && arg[0] != '-') {
+        invocation.firmwareFile = arg;
+        return true;
+    }
+    if (command == Command::Ip && arg.find('=') != std::string::npos && arg[0] != '-') {
+        return takeIpAssignment(arg, invocation);
+    }
+    return UsageError{"unexpected argument '" + arg + "'"};
+}
+
+// The command word, or the help and version requests that stand alone.
+std::variant<Invocation, UsageError> parseCommandWord(const std::string& first)
 {
     Invocation invocation;
+    if (first == "-h" || first == "--help" || first == "help") {
+        invocation.command = Command::Help;
+    } else if (first == "-V" || first == "--version") {
+        invocation.command = Command::Version;
+    } else if (const auto found = commands().find(first); found != commands().end()) {
+        invocation.command = found->second;
+    } else {
+        return UsageError{"unknown command '" + first + "'"};
+    }
+    return invocation;
+}
+
+} // namespace
+
+std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::string>& args)
+{
     if (args.empty()) {
         return UsageError{"a command is required"};
     }
-    const std::string& first = args.front();
-    if (first == "-h" || first == "--help" || first == "help") {
-        invocation.command = Command::Help;
-        return invocation;
+    auto parsed = parseCommandWord(args.front());
+    auto* invocation = std::get_if<Invocation>(&parsed);
+    if (invocation == nullptr || invocation->command == Command::Help || invocation->command == Command::Version) {
+        return parsed;
     }
-    if (first == "-V" || first == "--version") {
-        invocation.command = Command::Version;
-        return invocation;
-    }
-    const auto found = commands().find(first);
-    if (found == commands().end()) {
-        return UsageError{"unknown command '" + first + "'"};
-    }
-    invocation.command = found->second;
-
-    for (std::size_t i = 1; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        auto value = [&](const std::string& option) -> std::optional<std::string> {
-            if (i + 1 >= args.size()) {
-                return std::nullopt;
-            }
-            (void)option;
-            return args[++i];
-        };
+    ArgumentReader reader(args);
+    while (!reader.atEnd()) {
+        const std::string& arg = reader.take();
         if (arg == "-h" || arg == "--help") {
-            invocation.command = Command::Help;
-            return invocation;
+            invocation->command = Command::Help;
+            return parsed;
         }
-        if ((arg == "-p" || arg == "--port") && takesPort(invocation.command)) {
-            auto port = value(arg);
-            if (!port || port->empty()) {
-                return UsageError{arg + " needs a port name or path"};
-            }
-            invocation.port = port;
-            continue;
+        const Taken taken = takeArgument(arg, reader, *invocation);
+        if (const auto* refused = std::get_if<UsageError>(&taken)) {
+            return *refused;
         }
-        if (invocation.command == Command::Update) {
-            if (arg == "--version") {
-                auto version = value(arg);
-                if (!version || version->empty()) {
-                    return UsageError{"--version needs a version"};
-                }
-                invocation.version = version;
-                continue;
-            }
-            if (arg == "--yes" || arg == "-y" || arg == "--no" || arg == "-n") {
-                const Answer answer = (arg == "--yes" || arg == "-y") ? Answer::Yes : Answer::No;
-                if (invocation.answer != Answer::Ask && invocation.answer != answer) {
-                    return UsageError{"--yes and --no exclude each other"};
-                }
-                invocation.answer = answer;
-                continue;
-            }
-            if (arg == "--server") {
-                auto url = value(arg);
-                if (!url || !validServerURL(*url)) {
-                    return UsageError{"--server takes https://host[:port]"};
-                }
-                invocation.serverURL = url;
-                continue;
-            }
-            if (arg == "--ca-file") {
-                auto file = value(arg);
-                if (!file || file->empty()) {
-                    return UsageError{"--ca-file needs a file"};
-                }
-                invocation.caFile = file;
-                continue;
-            }
-        }
-        if ((invocation.command == Command::Update || invocation.command == Command::Flash) && arg == "--resources") {
-            auto folder = value(arg);
-            if (!folder || folder->empty()) {
-                return UsageError{"--resources needs a folder"};
-            }
-            invocation.resources = folder;
-            continue;
-        }
-        if (invocation.command == Command::Flash && !invocation.firmwareFile && !arg.empty() && arg[0] != '-') {
-            invocation.firmwareFile = arg;
-            continue;
-        }
-        if (invocation.command == Command::Ip && arg.find('=') != std::string::npos && arg[0] != '-') {
-            const auto equals = arg.find('=');
-            std::string key = arg.substr(0, equals);
-            std::string assigned = arg.substr(equals + 1);
-            if (!validIpKey(key)) {
-                return UsageError{"unknown setting '" + key + "'"};
-            }
-            if (!deviceDigits(key).empty() && !deviceNumber(key)) {
-                return UsageError{key + ": no device has that number"};
-            }
-            if (key == "dhcp" && assigned != "on" && assigned != "off") {
-                return UsageError{"dhcp takes on or off"};
-            }
-            if (key.rfind("enable", 0) == 0 && assigned != "0" && assigned != "1") {
-                return UsageError{key + " takes 0 or 1"};
-            }
-            invocation.assignments.emplace_back(std::move(key), std::move(assigned));
-            continue;
-        }
-        return UsageError{"unexpected argument '" + arg + "'"};
     }
-    if (invocation.command == Command::Flash && !invocation.firmwareFile) {
+    if (invocation->command == Command::Flash && !invocation->firmwareFile) {
         return UsageError{"flash needs a firmware FILE"};
     }
-    return invocation;
+    return parsed;
 }
 
 std::string shortUsage()
@@ -224,9 +260,10 @@ std::string shortUsage()
            "Try 'quendral-cli --help' for more information.\n";
 }
 
-std::string helpText()
-{
-    return R"(Usage: quendral-cli COMMAND [OPTIONS]
+namespace {
+
+// The whole help, as the terminal shows it.
+constexpr std::string_view kHelpText = R"(Usage: quendral-cli COMMAND [OPTIONS]
 
 Updates and configures QUENDRAL Controllers connected over USB, from a terminal
 or a script. A command works on one Controller: the one on the port given with
@@ -315,6 +352,12 @@ Examples:
   quendral-cli ip -p /dev/ttyUSB0 dhcp=off ip=192.168.10.20 gateway=192.168.10.1
   printf 'debug\n' | quendral-cli monitor
 )";
+
+} // namespace
+
+std::string helpText()
+{
+    return std::string(kHelpText);
 }
 
 } // namespace quendral::cli
