@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <optional>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
@@ -295,44 +296,37 @@ ChildProcess::HandleId ChildProcess::handle(Stream stream) const
     return _state->handles[indexOf(stream)];
 }
 
-bool ChildProcess::launch(std::string* error)
-{
-    State& s = *_state;
-    auto fail = [&](std::string reason) {
-        if (error != nullptr) {
-            *error = std::move(reason);
-        }
-        return false;
-    };
-    {
-        std::lock_guard lock(s.mutex);
-        if (s.launchAttempted) {
-            return fail("the process has already been launched");
-        }
-        s.launchAttempted = true;
-    }
+namespace {
 
-    std::array<std::array<int, 2>, 2> pipes{{{-1, -1}, {-1, -1}}};
-    auto closePipes = [&] {
-        for (auto& p : pipes) {
-            closeIfOpen(p[0]);
-            closeIfOpen(p[1]);
-        }
-    };
+// [0]: the tool's standard output, [1]: its standard error; each {read end, write end}.
+using OutputPipes = std::array<std::array<int, 2>, 2>;
+
+void closePipes(OutputPipes& pipes)
+{
+    for (auto& p : pipes) {
+        closeIfOpen(p[0]);
+        closeIfOpen(p[1]);
+    }
+}
+
+// Both pipes, close-on-exec; on failure none stays open.
+std::optional<std::string> openPipes(OutputPipes& pipes)
+{
     for (auto& p : pipes) {
         if (::pipe2(p.data(), O_CLOEXEC) != 0) {
             const int e = errno;
-            closePipes();
-            return fail(errnoText("pipe2", e));
+            closePipes(pipes);
+            return errnoText("pipe2", e);
         }
     }
-    s.stopFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (s.stopFd < 0) {
-        const int e = errno;
-        closePipes();
-        return fail(errnoText("eventfd", e));
-    }
+    return std::nullopt;
+}
 
+// Starts the tool with its standard input on /dev/null and its output on
+// the pipes' write ends; 0 or posix_spawn's error number.
+int spawnOnPipes(const std::filesystem::path& executable, const std::vector<std::string>& arguments,
+                 const OutputPipes& pipes, pid_t& pid)
+{
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -353,9 +347,9 @@ bool ChildProcess::launch(std::string* error)
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     std::vector<std::string> argvStrings;
-    argvStrings.reserve(_arguments.size() + 1);
-    argvStrings.push_back(_executablePath.string());
-    argvStrings.insert(argvStrings.end(), _arguments.begin(), _arguments.end());
+    argvStrings.reserve(arguments.size() + 1);
+    argvStrings.push_back(executable.string());
+    argvStrings.insert(argvStrings.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     argv.reserve(argvStrings.size() + 1);
     for (auto& argument : argvStrings) {
@@ -363,19 +357,58 @@ bool ChildProcess::launch(std::string* error)
     }
     argv.push_back(nullptr);
 
-    pid_t pid = -1;
     const int spawnError =
         ::posix_spawn(&pid, argvStrings.front().c_str(), &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
+    return spawnError;
+}
+
+} // namespace
+
+bool ChildProcess::launch(std::string* error)
+{
+    State& s = *_state;
+    auto fail = [&](std::string reason) {
+        if (error != nullptr) {
+            *error = std::move(reason);
+        }
+        return false;
+    };
+    {
+        std::lock_guard lock(s.mutex);
+        if (s.launchAttempted) {
+            return fail("the process has already been launched");
+        }
+        s.launchAttempted = true;
+    }
+
+    OutputPipes pipes{{{-1, -1}, {-1, -1}}};
+    if (auto problem = openPipes(pipes)) {
+        return fail(std::move(*problem));
+    }
+    s.stopFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (s.stopFd < 0) {
+        const int e = errno;
+        closePipes(pipes);
+        return fail(errnoText("eventfd", e));
+    }
+    pid_t pid = -1;
+    const int spawnError = spawnOnPipes(_executablePath, _arguments, pipes, pid);
     closeIfOpen(pipes[0][1]);
     closeIfOpen(pipes[1][1]);
     if (spawnError != 0) {
-        closePipes();
+        closePipes(pipes);
         return fail(errnoText("posix_spawn", spawnError));
     }
     s.readFds = {pipes[0][0], pipes[1][0]};
+    startWatching(pid);
+    return true;
+}
 
+void ChildProcess::startWatching(pid_t pid)
+{
+    State& s = *_state;
     int readers = 0;
     for (std::size_t i = 0; i < 2; ++i) {
         readers += s.manual[i] ? 0 : 1;
@@ -397,7 +430,6 @@ bool ChildProcess::launch(std::string* error)
         s.threadsStarted = true;
     }
     s.changed.notify_all();
-    return true;
 }
 
 std::string ChildProcess::readAvailable(Stream stream, std::size_t maxBytes)

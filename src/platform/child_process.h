@@ -92,6 +92,8 @@ public:
 
 private:
     void sendSignal(int signal);
+    // The launched process's readers and waiter.
+    void startWatching(pid_t pid);
 
     std::filesystem::path _executablePath;
     std::vector<std::string> _arguments;

@@ -55,36 +55,30 @@ void SerialPort::setFileDescriptor(int fd)
     notifyPropertyObservers(SerialPortProperty::IsOpen);
 }
 
-void SerialPort::open()
+namespace {
+
+// The node opened for this program's exclusive use, blocking from then on:
+// the descriptor, or -1 with errno set.
+int openExclusively(const std::string& path)
 {
-    if (isOpen() && !waitForPendingClose()) {
-        return;
-    }
-    if (isOpen()) {
-        return;
-    }
     // A port that has left the system fails here with the errno its open
     // would give, without an open: the 1200-baud touch retries without pause
     // until the removal is reported, and umockdev's preload (our device lab)
     // aborts the process after about fifty failed opens of a missing node.
     struct stat node {};
-    if (::stat(_path.c_str(), &node) != 0) {
-        _lastOpenError = errno;
-        notifyDelegateOfPosixError();
-        return;
+    if (::stat(path.c_str(), &node) != 0) {
+        return -1;
     }
     // Non-blocking so that the open does not wait for carrier; close-on-exec
     // so that the flashing tools we start never inherit the port.
-    const int fd = ::open(_path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 1) {
         const int error = fd == 0 ? EBADF : errno;
         if (fd == 0) {
             ::close(fd); // 0 marks a closed port and is never accepted
         }
         errno = error;
-        _lastOpenError = errno;
-        notifyDelegateOfPosixError();
-        return;
+        return -1;
     }
     // Exclusive use: TIOCEXCL keeps out other openers (root excepted), flock
     // keeps out every cooperating program, root's included.
@@ -94,11 +88,32 @@ void SerialPort::open()
         ::ioctl(fd, TIOCNXCL);
         ::close(fd);
         errno = error;
-        _lastOpenError = errno;
-        notifyDelegateOfPosixError();
+        return -1;
+    }
+    ::fcntl(fd, F_SETFL, 0);
+    return fd;
+}
+
+} // namespace
+
+void SerialPort::open()
+{
+    if (isOpen() && !waitForPendingClose()) {
         return;
     }
-    ::fcntl(fd, F_SETFL, 0); // blocking from here on
+    if (isOpen()) {
+        return;
+    }
+    const auto failed = [this](int error) {
+        errno = error;
+        _lastOpenError = error;
+        notifyDelegateOfPosixError();
+    };
+    const int fd = openExclusively(_path);
+    if (fd < 0) {
+        failed(errno);
+        return;
+    }
 
     auto source = std::make_shared<ReadSource>();
     source->cancelFd = ::eventfd(0, EFD_CLOEXEC);
@@ -106,9 +121,7 @@ void SerialPort::open()
         const int error = errno;
         ::ioctl(fd, TIOCNXCL);
         ::close(fd);
-        errno = error;
-        _lastOpenError = errno;
-        notifyDelegateOfPosixError();
+        failed(error);
         return;
     }
 

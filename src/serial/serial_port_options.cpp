@@ -8,41 +8,27 @@
 
 namespace quendral {
 
-void SerialPort::setPortOptions()
-{
-    if (_fileDescriptor.load() < 1) {
-        return; // applied at the next open
-    }
+namespace {
+
+// The settings as they stood when the options were applied.
+struct LineSettings {
     unsigned long baud = 0;
     bool allowsNonStandard = false;
     std::uint64_t stopBits = 1;
     bool echo = false;
-    SerialPortParity parityValue = SerialPortParity::None;
+    SerialPortParity parity = SerialPortParity::None;
     bool rtsCts = false;
-    {
-        std::lock_guard lock(_mutex);
-        baud = _baudRate;
-        allowsNonStandard = _allowsNonStandardBaudRates;
-        stopBits = _numberOfStopBits;
-        echo = _shouldEchoReceivedData;
-        parityValue = _parity;
-        rtsCts = _usesRTSCTSFlowControl;
-    }
+};
 
-    // The descriptor must not be closed (and its number reused) while it is set up.
-    std::unique_lock descriptorLock(_descriptorMutex);
-    const int fd = _fileDescriptor.load();
-    if (fd < 1) {
-        return;
-    }
-    termios options{};
-    ::tcgetattr(fd, &options);
+// Raw 8-bit mode with the port's parity, stop bits, echo and flow control.
+void describeLine(termios& options, const LineSettings& line)
+{
     ::cfmakeraw(&options);
     // A read returns after the first byte, or 0.2 s of silence after a byte.
     options.c_cc[VMIN] = 1;
     options.c_cc[VTIME] = 2;
     options.c_cflag = (options.c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CS8;
-    switch (parityValue) {
+    switch (line.parity) {
     case SerialPortParity::None:
         options.c_cflag &= ~static_cast<tcflag_t>(PARENB);
         break;
@@ -54,30 +40,34 @@ void SerialPort::setPortOptions()
         options.c_cflag &= ~static_cast<tcflag_t>(PARODD);
         break;
     }
-    if (stopBits < 2) {
+    if (line.stopBits < 2) {
         options.c_cflag &= ~static_cast<tcflag_t>(CSTOPB);
     } else {
         options.c_cflag |= CSTOPB;
     }
-    if (echo) {
+    if (line.echo) {
         options.c_lflag |= ECHO;
     } else {
         options.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     }
     // DTR/DSR and DCD output flow control have no Linux equivalent.
-    if (rtsCts) {
+    if (line.rtsCts) {
         options.c_cflag |= CRTSCTS;
     } else {
         options.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
     }
     options.c_cflag |= HUPCL | CLOCAL | CREAD;
     options.c_lflag &= ~static_cast<tcflag_t>(ICANON | ISIG);
+}
 
+// Sets the options with the line's speed; 0, or -1 with errno set.
+int applyWithSpeed(int fd, termios& options, const LineSettings& line)
+{
     // The C library knows only the table's speeds: an unknown rate fails
     // here already, where other systems fail it in tcsetattr. Either way it
     // counts as the standard call refusing the rate.
     int speedError = 0;
-    if (::cfsetspeed(&options, static_cast<speed_t>(baud)) != 0) {
+    if (::cfsetspeed(&options, static_cast<speed_t>(line.baud)) != 0) {
         speedError = errno;
     }
     int result = ::tcsetattr(fd, TCSANOW, &options);
@@ -85,9 +75,36 @@ void SerialPort::setPortOptions()
         result = -1;
         errno = speedError;
     }
-    if (result != 0 && allowsNonStandard) {
-        result = setArbitraryBaudRate(fd, baud);
+    if (result != 0 && line.allowsNonStandard) {
+        result = setArbitraryBaudRate(fd, line.baud);
     }
+    return result;
+}
+
+} // namespace
+
+void SerialPort::setPortOptions()
+{
+    if (_fileDescriptor.load() < 1) {
+        return; // applied at the next open
+    }
+    LineSettings line;
+    {
+        std::lock_guard lock(_mutex);
+        line = {_baudRate, _allowsNonStandardBaudRates, _numberOfStopBits, _shouldEchoReceivedData,
+                _parity,   _usesRTSCTSFlowControl};
+    }
+
+    // The descriptor must not be closed (and its number reused) while it is set up.
+    std::unique_lock descriptorLock(_descriptorMutex);
+    const int fd = _fileDescriptor.load();
+    if (fd < 1) {
+        return;
+    }
+    termios options{};
+    ::tcgetattr(fd, &options);
+    describeLine(options, line);
+    const int result = applyWithSpeed(fd, options, line);
     const int error = errno;
     descriptorLock.unlock();
     if (result != 0) {
