@@ -1,5 +1,6 @@
 #include "cli_session.h"
 
+#include "controller/controller_port.h"
 #include "controller/ip_settings.h"
 #include "controller/ip_settings_writer.h"
 #include "controller/port_access.h"
@@ -481,10 +482,7 @@ int CliSession::monitor()
     }
     auto delegate = std::make_shared<MonitorDelegate>();
     port->setDelegate(delegate);
-    port->setBaudRate(115200);
-    port->setDTR(true);
-    port->setRTS(true);
-    port->open();
+    openControllerPort(*port);
     if (!port->isOpen()) {
         std::cerr << "quendral-cli: could not open " << path << "\n";
         return kFailure;

@@ -1,5 +1,6 @@
 #include "controller/ip_settings_writer.h"
 
+#include "controller/controller_port.h"
 #include "log/logger.h"
 
 #include <chrono>
@@ -7,7 +8,6 @@
 namespace quendral::ipsettings {
 namespace {
 
-constexpr unsigned long kProtocolBaudRate = 115200;
 // A line of the sequence is a few dozen bytes: at the protocol's speed it
 // leaves in a few milliseconds. A line still queued after this long is not
 // being taken by the Controller.
@@ -43,10 +43,7 @@ WriteResult writeSettings(const std::string& path, const Settings& settings,
     if (delegate) {
         port.setDelegate(delegate);
     }
-    port.setBaudRate(kProtocolBaudRate);
-    port.setDTR(true);
-    port.setRTS(true);
-    port.open();
+    openControllerPort(port);
     if (!port.isOpen()) {
         result.outcome = WriteResult::Outcome::NotOpened;
         return result;

@@ -1,6 +1,7 @@
 // MainViewController: the Controller text protocol's procedures.
 #include "controller/main_view_controller.h"
 
+#include "controller/controller_port.h"
 #include "controller/port_access.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
@@ -11,7 +12,6 @@
 namespace quendral {
 namespace {
 
-constexpr unsigned long kProtocolBaudRate = 115200;
 constexpr long kWaitCount = 20;
 
 std::string withCount(const char* text, long count)
@@ -52,11 +52,8 @@ void MainViewController::openPortForProtocol(const std::string& path, bool logOp
     if (!port) {
         return; // nothing to open; the caller's writes fail and it times out
     }
-    // Exactly this order: baud rate, DTR, RTS, open, delegate.
-    port->setBaudRate(kProtocolBaudRate);
-    port->setDTR(true);
-    port->setRTS(true);
-    port->open();
+    // The delegate comes after the open.
+    openControllerPort(*port);
     if (!port->isOpen()) {
         noteOpenFailure(*port);
     }

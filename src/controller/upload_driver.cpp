@@ -1,6 +1,7 @@
 // MainViewController: putting a firmware file onto the selected board.
 #include "controller/main_view_controller.h"
 
+#include "controller/controller_port.h"
 #include "controller/firmware_image_check.h"
 #include "flashing/avrdude_wrapper.h"
 #include "flashing/bossac_wrapper.h"
@@ -121,10 +122,7 @@ UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
     auto port = selected ? SerialPort::serialPortWithPath(*selected) : nullptr;
     setSerial(port);
     if (port) {
-        port->setBaudRate(115200);
-        port->setDTR(true);
-        port->setRTS(true);
-        port->open();
+        openControllerPort(*port);
         if (!port->isOpen()) {
             noteOpenFailure(*port);
         }

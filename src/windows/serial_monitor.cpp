@@ -1,5 +1,6 @@
 #include "serial_monitor.h"
 
+#include "controller/controller_port.h"
 #include "log/logger.h"
 #include "serial_error_text.h"
 #include "ui_SerialMonitorView.h"
@@ -138,10 +139,7 @@ void SerialMonitor::openSerial(const std::string& path, unsigned long baudRate)
         return; // the device is gone; the port list reopens the monitor when one comes back
     }
     _serial->setDelegate(_portDelegate);
-    _serial->setBaudRate(baudRate);
-    _serial->setDTR(true);
-    _serial->setRTS(true);
-    _serial->open();
+    openControllerPort(*_serial, baudRate);
 }
 
 bool SerialMonitor::isSerialOpen() const
