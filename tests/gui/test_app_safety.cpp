@@ -9,6 +9,7 @@
 #include "windows/serial_monitor.h"
 
 #include <QFileDialog>
+#include <QLineEdit>
 #include <QHideEvent>
 #include <QMenuBar>
 #include <QWindow>
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -87,18 +89,30 @@ private:
 // Chooses `path` in the next file dialog, from inside its modal loop.
 void chooseInNextFileDialog(const QString& path)
 {
+    // QFileDialog::selectFile() leaves the file name field alone while that
+    // field has the focus, and whether it has it by then depends on timing:
+    // the dialog then accepted nothing and the test hung (about 1 run in 7 on
+    // a loaded machine). The name goes into the field itself, again on every
+    // tick until the dialog has gone.
     auto* poll = new QTimer;
     const auto deadline = std::chrono::steady_clock::now() + 10s;
-    QObject::connect(poll, &QTimer::timeout, [poll, path, deadline] {
+    auto seen = std::make_shared<bool>(false);
+    QObject::connect(poll, &QTimer::timeout, [poll, path, deadline, seen] {
         auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
-        if (dialog != nullptr || std::chrono::steady_clock::now() > deadline) {
-            poll->stop();
-            poll->deleteLater();
+        if (dialog == nullptr) {
+            if (*seen || std::chrono::steady_clock::now() > deadline) {
+                poll->stop();
+                poll->deleteLater();
+            }
+            return;
         }
-        if (dialog != nullptr) {
+        *seen = true;
+        if (auto* name = dialog->findChild<QLineEdit*>("fileNameEdit")) {
+            name->setText(path);
+        } else {
             dialog->selectFile(path);
-            QMetaObject::invokeMethod(dialog, "accept");
         }
+        QMetaObject::invokeMethod(dialog, "accept");
     });
     poll->start(10);
 }
