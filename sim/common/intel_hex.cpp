@@ -105,7 +105,7 @@ std::string toIntelHex(const std::vector<uint8_t>& data, uint32_t base)
                       static_cast<uint8_t>(0x100 - sum) & 0xff);
         out += buf;
     };
-    uint32_t upper = 0xffffffff;
+    uint32_t upper = 0; // what a reader assumes before any extended address record
     for (size_t i = 0; i < data.size();) {
         uint32_t addr = base + static_cast<uint32_t>(i);
         if ((addr >> 16) != upper) {
