@@ -222,27 +222,22 @@ void ControllerSimulator::noteLineSpeed()
 {
     const unsigned long speed = lineSpeed();
     std::lock_guard lock(_mutex);
-    _sessionActive = true;
-    if (speed == kTouchBaudRate) {
-        _sawTouchSpeed = true;
-    }
+    _touch.sawSpeed(speed);
 }
 
 int ControllerSimulator::touchCount() const
 {
     std::lock_guard lock(_mutex);
-    return _touchCount;
+    return _touch.touches();
 }
 
 bool ControllerSimulator::endSession()
 {
-    bool touched = false;
     {
         std::lock_guard lock(_mutex);
-        if (!_portOpen && !_sessionActive) {
+        if (!_portOpen && !_touch.inSession()) {
             return false; // nobody has had it open: the hang-up of an unused pty
         }
-        touched = _sawTouchSpeed;
     }
     // A hang-up seen just before an open must not end the session that open began.
     pollfd check{_deviceEnd, 0, 0};
@@ -250,10 +245,8 @@ bool ControllerSimulator::endSession()
         return false;
     }
     std::lock_guard lock(_mutex);
-    _sessionActive = false;
-    _sawTouchSpeed = false;
+    const bool touched = _touch.hostClosed();
     if (touched) {
-        ++_touchCount;
         _changed.notify_all();
     }
     return touched;

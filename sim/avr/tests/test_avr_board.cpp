@@ -62,10 +62,10 @@ bool identify(const AvrBoard& board, const std::string& port, std::string& cid, 
     if (!client.isOpen()) {
         return false;
     }
-    if (expectReset && !waitFor([&] { return board.resetCount() > resets; }, 5)) {
+    if (expectReset && !pollUntil([&] { return board.resetCount() > resets; }, std::chrono::seconds(5))) {
         return false;
     }
-    if (!waitFor([&] { return board.runningApplication(); }, 20)) {
+    if (!pollUntil([&] { return board.runningApplication(); }, std::chrono::seconds(20))) {
         return false;
     }
     for (int pass = 0; pass < 10; ++pass) {
