@@ -24,19 +24,9 @@
 #include <regex>
 #include <unistd.h>
 
-using quendral::AvrdudeWrapper;
-using quendral::BossacWrapper;
-using quendral::test::kFailure;
-using quendral::test::kPreparing;
-using quendral::test::kSuccess;
-using quendral::test::kVerifying;
-using quendral::test::kWriting;
-using quendral::test::ScopedLog;
-using quendral::test::timesReaching100;
-using quendral::test::toolOutput;
-using quendral::test::UploadRecorder;
+using namespace quendral;
+using namespace quendral::test;
 using Event = UploadRecorder::Event;
-namespace sim = quendral::sim;
 
 namespace {
 
