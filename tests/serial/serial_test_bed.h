@@ -3,7 +3,8 @@
 #include "platform/dispatch.h"
 #include "serial/serial_port.h"
 #include "support/recording_serial_delegate.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
+#include "support/wait.h"
 
 #include <gtest/gtest.h>
 
@@ -16,11 +17,6 @@
 namespace quendral::test {
 
 using namespace std::chrono_literals;
-
-inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
 
 // Everything the device end has received within `quiet` of silence.
 inline std::string readDeviceEnd(int fd, std::chrono::milliseconds quiet = 200ms)
@@ -40,23 +36,19 @@ inline std::string readDeviceEnd(int fd, std::chrono::milliseconds quiet = 200ms
     }
 }
 
-class SerialTestBed : public ::testing::Test {
+class SerialTestBed : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-        testbed = std::make_unique<sim::UmockdevTestbed>();
-        device = testbed->addUsbSerialDevice({});
-        ASSERT_TRUE(device);
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
+        ASSERT_TRUE(plugDevice());
         delegate = std::make_shared<RecordingSerialDelegate>();
     }
 
     void TearDown() override
     {
-        for (const auto& port : SerialPort::allSerialPorts()) {
-            port->close();
-            waitFor([&] { return !port->isOpen(); });
-        }
+        closeAllPorts();
+        UmockdevTest::TearDown();
         dispatch::RunLoop::main().drain();
     }
 
@@ -79,8 +71,6 @@ protected:
         return waitFor([&] { return !port->isOpen(); });
     }
 
-    std::unique_ptr<sim::UmockdevTestbed> testbed;
-    std::shared_ptr<sim::UmockdevSerialDevice> device;
     std::shared_ptr<RecordingSerialDelegate> delegate;
 };
 

@@ -4,6 +4,7 @@
 // the job ends with the texts the user is owed, the server hears what it
 // should, the controls come back, and nothing is left open.
 #include "road_world.h"
+#include "road_world_environment.h"
 
 #include "../support/child_processes.h"
 #include "../support/descriptors.h"
@@ -45,19 +46,6 @@ const char* const kDownloadedFirmware = "/tmp/quendral-hexfile.hex";
 // wait, 30 s of clock time, passes in about 8 s), short of the test's timeout.
 constexpr auto kJobBound = 90s;
 
-class RoadWorldEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (!sim::UmockdevTestbed::isAvailable()) {
-            return; // every test then fails with the hint
-        }
-        dispatch::setMainThreadToCurrent();
-        // The test bed first: the port manager listens to the one that exists when it starts.
-        (void)RoadRun::testbed();
-        (void)SerialPortManager::sharedSerialPortManager().availablePorts();
-    }
-};
 [[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new RoadWorldEnvironment);
 
 // True when the texts appear in this order (others may stand between).

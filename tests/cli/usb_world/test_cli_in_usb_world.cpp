@@ -194,42 +194,32 @@ TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
 
 TEST_F(CliInUsbWorld, IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes)
 {
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
-
     // "dns 10.0.0.5x" keeps only its address, as the window's check does.
-    const CliResult result = cli({"ip", "dhcp=on", "dns=dns 10.0.0.5x"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=0.0.0.0", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=10.0.0.5", "store", "reset"}));
+    std::vector<std::string> heard;
+    ASSERT_NO_FATAL_FAILURE(
+        writeIpSettings({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"},
+                        {"ip", "dhcp=on", "dns=dns 10.0.0.5x"}, heard));
+    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=0.0.0.0", "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1", "dns=10.0.0.5", "store", "reset"}));
 }
 
 TEST_F(CliInUsbWorld, IpDhcpOffProposesTheFixedAddress)
 {
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;0.0.0.0", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
-
-    const CliResult result = cli({"ip", "dhcp=off"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.99", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
+    std::vector<std::string> heard;
+    ASSERT_NO_FATAL_FAILURE(writeIpSettings(
+        {"ip;0.0.0.0", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"}, {"ip", "dhcp=off"}, heard));
+    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.99", "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
 }
 
 TEST_F(CliInUsbWorld, IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress)
 {
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
-
-    const CliResult result = cli({"ip", "dhcp=off", "dns=192.168.10.3"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=192.168.10.3", "store", "reset"}));
+    std::vector<std::string> heard;
+    ASSERT_NO_FATAL_FAILURE(
+        writeIpSettings({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"},
+                        {"ip", "dhcp=off", "dns=192.168.10.3"}, heard));
+    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1", "dns=192.168.10.3", "store", "reset"}));
 }
 
 TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
