@@ -63,11 +63,7 @@ std::optional<std::string> AvrController::askIdentity()
     // The boot loader leaves for the program once its wait is over.
     pollUntil([this] { return _board->runningApplication(); }, std::chrono::seconds(5));
     LineClient client(_device->devnode());
-    std::string cid;
-    for (int pass = 0; pass < 5 && cid.empty(); ++pass) {
-        client.send("getCID\n");
-        cid = client.waitForLine("CID:", 1.0);
-    }
+    const std::string cid = client.askUntilAnswered("getCID\n", "CID:", 5, 1.0);
     if (cid.empty()) {
         return std::nullopt;
     }

@@ -68,15 +68,12 @@ bool identify(const AvrBoard& board, const std::string& port, std::string& cid, 
     if (!pollUntil([&] { return board.runningApplication(); }, std::chrono::seconds(20))) {
         return false;
     }
-    for (int pass = 0; pass < 10; ++pass) {
-        client.send("getCID\ngetVersion\n");
-        cid = client.waitForLine("CID:", 1.0);
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 2.0);
-            return !version.empty();
-        }
+    cid = client.askUntilAnswered("getCID\ngetVersion\n", "CID:", 10, 1.0);
+    if (cid.empty()) {
+        return false;
     }
-    return false;
+    version = client.waitForLine("VERSION:", 2.0);
+    return !version.empty();
 }
 
 void expectFlashHolds(const AvrBoard& board, const std::string& hexPath)

@@ -71,12 +71,7 @@ void flashThroughDtrReset(const Case& c)
     // loader has left for it.
     EXPECT_TRUE(pollUntil([&] { return board.runningApplication(); }, std::chrono::seconds(20)));
     LineClient client(device->devnode());
-    std::string cid;
-    for (int pass = 0; pass < 10 && cid.empty(); ++pass) {
-        client.send("getCID\n");
-        cid = client.waitForLine("CID:", 1.0);
-    }
-    EXPECT_EQ(cid, std::string("CID:") + c.cid);
+    EXPECT_EQ(client.askUntilAnswered("getCID\n", "CID:", 10, 1.0), std::string("CID:") + c.cid);
     board.stop();
 }
 

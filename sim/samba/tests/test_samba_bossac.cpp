@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <chrono>
 #include <fcntl.h>
 #include <mutex>
@@ -40,21 +42,7 @@ ToolRun bossac(const std::string& port, const std::string& file)
 bool ask(const std::string& port, std::string& cid, std::string& version, double seconds = 10)
 {
     LineClient client(port);
-    if (!client.isOpen()) {
-        return false;
-    }
-    cid.clear();
-    version.clear();
-    for (double waited = 0; waited < seconds && (cid.empty() || version.empty()); waited += 1) {
-        client.send("getCID\ngetVersion\n");
-        if (cid.empty()) {
-            cid = client.waitForLine("CID:", 1.0);
-        }
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 1.0);
-        }
-    }
-    return !cid.empty() && !version.empty();
+    return client.isOpen() && client.askIdentity(cid, version, static_cast<int>(std::ceil(seconds)));
 }
 
 void expectFlashHoldsFile(const SamBoard& board, const std::string& file)

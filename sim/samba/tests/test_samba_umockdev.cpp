@@ -38,15 +38,7 @@ std::string askCid(const std::string& node)
         return "cannot open " + node;
     }
     std::string cid, version;
-    for (int pass = 0; pass < 10 && (cid.empty() || version.empty()); ++pass) {
-        client.send("getCID\ngetVersion\n");
-        if (cid.empty()) {
-            cid = client.waitForLine("CID:", 1.0);
-        }
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 1.0);
-        }
-    }
+    client.askIdentity(cid, version, 10);
     return cid + " " + version;
 }
 
