@@ -93,56 +93,47 @@ void ControllerSimulator::stop()
 
 void ControllerSimulator::setCID(std::string cid)
 {
-    std::lock_guard lock(_mutex);
-    _cid = std::move(cid);
+    set(_cid, std::move(cid));
 }
 
 void ControllerSimulator::setVersion(std::string version)
 {
-    std::lock_guard lock(_mutex);
-    _version = std::move(version);
+    set(_version, std::move(version));
 }
 
 void ControllerSimulator::setMessage(std::optional<std::string> message)
 {
-    std::lock_guard lock(_mutex);
-    _message = std::move(message);
+    set(_message, std::move(message));
 }
 
 void ControllerSimulator::setAddress(std::string address)
 {
-    std::lock_guard lock(_mutex);
-    _address = std::move(address);
+    set(_address, std::move(address));
 }
 
 void ControllerSimulator::setIPDumpLines(std::vector<std::string> lines)
 {
-    std::lock_guard lock(_mutex);
-    _dumpLines = std::move(lines);
+    set(_dumpLines, std::move(lines));
 }
 
 bool ControllerSimulator::webserverRunning() const
 {
-    std::lock_guard lock(_mutex);
-    return _webserver;
+    return get(_webserver);
 }
 
 bool ControllerSimulator::inConfigurationMode() const
 {
-    std::lock_guard lock(_mutex);
-    return _configMode;
+    return get(_configMode);
 }
 
 void ControllerSimulator::setBootDelay(Clock::Seconds delay)
 {
-    std::lock_guard lock(_mutex);
-    _bootDelay = delay;
+    set(_bootDelay, std::move(delay));
 }
 
 void ControllerSimulator::setSilent(bool silent)
 {
-    std::lock_guard lock(_mutex);
-    _silent = silent;
+    set(_silent, std::move(silent));
 }
 
 void ControllerSimulator::setChunking(std::size_t chunkSize, std::chrono::milliseconds gap)
@@ -154,16 +145,14 @@ void ControllerSimulator::setChunking(std::size_t chunkSize, std::chrono::millis
 
 void ControllerSimulator::setTrailer(std::string trailer)
 {
-    std::lock_guard lock(_mutex);
-    _trailer = std::move(trailer);
+    set(_trailer, std::move(trailer));
 }
 
 // --- what it heard ------------------------------------------------------------------
 
 std::vector<std::string> ControllerSimulator::receivedLines() const
 {
-    std::lock_guard lock(_mutex);
-    return _received;
+    return get(_received);
 }
 
 std::size_t ControllerSimulator::countOf(const std::string& line) const
@@ -189,14 +178,12 @@ void ControllerSimulator::clearReceivedLines()
 
 int ControllerSimulator::openCount() const
 {
-    std::lock_guard lock(_mutex);
-    return _openCount;
+    return get(_openCount);
 }
 
 bool ControllerSimulator::isPortOpen() const
 {
-    std::lock_guard lock(_mutex);
-    return _portOpen;
+    return get(_portOpen);
 }
 
 bool ControllerSimulator::waitForPortOpen(bool open, std::chrono::milliseconds timeout) const
@@ -209,8 +196,7 @@ bool ControllerSimulator::waitForPortOpen(bool open, std::chrono::milliseconds t
 
 void ControllerSimulator::setTouchHandler(std::function<void()> handler)
 {
-    std::lock_guard lock(_mutex);
-    _touchHandler = std::move(handler);
+    set(_touchHandler, std::move(handler));
 }
 
 unsigned long ControllerSimulator::lineSpeed() const

@@ -56,6 +56,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace quendral::sim {
@@ -119,6 +120,18 @@ public:
     bool waitForPortOpen(bool open, std::chrono::milliseconds timeout) const;
 
 private:
+    // Fields the simulator's thread shares with its callers, set and read under the lock.
+    template <typename Field, typename Value> void set(Field& field, Value&& value)
+    {
+        std::lock_guard lock(_mutex);
+        field = std::forward<Value>(value);
+    }
+    template <typename Field> Field get(const Field& field) const
+    {
+        std::lock_guard lock(_mutex);
+        return field;
+    }
+
     void run();
     void portOpened();
     void handleLine(const std::string& line);
