@@ -51,6 +51,16 @@ protected:
         quendral::paths::setResourceFolder(resources.path());
     }
 
+    // bossac from the resource folder set up before: refused before it runs.
+    void expectBossacNotExecutable()
+    {
+        BossacWrapper wrapper("/dev/ttyACM0");
+        UploadRecorder recorder(&wrapper);
+        EXPECT_FALSE(wrapper.startUpload(hexFile));
+        EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
+        EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
+    }
+
     TempDir work;
     TempDir resources;
     fs::path hexFile = work.path() / "firmware.hex";
@@ -92,21 +102,13 @@ TEST_F(FlashingTools, AvrdudeNotExecutableIsReportedAsSuch)
 TEST_F(FlashingTools, BossacMissingIsReportedAsNotExecutable)
 {
     quendral::paths::setResourceFolder(resources.path());
-    BossacWrapper wrapper("/dev/ttyACM0");
-    UploadRecorder recorder(&wrapper);
-    EXPECT_FALSE(wrapper.startUpload(hexFile));
-    EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
-    EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
+    expectBossacNotExecutable();
 }
 
 TEST_F(FlashingTools, BossacNotExecutableIsReportedAsSuch)
 {
     useResourcesWithNonExecutable("bossac");
-    BossacWrapper wrapper("/dev/ttyACM0");
-    UploadRecorder recorder(&wrapper);
-    EXPECT_FALSE(wrapper.startUpload(hexFile));
-    EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
-    EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
+    expectBossacNotExecutable();
 }
 
 TEST_F(FlashingTools, AnUnknownBoardIsNotFlashed)

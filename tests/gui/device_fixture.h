@@ -36,11 +36,7 @@ protected:
     // Log messages so far, without their time stamps.
     [[nodiscard]] std::vector<std::string> loggedMessages() const { return console.messages(); }
 
-    [[nodiscard]] bool logged(const std::string& message) const
-    {
-        const auto messages = loggedMessages();
-        return std::find(messages.begin(), messages.end(), message) != messages.end();
-    }
+    [[nodiscard]] bool logged(const std::string& message) const { return console.logged(message); }
 
     CapturedConsole console;
 };

@@ -27,7 +27,33 @@ const std::vector<std::string> kDump = {"ip;192.168.10.50",
                                         "dev;1;Boiler room;192.168.10.60;1",
                                         "dev;2;Garage;192.168.10.61;0"};
 
-class ConfigurationButtonsTest : public AppWindowTest {};
+using Button = QPushButton* Ui::MasterView::*;
+
+class ConfigurationButtonsTest : public AppWindowTest {
+protected:
+    // With the Controller silent, the action of `button` ends in the one alert
+    // `alert` (answered Ok) and gives the controls back.
+    void expectSilentControllerAlert(Button button, const QString& alert)
+    {
+        simulator->setSilent(true);
+        launch(fastClock);
+        MessageBoxAnswerer answerer("Ok");
+        QTest::mouseClick(ui().*button, Qt::LeftButton);
+        ASSERT_TRUE(waitForActionEnd());
+        EXPECT_EQ(answerer.texts(), QStringList{alert});
+        EXPECT_TRUE(allControlsEnabled());
+    }
+
+    // Launches, clicks `button` and waits until its action has ended and a
+    // page has been opened in the browser.
+    void clickUntilAPageOpens(Button button)
+    {
+        launch();
+        QTest::mouseClick(ui().*button, Qt::LeftButton);
+        ASSERT_TRUE(waitForActionEnd());
+        ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    }
+};
 
 } // namespace
 
@@ -154,15 +180,10 @@ TEST_F(ConfigurationButtonsTest, IpConfigurationButtonOpensTheWindowFilledFromTh
 
 TEST_F(ConfigurationButtonsTest, IpConfigurationOfASilentControllerEndsInItsAlert)
 {
-    simulator->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().ipconfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device IP configuration"});
+    ASSERT_NO_FATAL_FAILURE(
+        expectSilentControllerAlert(&Ui::MasterView::ipconfigButton, "Could not get device IP configuration"));
     EXPECT_TRUE(logged("Error Could not get IP configuration from controller"));
     EXPECT_FALSE(app->ipConfigWindow()->isVisible());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 // --- online configuration ---------------------------------------------------------------------
@@ -170,10 +191,7 @@ TEST_F(ConfigurationButtonsTest, IpConfigurationOfASilentControllerEndsInItsAler
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationOpensTheControllersPageInTheBrowser)
 {
     simulator->setCID("QUENDRAL0000000000000000000000AB");
-    launch();
-    QTest::mouseClick(ui().configurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::configurationButton));
     EXPECT_EQ(browser.urls(), QStringList{QString::fromStdString(
                                   MainViewController::onlineConfigurationURL("QUENDRAL0000000000000000000000AB"))});
     EXPECT_TRUE(browser.urls().front().startsWith("https://"));
@@ -186,14 +204,9 @@ TEST_F(ConfigurationButtonsTest, OnlineConfigurationOpensTheControllersPageInThe
 
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationOfASilentControllerEndsInItsAlert)
 {
-    simulator->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().configurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device identification. Please contact support."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(
+        &Ui::MasterView::configurationButton, "Could not get device identification. Please contact support."));
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationShowsTheControllersOwnMessageOnce)
@@ -212,10 +225,7 @@ TEST_F(ConfigurationButtonsTest, OnlineConfigurationShowsTheControllersOwnMessag
 TEST_F(ConfigurationButtonsTest, LocalConfigurationOpensTheAddressTheControllerAnnounces)
 {
     simulator->setAddress("192.168.10.77");
-    launch();
-    QTest::mouseClick(ui().localConfigurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::localConfigurationButton));
     EXPECT_EQ(browser.urls(), QStringList{"http://192.168.10.77"});
     EXPECT_TRUE(simulator->waitForLine("config", 1s));
     EXPECT_TRUE(logged("User clicked local configuration (legacy)"));
@@ -225,15 +235,10 @@ TEST_F(ConfigurationButtonsTest, LocalConfigurationOpensTheAddressTheControllerA
 
 TEST_F(ConfigurationButtonsTest, LocalConfigurationOfASilentControllerEndsInItsAlert)
 {
-    simulator->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().localConfigurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device IP. Please contact support."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(&Ui::MasterView::localConfigurationButton,
+                                                        "Could not get device IP. Please contact support."));
     EXPECT_TRUE(logged("Error Could not get Ip for local config"));
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 // --- web configuration ---------------------------------------------------------------------------
@@ -241,10 +246,7 @@ TEST_F(ConfigurationButtonsTest, LocalConfigurationOfASilentControllerEndsInItsA
 TEST_F(ConfigurationButtonsTest, WebConfigurationSwitchedOnOpensTheControllersServer)
 {
     simulator->setAddress("192.168.10.50");
-    launch();
-    QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::webConfigButton));
     EXPECT_EQ(browser.urls(), QStringList{"http://192.168.10.50"});
     EXPECT_TRUE(simulator->webserverRunning());
     EXPECT_TRUE(logged("Webconfig is now on!"));
@@ -271,13 +273,7 @@ TEST_F(ConfigurationButtonsTest, WebConfigurationSwitchedOffSaysSoInItsAlert)
 
 TEST_F(ConfigurationButtonsTest, WebConfigurationOfASilentControllerEndsInItsAlert)
 {
-    simulator->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Error toggling Webconfig."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(&Ui::MasterView::webConfigButton, "Error toggling Webconfig."));
     EXPECT_EQ(countLogged("Error toggling Webconfig."), 1);
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }

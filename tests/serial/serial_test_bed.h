@@ -8,9 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <poll.h>
+#include <set>
 #include <string>
 #include <unistd.h>
 
@@ -65,6 +68,41 @@ protected:
         return port;
     }
 
+    // The port opened without a delegate at `baudRate`; checks that it opened
+    // and that the device end sees that speed.
+    SerialPort::Ptr openAtSpeed(unsigned long baudRate)
+    {
+        auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
+        if (!port) {
+            ADD_FAILURE() << "no port for /dev/ttyACM0";
+            return nullptr;
+        }
+        port->setBaudRate(baudRate);
+        port->open();
+        EXPECT_TRUE(port->isOpen());
+        EXPECT_EQ(device->speed(), baudRate);
+        return port;
+    }
+
+    // The port with a delegate of its own that declines `callback`, as a
+    // delegate without that method does (the delegate is decliningDelegate).
+    SerialPort::Ptr openPortDeclining(SerialPortDelegateCallback callback)
+    {
+        decliningDelegate = std::make_shared<RecordingSerialDelegate>(std::set<SerialPortDelegateCallback>{callback});
+        return openPort(decliningDelegate);
+    }
+
+    // Counts the port's notifications of `property` into `count`; the observer's id.
+    static std::uint64_t countNotifications(const SerialPort::Ptr& port, SerialPortProperty property,
+                                            std::atomic<int>& count)
+    {
+        return port->addPropertyObserver([&count, property](const SerialPort::Ptr&, SerialPortProperty changed) {
+            if (changed == property) {
+                ++count;
+            }
+        });
+    }
+
     static bool closeAndWait(const SerialPort::Ptr& port)
     {
         port->close();
@@ -72,6 +110,7 @@ protected:
     }
 
     std::shared_ptr<RecordingSerialDelegate> delegate;
+    std::shared_ptr<RecordingSerialDelegate> decliningDelegate;
 };
 
 } // namespace quendral::test

@@ -166,11 +166,7 @@ TEST_F(SerialPackets, ListeningTwiceForTheSameDescriptorKeepsOneBuffer)
     auto port = openPort(delegate);
     ASSERT_TRUE(port);
     std::atomic<int> notifications{0};
-    const auto observer = port->addPropertyObserver([&](const SerialPort::Ptr&, SerialPortProperty property) {
-        if (property == SerialPortProperty::PacketDescriptors) {
-            ++notifications;
-        }
-    });
+    const auto observer = countNotifications(port, SerialPortProperty::PacketDescriptors, notifications);
     const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::string("$"), std::string("\n"), 32, {});
     // Tells when "$hal" went through the descriptors: its last byte is a packet here.
     const auto lastByte = SerialPacketDescriptor::initWithPacketData(bytes("l"), {});

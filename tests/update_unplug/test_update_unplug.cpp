@@ -122,6 +122,23 @@ protected:
         run->openWindow();
     }
 
+    // Starts the update and checks that it ends cleanly (expectCleanEnd).
+    void pressUpdateUntilTheEnd()
+    {
+        run->pressUpdate();
+        expectCleanEnd(run->waitForEnd(kJobBound));
+    }
+
+    // The board goes when asked for its identity; the user answers the
+    // question about the intermediate firmware with `agree`.
+    void unplugWhenAskedForTheIdentity(bool agree)
+    {
+        start({});
+        run->due.unplugAt(Moment::WhenAskedForCID);
+        run->view.dialogAnswer = agree;
+        pressUpdateUntilTheEnd();
+    }
+
     // The job has ended, the controls are back, no port is open and no
     // descriptor is left over; bounded throughout.
     void expectCleanEnd(bool ended)
@@ -226,11 +243,7 @@ protected:
 
 TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGetsTheUploadError)
 {
-    start({});
-    run->due.unplugAt(Moment::WhenAskedForCID);
-    run->view.dialogAnswer = true;
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    unplugWhenAskedForTheIdentity(true);
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
     const auto texts = run->view.statusTexts();
@@ -246,11 +259,7 @@ TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGets
 
 TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoDeclinesSeesNothingMore)
 {
-    start({});
-    run->due.unplugAt(Moment::WhenAskedForCID);
-    run->view.dialogAnswer = false;
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    unplugWhenAskedForTheIdentity(false);
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::Declined);
     const auto texts = run->view.statusTexts();
@@ -301,8 +310,7 @@ TEST_F(UpdateUnplug, DuringTheTouchTheBoardNeverComesBackAndTheWaitGivesUp)
     start({"--polls", "1"});
     watchDownloadAt(kWaitingForBootLoader);
     run->due.unplugAt(Moment::AtTouch);
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     EXPECT_TRUE(log.contains("Resetting device into programming mode.."));
@@ -320,8 +328,7 @@ TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
             run->due.unplugAt(Moment::AtNextClose);
         }
     });
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     EXPECT_EQ(run->due.mode(), sim::SamMode::Application) << "no touch can have reached the board";
@@ -332,8 +339,7 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
     start({"--polls", "1"});
     watchDownloadAt(kWaitingForBootLoader);
     run->due.unplugAt(Moment::DuringReset);
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     // The countdown ran on past the board's departure.
@@ -356,8 +362,7 @@ void UpdateUnplug::unplugWhileBossacWrites(const std::function<void()>& beforeUn
             run->due.unplug();
         }
     });
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
     // bossac's run held one of its own (the wrapper's stop signal), given back since.
     EXPECT_EQ(eventFdCount(), eventFdsWhileWriting - 1);
 

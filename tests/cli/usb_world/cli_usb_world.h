@@ -65,19 +65,6 @@ protected:
         return controller;
     }
 
-    // `quendral-cli ip ARGUMENTS` against a KorbatekDue whose dump is `dump`:
-    // it exits 0 and the Controller is told to reset. `heard`: every line it got.
-    void writeIpSettings(const std::vector<std::string>& dump, const std::vector<std::string>& arguments,
-                         std::vector<std::string>& heard)
-    {
-        auto& controller = plugKorbatekDue();
-        controller.setIPDumpLines(dump);
-        const CliResult result = cli(arguments);
-        EXPECT_EQ(result.exitCode, 0) << describe(result);
-        ASSERT_TRUE(controller.waitForLine("reset", std::chrono::seconds(5)));
-        heard = controller.receivedLines();
-    }
-
     ControllerSimulator& plugKorbatekDue(const std::string& ttyName = "ttyACM0")
     {
         return plugController(usbDevice(ttyName, 0x2341, 0x003E));

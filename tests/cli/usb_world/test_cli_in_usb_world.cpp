@@ -192,35 +192,57 @@ TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
     EXPECT_NE(log.find("] Opening serial port /dev/ttyACM0\n"), std::string::npos) << log;
 }
 
-TEST_F(CliInUsbWorld, IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes)
-{
-    // "dns 10.0.0.5x" keeps only its address, as the window's check does.
-    std::vector<std::string> heard;
-    ASSERT_NO_FATAL_FAILURE(
-        writeIpSettings({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"},
-                        {"ip", "dhcp=on", "dns=dns 10.0.0.5x"}, heard));
-    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=0.0.0.0", "subnet=255.255.255.0",
-                                               "gateway=192.168.10.1", "dns=10.0.0.5", "store", "reset"}));
-}
+// The DHCP switch: what the Controller holds, what is asked, the settings it gets.
+struct DhcpCase {
+    const char* name;
+    std::string address; // the Controller's "ip" setting
+    std::vector<std::string> arguments;
+    std::string ipSent;
+    std::string dnsSent;
+};
 
-TEST_F(CliInUsbWorld, IpDhcpOffProposesTheFixedAddress)
+class CliDhcpSwitch : public CliInUsbWorld, public ::testing::WithParamInterface<DhcpCase> {
+protected:
+    // `quendral-cli ip ARGUMENTS` against a KorbatekDue whose dump is `dump`:
+    // it exits 0 and the Controller is told to reset. `heard`: every line it got.
+    void writeIpSettings(const std::vector<std::string>& dump, const std::vector<std::string>& arguments,
+                         std::vector<std::string>& heard)
+    {
+        auto& controller = plugKorbatekDue();
+        controller.setIPDumpLines(dump);
+        const CliResult result = cli(arguments);
+        EXPECT_EQ(result.exitCode, 0) << describe(result);
+        ASSERT_TRUE(controller.waitForLine("reset", std::chrono::seconds(5)));
+        heard = controller.receivedLines();
+    }
+};
+
+TEST_P(CliDhcpSwitch, WritesTheWholeSequence)
 {
+    const DhcpCase& c = GetParam();
     std::vector<std::string> heard;
     ASSERT_NO_FATAL_FAILURE(writeIpSettings(
-        {"ip;0.0.0.0", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"}, {"ip", "dhcp=off"}, heard));
-    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.99", "subnet=255.255.255.0",
-                                               "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
+        {"ip;" + c.address, "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"}, c.arguments, heard));
+    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=" + c.ipSent, "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1", "dns=" + c.dnsSent, "store", "reset"}));
 }
 
-TEST_F(CliInUsbWorld, IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress)
-{
-    std::vector<std::string> heard;
-    ASSERT_NO_FATAL_FAILURE(
-        writeIpSettings({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"},
-                        {"ip", "dhcp=off", "dns=192.168.10.3"}, heard));
-    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
-                                               "gateway=192.168.10.1", "dns=192.168.10.3", "store", "reset"}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    CliInUsbWorld, CliDhcpSwitch,
+    ::testing::Values(
+        // "dns 10.0.0.5x" keeps only its address, as the window's check does.
+        DhcpCase{"IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes",
+                 "192.168.10.50",
+                 {"ip", "dhcp=on", "dns=dns 10.0.0.5x"},
+                 "0.0.0.0",
+                 "10.0.0.5"},
+        DhcpCase{"IpDhcpOffProposesTheFixedAddress", "0.0.0.0", {"ip", "dhcp=off"}, "192.168.10.99", "192.168.10.2"},
+        DhcpCase{"IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress",
+                 "192.168.10.50",
+                 {"ip", "dhcp=off", "dns=192.168.10.3"},
+                 "192.168.10.50",
+                 "192.168.10.3"}),
+    [](const ::testing::TestParamInfo<DhcpCase>& test) { return std::string(test.param.name); });
 
 TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
 {
