@@ -55,32 +55,33 @@ protected:
         dispatch::RunLoop::main().drain();
     }
 
-    SerialPort::Ptr openPort(const std::shared_ptr<SerialPortDelegate>& withDelegate)
+    // /dev/ttyACM0, opened once `prepare` has set it up; none (after a
+    // failure) when there is no such port.
+    SerialPort::Ptr openAfter(const std::function<void(SerialPort&)>& prepare)
     {
         auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
         if (!port) {
             ADD_FAILURE() << "no port for /dev/ttyACM0";
             return nullptr;
         }
-        port->setDelegate(withDelegate);
+        prepare(*port);
         port->open();
         EXPECT_TRUE(port->isOpen());
         return port;
     }
 
-    // The port opened without a delegate at `baudRate`; checks that it opened
-    // and that the device end sees that speed.
+    SerialPort::Ptr openPort(const std::shared_ptr<SerialPortDelegate>& withDelegate)
+    {
+        return openAfter([&](SerialPort& port) { port.setDelegate(withDelegate); });
+    }
+
+    // Opened without a delegate at `baudRate`; the device end sees that speed.
     SerialPort::Ptr openAtSpeed(unsigned long baudRate)
     {
-        auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
-        if (!port) {
-            ADD_FAILURE() << "no port for /dev/ttyACM0";
-            return nullptr;
+        auto port = openAfter([&](SerialPort& opening) { opening.setBaudRate(baudRate); });
+        if (port) {
+            EXPECT_EQ(device->speed(), baudRate);
         }
-        port->setBaudRate(baudRate);
-        port->open();
-        EXPECT_TRUE(port->isOpen());
-        EXPECT_EQ(device->speed(), baudRate);
         return port;
     }
 

@@ -83,6 +83,14 @@ protected:
         return quendral::test::runCli(arguments, environment(), input);
     }
 
+    // `quendral-cli ARGUMENTS`, checked to end with `exitCode`.
+    CliResult cliExiting(int exitCode, const std::vector<std::string>& arguments, const std::string& input = "")
+    {
+        CliResult result = cli(arguments, input);
+        EXPECT_EQ(result.exitCode, exitCode) << describe(result);
+        return result;
+    }
+
     [[nodiscard]] std::string logFile() const
     {
         std::ifstream in(dataHome.path() / "QuendralFirmwareUpdater" / "log.txt");
