@@ -11,6 +11,7 @@
 #include "log/logger.h"
 #include "platform/dispatch.h"
 #include "qt_main_queue.h"
+#include "support/peak_memory.h"
 #include "ui_SerialMonitorView.h"
 #include "umockdev_testbed.h"
 #include "windows/serial_monitor.h"
@@ -82,19 +83,14 @@ Lateness measureEventLoop(double seconds)
     return summarise(late);
 }
 
+// VmRSS and VmHWM in kB (-1 where /proc does not say).
 std::pair<long, long> residentMemoryKb()
 {
-    std::ifstream status("/proc/self/status");
-    long rss = -1;
-    long hwm = -1;
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            rss = std::stol(line.substr(6));
-        } else if (line.rfind("VmHWM:", 0) == 0) {
-            hwm = std::stol(line.substr(6));
-        }
-    }
-    return {rss, hwm};
+    const auto kilobytes = [](const char* field) {
+        const auto value = quendral::test::statusKilobytes(field);
+        return value ? static_cast<long>(*value) : -1L;
+    };
+    return {kilobytes("VmRSS"), kilobytes("VmHWM")};
 }
 
 void print(const char* what, const Lateness& l)

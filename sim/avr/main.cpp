@@ -8,9 +8,7 @@
 #include <cstdio>
 #include <string>
 
-using quendral::sim::AvrBoard;
-using quendral::sim::AvrBoardKind;
-using quendral::sim::AvrBoardOptions;
+using namespace quendral::sim;
 
 namespace {
 
@@ -33,10 +31,10 @@ int main(int argc, char** argv)
 {
     AvrBoardOptions options;
     bool haveBoard = false;
-    quendral::sim::BoardCommandLine line;
+    BoardCommandLine line;
     const bool parsed = line.parse(
         argc, argv,
-        [&](const std::string& option, const quendral::sim::BoardCommandLine::ValueFetcher& value) {
+        [&](const std::string& option, const BoardCommandLine::ValueFetcher& value) {
             if (option == "--board") {
                 const std::string board = value().value_or("");
                 haveBoard = true;
@@ -69,31 +67,12 @@ int main(int argc, char** argv)
         }
         return 2;
     }
-    options.mute = line.mute;
-    options.stuckFlashByte = line.stuckFlashByte;
-    options.verbose = line.verbose;
-
-    // Signals are taken by the loop below, never by the board's thread.
-    const sigset_t signals = quendral::sim::blockSignals({SIGINT, SIGTERM, SIGUSR1});
-    if (!line.openEndpoint("quendral-avr-sim")) {
-        return 1;
-    }
-    AvrBoard board(options);
-    if (!board.start(line.fd, line.peerPath)) {
-        std::fprintf(stderr, "quendral-avr-sim: %s\n", board.error().c_str());
-        return 1;
-    }
-    if (line.pty) {
-        std::printf("%s\n", line.peerPath.c_str());
-        std::fflush(stdout);
-    }
-    quendral::sim::runSignalLoop(signals, [&board](int signal) {
-        if (signal == SIGUSR1) {
-            board.resetNow();
-            return true;
-        }
-        return false;
-    });
-    board.stop();
-    return 0;
+    return runBoardSimulator<AvrBoard>(line, options, "quendral-avr-sim", {SIGINT, SIGTERM, SIGUSR1}, nullptr,
+                                       [](AvrBoard& board, int signal) {
+                                           if (signal != SIGUSR1) {
+                                               return false;
+                                           }
+                                           board.resetNow();
+                                           return true;
+                                       });
 }

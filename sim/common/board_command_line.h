@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <optional>
 #include <string>
@@ -35,5 +36,39 @@ struct BoardCommandLine {
 // calling thread: each signal goes to `onSignal`, which says whether to go on.
 sigset_t blockSignals(std::initializer_list<int> signals);
 void runSignalLoop(const sigset_t& signals, const std::function<bool(int)>& onSignal);
+
+// The rest of every board simulator's main once its own options are read:
+// the signals are blocked first (the loop takes them, never the board's
+// thread), the endpoint opened, the board made and, after `prepare`, started;
+// a pty's path goes to standard output; every signal goes to `onSignal`,
+// which says whether to go on. Returns the exit status.
+template <typename Board, typename Options>
+int runBoardSimulator(BoardCommandLine& line, Options options, const char* programName,
+                      std::initializer_list<int> signals, const std::function<void(Board&)>& prepare,
+                      const std::function<bool(Board&, int)>& onSignal)
+{
+    options.mute = line.mute;
+    options.stuckFlashByte = line.stuckFlashByte;
+    options.verbose = line.verbose;
+    const sigset_t blocked = blockSignals(signals);
+    if (!line.openEndpoint(programName)) {
+        return 1;
+    }
+    Board board(options);
+    if (prepare) {
+        prepare(board);
+    }
+    if (!board.start(line.fd, line.peerPath)) {
+        std::fprintf(stderr, "%s: %s\n", programName, board.error().c_str());
+        return 1;
+    }
+    if (line.pty) {
+        std::printf("%s\n", line.peerPath.c_str());
+        std::fflush(stdout);
+    }
+    runSignalLoop(blocked, [&board, &onSignal](int signal) { return onSignal(board, signal); });
+    board.stop();
+    return 0;
+}
 
 } // namespace quendral::sim

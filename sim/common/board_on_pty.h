@@ -1,6 +1,7 @@
 #pragma once
 // For the device lab's tests: a simulated board on a fresh pty of its own,
-// stopped and closed at the end of the test, and a polling wait.
+// stopped and closed at the end of the test.
+#include "poll_until.h"
 #include "pty.h"
 
 #include <gtest/gtest.h>
@@ -40,19 +41,5 @@ template <typename Board> struct BoardOnPty {
         return ::testing::AssertionSuccess();
     }
 };
-
-// Polls `done` every 10 ms for up to `seconds`.
-template <typename Predicate> bool waitFor(Predicate done, double seconds)
-{
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int>(seconds * 1000));
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 } // namespace quendral::sim

@@ -1,30 +1,13 @@
 #include "intel_hex.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
 namespace quendral::sim {
-
-namespace {
-
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return -1;
-}
-
-} // namespace
 
 std::optional<SparseImage> parseIntelHex(const std::string& text)
 {
@@ -44,12 +27,13 @@ std::optional<SparseImage> parseIntelHex(const std::string& text)
         }
         std::vector<uint8_t> rec;
         for (size_t i = 1; i < line.size(); i += 2) {
-            int hi = hexDigit(line[i]);
-            int lo = hexDigit(line[i + 1]);
-            if (hi < 0 || lo < 0) {
+            const char* const pair = line.data() + i;
+            uint8_t byte = 0;
+            const auto [end, error] = std::from_chars(pair, pair + 2, byte, 16);
+            if (error != std::errc() || end != pair + 2) {
                 return std::nullopt;
             }
-            rec.push_back(static_cast<uint8_t>(hi * 16 + lo));
+            rec.push_back(byte);
         }
         uint8_t sum = 0;
         for (uint8_t b : rec) {
@@ -105,7 +89,7 @@ std::string toIntelHex(const std::vector<uint8_t>& data, uint32_t base)
                       static_cast<uint8_t>(0x100 - sum) & 0xff);
         out += buf;
     };
-    uint32_t upper = 0xffffffff;
+    uint32_t upper = 0; // what a reader assumes before any extended address record
     for (size_t i = 0; i < data.size();) {
         uint32_t addr = base + static_cast<uint32_t>(i);
         if ((addr >> 16) != upper) {

@@ -18,8 +18,9 @@ std::optional<SparseImage> parseIntelHex(const std::string& text);
 std::optional<SparseImage> readIntelHexFile(const std::string& path);
 
 // HEX text of `data` placed at `base`, 16 bytes per record, with the
-// extended linear address records it needs and the end record.
-std::string toIntelHex(const std::vector<uint8_t>& data, uint32_t base);
+// extended linear address records it needs (none below 64 KiB) and the end
+// record. The one HEX writer of the lab and the tests.
+std::string toIntelHex(const std::vector<uint8_t>& data, uint32_t base = 0);
 
 std::optional<std::vector<uint8_t>> readFile(const std::string& path);
 bool writeFile(const std::string& path, const std::vector<uint8_t>& data);

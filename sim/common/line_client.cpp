@@ -75,4 +75,31 @@ std::string LineClient::waitForLine(const std::string& prefix, double timeoutSec
     }
 }
 
+std::string LineClient::askUntilAnswered(const std::string& request, const std::string& prefix, int tries,
+                                         double timeoutSeconds)
+{
+    std::string line;
+    for (int pass = 0; pass < tries && line.empty(); ++pass) {
+        send(request);
+        line = waitForLine(prefix, timeoutSeconds);
+    }
+    return line;
+}
+
+bool LineClient::askIdentity(std::string& cid, std::string& version, int tries)
+{
+    cid.clear();
+    version.clear();
+    for (int pass = 0; pass < tries && (cid.empty() || version.empty()); ++pass) {
+        send("getCID\ngetVersion\n");
+        if (cid.empty()) {
+            cid = waitForLine("CID:", 1.0);
+        }
+        if (!cid.empty()) {
+            version = waitForLine("VERSION:", 1.0);
+        }
+    }
+    return !cid.empty() && !version.empty();
+}
+
 } // namespace quendral::sim

@@ -20,6 +20,14 @@ public:
     // Reads for up to timeoutSeconds; returns once a line beginning with `prefix`
     // has arrived (the line without its line feed), or empty on time-out.
     std::string waitForLine(const std::string& prefix, double timeoutSeconds);
+    // Sends `request` and waits `timeoutSeconds` for a line beginning with
+    // `prefix`, up to `tries` times (a board that has just reset misses the
+    // first requests). The line, or empty.
+    std::string askUntilAnswered(const std::string& request, const std::string& prefix, int tries,
+                                 double timeoutSeconds);
+    // Asks "getCID" and "getVersion" together, a second for each reply, as
+    // the application does, until both replies came or `tries` rounds passed.
+    bool askIdentity(std::string& cid, std::string& version, int tries);
     // Everything received so far (complete and partial lines).
     const std::string& received() const { return received_; }
 

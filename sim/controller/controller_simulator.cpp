@@ -93,56 +93,47 @@ void ControllerSimulator::stop()
 
 void ControllerSimulator::setCID(std::string cid)
 {
-    std::lock_guard lock(_mutex);
-    _cid = std::move(cid);
+    set(_cid, std::move(cid));
 }
 
 void ControllerSimulator::setVersion(std::string version)
 {
-    std::lock_guard lock(_mutex);
-    _version = std::move(version);
+    set(_version, std::move(version));
 }
 
 void ControllerSimulator::setMessage(std::optional<std::string> message)
 {
-    std::lock_guard lock(_mutex);
-    _message = std::move(message);
+    set(_message, std::move(message));
 }
 
 void ControllerSimulator::setAddress(std::string address)
 {
-    std::lock_guard lock(_mutex);
-    _address = std::move(address);
+    set(_address, std::move(address));
 }
 
 void ControllerSimulator::setIPDumpLines(std::vector<std::string> lines)
 {
-    std::lock_guard lock(_mutex);
-    _dumpLines = std::move(lines);
+    set(_dumpLines, std::move(lines));
 }
 
 bool ControllerSimulator::webserverRunning() const
 {
-    std::lock_guard lock(_mutex);
-    return _webserver;
+    return get(_webserver);
 }
 
 bool ControllerSimulator::inConfigurationMode() const
 {
-    std::lock_guard lock(_mutex);
-    return _configMode;
+    return get(_configMode);
 }
 
 void ControllerSimulator::setBootDelay(Clock::Seconds delay)
 {
-    std::lock_guard lock(_mutex);
-    _bootDelay = delay;
+    set(_bootDelay, std::move(delay));
 }
 
 void ControllerSimulator::setSilent(bool silent)
 {
-    std::lock_guard lock(_mutex);
-    _silent = silent;
+    set(_silent, std::move(silent));
 }
 
 void ControllerSimulator::setChunking(std::size_t chunkSize, std::chrono::milliseconds gap)
@@ -154,16 +145,14 @@ void ControllerSimulator::setChunking(std::size_t chunkSize, std::chrono::millis
 
 void ControllerSimulator::setTrailer(std::string trailer)
 {
-    std::lock_guard lock(_mutex);
-    _trailer = std::move(trailer);
+    set(_trailer, std::move(trailer));
 }
 
 // --- what it heard ------------------------------------------------------------------
 
 std::vector<std::string> ControllerSimulator::receivedLines() const
 {
-    std::lock_guard lock(_mutex);
-    return _received;
+    return get(_received);
 }
 
 std::size_t ControllerSimulator::countOf(const std::string& line) const
@@ -189,14 +178,12 @@ void ControllerSimulator::clearReceivedLines()
 
 int ControllerSimulator::openCount() const
 {
-    std::lock_guard lock(_mutex);
-    return _openCount;
+    return get(_openCount);
 }
 
 bool ControllerSimulator::isPortOpen() const
 {
-    std::lock_guard lock(_mutex);
-    return _portOpen;
+    return get(_portOpen);
 }
 
 bool ControllerSimulator::waitForPortOpen(bool open, std::chrono::milliseconds timeout) const
@@ -209,8 +196,7 @@ bool ControllerSimulator::waitForPortOpen(bool open, std::chrono::milliseconds t
 
 void ControllerSimulator::setTouchHandler(std::function<void()> handler)
 {
-    std::lock_guard lock(_mutex);
-    _touchHandler = std::move(handler);
+    set(_touchHandler, std::move(handler));
 }
 
 unsigned long ControllerSimulator::lineSpeed() const
@@ -222,27 +208,22 @@ void ControllerSimulator::noteLineSpeed()
 {
     const unsigned long speed = lineSpeed();
     std::lock_guard lock(_mutex);
-    _sessionActive = true;
-    if (speed == kTouchBaudRate) {
-        _sawTouchSpeed = true;
-    }
+    _touch.sawSpeed(speed);
 }
 
 int ControllerSimulator::touchCount() const
 {
     std::lock_guard lock(_mutex);
-    return _touchCount;
+    return _touch.touches();
 }
 
 bool ControllerSimulator::endSession()
 {
-    bool touched = false;
     {
         std::lock_guard lock(_mutex);
-        if (!_portOpen && !_sessionActive) {
+        if (!_portOpen && !_touch.inSession()) {
             return false; // nobody has had it open: the hang-up of an unused pty
         }
-        touched = _sawTouchSpeed;
     }
     // A hang-up seen just before an open must not end the session that open began.
     pollfd check{_deviceEnd, 0, 0};
@@ -250,10 +231,8 @@ bool ControllerSimulator::endSession()
         return false;
     }
     std::lock_guard lock(_mutex);
-    _sessionActive = false;
-    _sawTouchSpeed = false;
+    const bool touched = _touch.hostClosed();
     if (touched) {
-        ++_touchCount;
         _changed.notify_all();
     }
     return touched;

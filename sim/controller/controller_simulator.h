@@ -28,9 +28,9 @@
 // every reply into chunks with pauses (setChunking), or push arbitrary bytes
 // (sendRaw: garbage, non-ASCII, over-long lines, unsolicited replies).
 //
-// The 1200-baud touch: a port that was opened, set to 1200 baud and closed
-// again is how the application asks a native-USB board to restart into its
-// boot loader. The simulator watches the device end: it notes the line speed
+// The 1200-baud touch (baud_touch.h): a port that was opened, set to 1200 baud
+// and closed again is how the application asks a native-USB board to restart
+// into its boot loader. The simulator watches the device end: it notes the line speed
 // whenever it wakes while the port is open and whenever someone calls
 // noteLineSpeed() (the umockdev board calls it from its ioctl handler, which
 // sees every modem-line call the application makes, so even an open-and-close
@@ -43,6 +43,7 @@
 // every method is thread-safe. The boot delay is measured with the Clock given
 // at construction, so a test with a fast-forwarding clock sees a slow boot
 // without waiting for it.
+#include "baud_touch.h"
 #include "platform/clock.h"
 
 #include <chrono>
@@ -55,6 +56,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace quendral::sim {
@@ -105,7 +107,6 @@ public:
     bool waitForLine(const std::string& line, std::chrono::milliseconds timeout, std::size_t count = 1) const;
     void clearReceivedLines();
     // --- the 1200-baud touch ------------------------------------------------------
-    static constexpr unsigned long kTouchBaudRate = 1200;
     void setTouchHandler(std::function<void()> handler);
     // Looks at the line speed now (the speed the application set).
     void noteLineSpeed();
@@ -119,6 +120,18 @@ public:
     bool waitForPortOpen(bool open, std::chrono::milliseconds timeout) const;
 
 private:
+    // Fields the simulator's thread shares with its callers, set and read under the lock.
+    template <typename Field, typename Value> void set(Field& field, Value&& value)
+    {
+        std::lock_guard lock(_mutex);
+        field = std::forward<Value>(value);
+    }
+    template <typename Field> Field get(const Field& field) const
+    {
+        std::lock_guard lock(_mutex);
+        return field;
+    }
+
     void run();
     void portOpened();
     void handleLine(const std::string& line);
@@ -155,9 +168,7 @@ private:
     std::string _partialLine;
     bool _portOpen = false;
     int _openCount = 0;
-    bool _sessionActive = false; // the application did something on the open port
-    bool _sawTouchSpeed = false; // ... and the line stood at 1200 baud meanwhile
-    int _touchCount = 0;
+    BaudTouchDetector _touch;
     std::function<void()> _touchHandler;
     std::mutex _writeMutex;
 };

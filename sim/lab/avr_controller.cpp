@@ -1,6 +1,7 @@
 #include "avr_controller.h"
 
 #include "line_client.h"
+#include "poll_until.h"
 
 #include <chrono>
 #include <thread>
@@ -60,15 +61,9 @@ std::optional<std::string> AvrController::askIdentity()
     }
     _device->setLineChangeHandler(nullptr);
     // The boot loader leaves for the program once its wait is over.
-    for (int i = 0; i < 500 && !_board->runningApplication(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    pollUntil([this] { return _board->runningApplication(); }, std::chrono::seconds(5));
     LineClient client(_device->devnode());
-    std::string cid;
-    for (int pass = 0; pass < 5 && cid.empty(); ++pass) {
-        client.send("getCID\n");
-        cid = client.waitForLine("CID:", 1.0);
-    }
+    const std::string cid = client.askUntilAnswered("getCID\n", "CID:", 5, 1.0);
     if (cid.empty()) {
         return std::nullopt;
     }

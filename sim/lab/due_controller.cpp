@@ -1,5 +1,7 @@
 #include "due_controller.h"
 
+#include "stop_worker.h"
+
 #include <sys/ioctl.h>
 
 namespace quendral::sim {
@@ -56,18 +58,9 @@ bool DueController::start()
 
 void DueController::stop()
 {
-    {
-        std::lock_guard lock(_mutex);
-        if (_stopping) {
-            return;
-        }
-        _stopping = true;
-        _changed.notify_all();
+    if (stopWorker(_mutex, _changed, _stopping, _worker)) {
+        _board.stop();
     }
-    if (_worker.joinable()) {
-        _worker.join();
-    }
-    _board.stop();
 }
 
 std::shared_ptr<UmockdevSerialDevice> DueController::plugIn(SamMode mode)
@@ -88,7 +81,8 @@ std::shared_ptr<UmockdevSerialDevice> DueController::plugIn(SamMode mode)
     if (mode == SamMode::Application) {
         // The firmware's USB stack resets into SAM-BA when the host sets the
         // modem lines (DTR dropping) while the line stands at 1200 baud: the
-        // host's "1200-baud touch". Nothing else ever sets 1200 baud here.
+        // host's "1200-baud touch" (baud_touch.h). Nothing else ever sets
+        // 1200 baud here.
         std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
         device->setIoctlHook([this, weakDevice](unsigned long request) {
             const auto self = weakDevice.lock();
@@ -96,8 +90,15 @@ std::shared_ptr<UmockdevSerialDevice> DueController::plugIn(SamMode mode)
                 unplug(); // the close goes on; the node is gone
                 return;
             }
-            if (!self || request != TIOCMSET || self->speed() != 1200 || _board.mode() != SamMode::Application) {
+            if (!self || request != TIOCMSET || _board.mode() != SamMode::Application) {
                 return;
+            }
+            const unsigned long speed = self->speed();
+            {
+                std::lock_guard lock(_mutex);
+                if (!_touch.modemLinesSet(speed)) {
+                    return;
+                }
             }
             if (takeMoment(UnplugMoment::AtTouch)) {
                 unplug(); // before the call is answered: it fails as on a vanished device

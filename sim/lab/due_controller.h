@@ -6,6 +6,7 @@
 // the SAM-BA boot loader 03EB:6124 on a new node, where the real bossac
 // flashes it; after bossac's reset it comes back as 2341:003E with the
 // identity of what was flashed.
+#include "baud_touch.h"
 #include "sam_board.h"
 #include "umockdev_testbed.h"
 
@@ -85,6 +86,7 @@ private:
     int _nextNumber = 0;
     int _enumerations = 0;
     int _pendingModeChanges = 0;
+    BaudTouchDetector _touch;
     SamMode _currentMode = SamMode::BootLoader;
     bool _stopping = false;
     bool _unplugged = false;

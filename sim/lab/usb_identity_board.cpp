@@ -1,5 +1,7 @@
 #include "usb_identity_board.h"
 
+#include "stop_worker.h"
+
 #include <chrono>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -24,17 +26,7 @@ void UsbIdentityBoard::start()
 
 void UsbIdentityBoard::stop()
 {
-    {
-        std::lock_guard lock(_mutex);
-        if (_stopping) {
-            return;
-        }
-        _stopping = true;
-        _changed.notify_all();
-    }
-    if (_worker.joinable()) {
-        _worker.join();
-    }
+    stopWorker(_mutex, _changed, _stopping, _worker);
 }
 
 void UsbIdentityBoard::setReturnHandler(std::function<void(const std::shared_ptr<UmockdevSerialDevice>&)> handler)
@@ -63,11 +55,13 @@ void UsbIdentityBoard::plugIn(const UsbSerialDeviceInfo& info, bool afterTouch)
         std::weak_ptr<UmockdevSerialDevice> weakDevice = device;
         device->setIoctlHook([this, weakDevice](unsigned long request) {
             const auto self = weakDevice.lock();
-            if (!self || request != TIOCMSET || self->speed() != 1200) {
+            if (!self || request != TIOCMSET) {
                 return;
             }
+            const unsigned long speed = self->speed();
             std::lock_guard lock(_mutex);
-            if (_touches++ == 0 && _options.onTouch != UsbIdentityBoardOptions::OnTouch::Nothing) {
+            if (_touch.modemLinesSet(speed) && _touch.touches() == 1 &&
+                _options.onTouch != UsbIdentityBoardOptions::OnTouch::Nothing) {
                 _touchPending = true;
                 _changed.notify_all();
             }
@@ -122,7 +116,7 @@ int UsbIdentityBoard::deviceEnd() const
 int UsbIdentityBoard::touches() const
 {
     std::lock_guard lock(_mutex);
-    return _touches;
+    return _touch.touches();
 }
 
 } // namespace quendral::sim

@@ -5,6 +5,7 @@
 // It can behave as a native-USB board does on the 1200-baud touch: the node
 // goes and the board comes back on a new node with another identity (its
 // boot loader's), or goes and never comes back.
+#include "baud_touch.h"
 #include "umockdev_testbed.h"
 
 #include <condition_variable>
@@ -56,7 +57,7 @@ private:
     std::condition_variable _changed;
     std::shared_ptr<UmockdevSerialDevice> _device;
     std::function<void(const std::shared_ptr<UmockdevSerialDevice>&)> _onReturn;
-    int _touches = 0;
+    BaudTouchDetector _touch;
     bool _touchPending = false;
     bool _stopping = false;
     std::thread _worker;

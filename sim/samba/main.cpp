@@ -8,9 +8,7 @@
 #include <cstdio>
 #include <string>
 
-using quendral::sim::SamBoard;
-using quendral::sim::SamBoardOptions;
-using quendral::sim::SamMode;
+using namespace quendral::sim;
 
 namespace {
 
@@ -32,10 +30,10 @@ void usage()
 int main(int argc, char** argv)
 {
     SamBoardOptions options;
-    quendral::sim::BoardCommandLine line;
+    BoardCommandLine line;
     const bool parsed = line.parse(
         argc, argv,
-        [&](const std::string& option, const quendral::sim::BoardCommandLine::ValueFetcher& value) {
+        [&](const std::string& option, const BoardCommandLine::ValueFetcher& value) {
             if (option == "--flash-out") {
                 options.flashFile = value().value_or("");
             } else if (option == "--image") {
@@ -51,38 +49,22 @@ int main(int argc, char** argv)
     if (!parsed) {
         return 2;
     }
-    options.mute = line.mute;
-    options.stuckFlashByte = line.stuckFlashByte;
-    options.verbose = line.verbose;
-
-    const sigset_t signals = quendral::sim::blockSignals({SIGINT, SIGTERM, SIGUSR1, SIGUSR2});
-    if (!line.openEndpoint("quendral-samba-sim")) {
-        return 1;
-    }
-    SamBoard board(options);
-    board.setModeObserver([&board](SamMode mode) {
-        std::fprintf(stderr, "quendral-samba-sim: now %s (USB %04x:%04x)\n",
-                     mode == SamMode::BootLoader ? "in SAM-BA" : "running the application", board.usbVendorId(),
-                     board.usbProductId());
-    });
-    if (!board.start(line.fd, line.peerPath)) {
-        std::fprintf(stderr, "quendral-samba-sim: %s\n", board.error().c_str());
-        return 1;
-    }
-    if (line.pty) {
-        std::printf("%s\n", line.peerPath.c_str());
-        std::fflush(stdout);
-    }
-    quendral::sim::runSignalLoop(signals, [&board](int signal) {
-        if (signal == SIGUSR1) {
-            board.resetNow();
-        } else if (signal == SIGUSR2) {
-            board.touch1200();
-        } else {
-            return false;
-        }
-        return true;
-    });
-    board.stop();
-    return 0;
+    const auto announceModes = [](SamBoard& board) {
+        board.setModeObserver([&board](SamMode mode) {
+            std::fprintf(stderr, "quendral-samba-sim: now %s (USB %04x:%04x)\n",
+                         mode == SamMode::BootLoader ? "in SAM-BA" : "running the application", board.usbVendorId(),
+                         board.usbProductId());
+        });
+    };
+    return runBoardSimulator<SamBoard>(line, options, "quendral-samba-sim", {SIGINT, SIGTERM, SIGUSR1, SIGUSR2},
+                                       announceModes, [](SamBoard& board, int signal) {
+                                           if (signal == SIGUSR1) {
+                                               board.resetNow();
+                                           } else if (signal == SIGUSR2) {
+                                               board.touch1200();
+                                           } else {
+                                               return false;
+                                           }
+                                           return true;
+                                       });
 }

@@ -1,5 +1,6 @@
 #include "sam_board.h"
 
+#include "baud_touch.h"
 #include "intel_hex.h"
 #include "sam3x_memory.h"
 #include "samba_monitor.h"
@@ -22,6 +23,7 @@ struct SamBoard::State {
     std::optional<ControllerIdentity> identity;
     std::string line; // the application's current input line
     unsigned lastBaud = 0;
+    BaudTouchDetector touch;
 };
 
 SamBoard::SamBoard(SamBoardOptions options) : options_(std::move(options)), state_(std::make_unique<State>()) {}
@@ -217,9 +219,10 @@ void SamBoard::run()
         link.takeOpens();
         unsigned baud = link.baud();
         bool touched = touchRequested_.exchange(false);
-        // The touch: the line closed while set to 1200 baud (or went to 1200
-        // baud and closed between two looks).
-        if (mode_ == SamMode::Application && baud == 1200 && (closes > 0 || (!link.peerOpen() && s.lastBaud != 1200))) {
+        // The host closed the line since the last look, or opened it, changed
+        // its speed and closed it again between two looks.
+        const bool hostClosed = closes > 0 || (!link.peerOpen() && s.lastBaud != baud);
+        if (mode_ == SamMode::Application && hostClosed && s.touch.hostClosed(baud)) {
             touched = true;
         }
         s.lastBaud = baud;

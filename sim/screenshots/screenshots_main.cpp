@@ -9,6 +9,7 @@
 #include "controller_simulator.h"
 #include "host_window.h"
 #include "log/logger.h"
+#include "poll_until.h"
 #include "qt_main_queue.h"
 #include "qt_main_view.h"
 #include "ui_MasterView.h"
@@ -37,15 +38,10 @@ using namespace std::chrono_literals;
 
 bool spinUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
+    return sim::pollUntil(done, timeout, [] {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         std::this_thread::sleep_for(2ms);
-    }
-    return true;
+    });
 }
 
 void settle(std::chrono::milliseconds time = 400ms)

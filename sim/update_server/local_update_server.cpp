@@ -1,4 +1,5 @@
 #include "local_update_server.h"
+#include "poll_until.h"
 
 #include <curl/curl.h>
 
@@ -138,12 +139,10 @@ void LocalUpdateServer::stop()
 {
     if (_pid > 0) {
         ::kill(_pid, SIGTERM);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         int status = 0;
         pid_t done = 0;
-        while ((done = ::waitpid(_pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        sim::pollUntil([&] { return (done = ::waitpid(_pid, &status, WNOHANG)) != 0; }, std::chrono::seconds(10),
+                       [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
         if (done == 0) {
             ::kill(_pid, SIGKILL);
             ::waitpid(_pid, &status, 0);

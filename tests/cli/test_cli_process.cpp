@@ -1,46 +1,36 @@
 // The quendral-cli binary as a user runs it.
+#include "../support/shell_command.h"
+
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <sys/wait.h>
 
 namespace {
 
-struct Result {
-    int exitCode = -1;
-    std::string output;
-};
+using quendral::test::runShellCommand;
 
 // Runs the binary with arguments that are fixed words in these tests.
-Result run(const std::string& arguments)
+quendral::test::ShellResult run(const std::string& arguments)
 {
     const char* cli = std::getenv("QUENDRAL_CLI");
     EXPECT_NE(cli, nullptr);
-    const std::string command = std::string(cli) + " " + arguments + " 2>&1";
-    Result result;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        result.output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return runShellCommand(std::string(cli) + " " + arguments + " 2>&1");
+}
+
+// Exits 0 and prints `start` first.
+void expectSuccessStartingWith(const std::string& arguments, const std::string& start)
+{
+    const auto result = run(arguments);
+    EXPECT_EQ(result.exitCode, 0) << arguments;
+    EXPECT_EQ(result.output.rfind(start, 0), 0U) << result.output;
 }
 
 } // namespace
 
 TEST(CliProcess, HelpExitsZeroAndShowsUsage)
 {
-    const auto result = run("--help");
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.output.rfind("Usage: quendral-cli COMMAND [OPTIONS]", 0), 0U) << result.output;
+    expectSuccessStartingWith("--help", "Usage: quendral-cli COMMAND [OPTIONS]");
 }
 
 TEST(CliProcess, WrongArgumentExitsTwoWithAUsageMessage)
@@ -65,9 +55,7 @@ TEST(CliProcess, UsageErrorsGoToStandardErrorOnly)
 
 TEST(CliProcess, VersionPrintsTheProgramVersion)
 {
-    const auto result = run("--version");
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.output.rfind("quendral-cli ", 0), 0U) << result.output;
+    expectSuccessStartingWith("--version", "quendral-cli ");
 }
 
 TEST(CliProcess, LogPrintsTheLogFilePathInTheDataFolder)

@@ -6,7 +6,8 @@
 #include "platform/dispatch.h"
 #include "support/fast_forward_clock.h"
 #include "support/recording_main_view.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
+#include "support/wait.h"
 
 #include <gtest/gtest.h>
 
@@ -18,11 +19,6 @@
 namespace quendral::test {
 
 using namespace std::chrono_literals;
-
-inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
 
 // The port list is not part of these tests: the selected path is set by hand.
 class MainViewControllerWithSelection : public MainViewController {
@@ -45,14 +41,12 @@ private:
     std::optional<std::string> _selection;
 };
 
-class ProtocolTestBed : public ::testing::Test {
+class ProtocolTestBed : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-        testbed = std::make_unique<sim::UmockdevTestbed>();
-        device = testbed->addUsbSerialDevice({});
-        simulator = std::make_unique<sim::ControllerSimulator>(device->deviceEnd(), clock);
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
+        plugSimulatedController({}, clock);
         controller = std::make_shared<MainViewControllerWithSelection>(view, nullptr, clock);
         controller->select("/dev/ttyACM0");
     }
@@ -63,7 +57,7 @@ protected:
             port->close();
             waitFor([&] { return !port->isOpen(); });
         }
-        simulator->stop();
+        UmockdevTest::TearDown();
         dispatch::RunLoop::main().drain();
     }
 
@@ -97,9 +91,6 @@ protected:
 
     FastForwardClock clock;
     RecordingMainView view;
-    std::unique_ptr<sim::UmockdevTestbed> testbed;
-    std::shared_ptr<sim::UmockdevSerialDevice> device;
-    std::unique_ptr<sim::ControllerSimulator> simulator;
     std::shared_ptr<MainViewControllerWithSelection> controller;
 };
 

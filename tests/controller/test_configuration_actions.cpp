@@ -37,6 +37,15 @@ protected:
 
     [[nodiscard]] std::vector<std::string> loggedMessages() const { return console.messages(); }
 
+    // With the Controller silent, `action` ends in the one alert `alert`.
+    void expectSilentControllerAlert(const std::function<void()>& action, const std::string& alert)
+    {
+        simulator->setSilent(true);
+        action();
+        ASSERT_TRUE(waitForActionEnd());
+        EXPECT_EQ(view.alerts(), std::vector<std::string>{alert});
+    }
+
     RecordingApplicationDelegate app;
     CapturedConsole console;
 };
@@ -90,13 +99,9 @@ TEST_F(ConfigurationActionsTest, IpConfigOpensTheIPWindowWithTheDump)
 
 TEST_F(ConfigurationActionsTest, IpConfigWithASilentControllerAlerts)
 {
-    simulator->setSilent(true);
-    controller->ipConfig();
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(view.alerts(), std::vector<std::string>{"Could not get device IP configuration"});
-    const auto messages = loggedMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Error Could not get IP configuration from controller"),
-              messages.end());
+    ASSERT_NO_FATAL_FAILURE(
+        expectSilentControllerAlert([&] { controller->ipConfig(); }, "Could not get device IP configuration"));
+    EXPECT_TRUE(console.logged("Error Could not get IP configuration from controller"));
     EXPECT_TRUE(app.ipConfigOpens().empty());
 }
 
@@ -133,10 +138,8 @@ TEST_F(ConfigurationActionsTest, ConfigureControllerWithAMessageShowsItOnceAndNo
 
 TEST_F(ConfigurationActionsTest, ConfigureControllerWithASilentControllerAsksToContactSupport)
 {
-    simulator->setSilent(true);
-    controller->configureController();
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(view.alerts(), std::vector<std::string>{"Could not get device identification. Please contact support."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(
+        [&] { controller->configureController(); }, "Could not get device identification. Please contact support."));
 }
 
 TEST_F(ConfigurationActionsTest, LocalConfigOpensTheControllersAddress)
@@ -149,12 +152,9 @@ TEST_F(ConfigurationActionsTest, LocalConfigOpensTheControllersAddress)
 
 TEST_F(ConfigurationActionsTest, LocalConfigWithASilentControllerAlerts)
 {
-    simulator->setSilent(true);
-    controller->localConfig();
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(view.alerts(), std::vector<std::string>{"Could not get device IP. Please contact support."});
-    const auto messages = loggedMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Error Could not get Ip for local config"), messages.end());
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert([&] { controller->localConfig(); },
+                                                        "Could not get device IP. Please contact support."));
+    EXPECT_TRUE(console.logged("Error Could not get Ip for local config"));
 }
 
 TEST_F(ConfigurationActionsTest, WebConfigSwitchedOnOpensTheWebServer)
@@ -163,8 +163,7 @@ TEST_F(ConfigurationActionsTest, WebConfigSwitchedOnOpensTheWebServer)
     controller->webConfig();
     ASSERT_TRUE(waitForActionEnd());
     EXPECT_EQ(view.urls(), std::vector<std::string>{"http://192.168.10.99"});
-    const auto messages = loggedMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Webconfig is now on!"), messages.end());
+    EXPECT_TRUE(console.logged("Webconfig is now on!"));
     EXPECT_EQ(view.statusTexts().back(), "");
 }
 
@@ -180,16 +179,12 @@ TEST_F(ConfigurationActionsTest, WebConfigSwitchedOffSaysSo)
     ASSERT_TRUE(waitFor([&] { return app.menuEnables() > before; }, 60000ms));
     dispatch::RunLoop::main().drain();
     EXPECT_EQ(view.alerts(), std::vector<std::string>{"Webconfig sucessfully disabeled"});
-    const auto messages = loggedMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Webconfig is now off"), messages.end());
+    EXPECT_TRUE(console.logged("Webconfig is now off"));
 }
 
 TEST_F(ConfigurationActionsTest, WebConfigWithASilentControllerReportsTheErrorAfterThreeSeconds)
 {
-    simulator->setSilent(true);
-    controller->webConfig();
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(view.alerts(), std::vector<std::string>{"Error toggling Webconfig."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert([&] { controller->webConfig(); }, "Error toggling Webconfig."));
     EXPECT_GE(clock.elapsedSeconds(), 3.0);
     EXPECT_LT(clock.elapsedSeconds(), 4.0);
 }

@@ -2,7 +2,8 @@
 #include "controller_simulator.h"
 #include "serial/serial_port.h"
 #include "support/recording_serial_delegate.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
+#include "support/wait.h"
 
 #include <gtest/gtest.h>
 
@@ -12,20 +13,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
-
-class ControllerSimulatorTest : public ::testing::Test {
+class ControllerSimulatorTest : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-        testbed = std::make_unique<sim::UmockdevTestbed>();
-        device = testbed->addUsbSerialDevice({});
-        simulator = std::make_unique<sim::ControllerSimulator>(device->deviceEnd());
-        simulator->start();
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
+        plugSimulatedController().start();
         delegate = std::make_shared<RecordingSerialDelegate>();
         port = SerialPort::serialPortWithPath("/dev/ttyACM0");
         ASSERT_TRUE(port);
@@ -40,7 +33,7 @@ protected:
             port->close();
             waitFor([&] { return !port->isOpen(); });
         }
-        simulator->stop();
+        UmockdevTest::TearDown();
         dispatch::RunLoop::main().drain();
     }
     bool receivedContains(const std::string& text, std::chrono::milliseconds timeout = 5000ms)
@@ -48,9 +41,6 @@ protected:
         return waitFor([&] { return delegate->receivedText().find(text) != std::string::npos; }, timeout);
     }
 
-    std::unique_ptr<sim::UmockdevTestbed> testbed;
-    std::shared_ptr<sim::UmockdevSerialDevice> device;
-    std::unique_ptr<sim::ControllerSimulator> simulator;
     std::shared_ptr<RecordingSerialDelegate> delegate;
     SerialPort::Ptr port;
 };

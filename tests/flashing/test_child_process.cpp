@@ -71,6 +71,22 @@ struct Recorder {
     }
 };
 
+// Launches the helper with `arguments` and waits until it has said `ready`.
+::testing::AssertionResult launchUntil(ChildProcess& process, Recorder& recorder, std::vector<std::string> arguments,
+                                       const std::string& ready)
+{
+    recorder.attach(process);
+    process.setExecutablePath(QUENDRAL_CHILD_HELPER);
+    process.setArguments(std::move(arguments));
+    if (!process.launch()) {
+        return ::testing::AssertionFailure() << "the helper did not launch";
+    }
+    if (!recorder.waitForOut(ready)) {
+        return ::testing::AssertionFailure() << "the helper never said \"" << ready << "\"";
+    }
+    return ::testing::AssertionSuccess();
+}
+
 ChildProcess::Termination run(ChildProcess& process, Recorder& recorder, std::vector<std::string> arguments)
 {
     recorder.attach(process);
@@ -197,11 +213,7 @@ TEST(ChildProcess, InterruptEndsTheProcessWithSigint)
 {
     ChildProcess process;
     Recorder recorder;
-    recorder.attach(process);
-    process.setExecutablePath(QUENDRAL_CHILD_HELPER);
-    process.setArguments({"sleep"});
-    ASSERT_TRUE(process.launch());
-    ASSERT_TRUE(recorder.waitForOut("sleeping"));
+    ASSERT_TRUE(launchUntil(process, recorder, {"sleep"}, "sleeping"));
     EXPECT_TRUE(process.isRunning());
     process.interrupt();
     const auto termination = process.waitUntilExit();
@@ -215,11 +227,7 @@ TEST(ChildProcess, TerminateEndsTheProcessWithSigterm)
 {
     ChildProcess process;
     Recorder recorder;
-    recorder.attach(process);
-    process.setExecutablePath(QUENDRAL_CHILD_HELPER);
-    process.setArguments({"sleep"});
-    ASSERT_TRUE(process.launch());
-    ASSERT_TRUE(recorder.waitForOut("sleeping"));
+    ASSERT_TRUE(launchUntil(process, recorder, {"sleep"}, "sleeping"));
     process.terminate();
     const auto termination = process.waitUntilExit();
     EXPECT_EQ(termination.reason, Reason::UncaughtSignal);
@@ -345,11 +353,7 @@ TEST(ChildProcess, DestroyingARunningProcessReapsItAndStopsItsThreads)
     {
         ChildProcess process;
         Recorder recorder;
-        recorder.attach(process);
-        process.setExecutablePath(QUENDRAL_CHILD_HELPER);
-        process.setArguments({"sleep"});
-        ASSERT_TRUE(process.launch());
-        ASSERT_TRUE(recorder.waitForOut("sleeping"));
+        ASSERT_TRUE(launchUntil(process, recorder, {"sleep"}, "sleeping"));
         pid = process.processIdentifier();
         EXPECT_GT(threadCount(), threadsBefore);
     }
@@ -363,11 +367,7 @@ TEST(ChildProcess, AProcessIgnoringSigtermIsKilledOnDestruction)
     {
         ChildProcess process;
         Recorder recorder;
-        recorder.attach(process);
-        process.setExecutablePath(QUENDRAL_CHILD_HELPER);
-        process.setArguments({"ignore-term"});
-        ASSERT_TRUE(process.launch());
-        ASSERT_TRUE(recorder.waitForOut("ignoring"));
+        ASSERT_TRUE(launchUntil(process, recorder, {"ignore-term"}, "ignoring"));
         pid = process.processIdentifier();
     }
     EXPECT_TRUE(processGone(pid));

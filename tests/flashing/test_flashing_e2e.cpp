@@ -24,19 +24,9 @@
 #include <regex>
 #include <unistd.h>
 
-using quendral::AvrdudeWrapper;
-using quendral::BossacWrapper;
-using quendral::test::kFailure;
-using quendral::test::kPreparing;
-using quendral::test::kSuccess;
-using quendral::test::kVerifying;
-using quendral::test::kWriting;
-using quendral::test::ScopedLog;
-using quendral::test::timesReaching100;
-using quendral::test::toolOutput;
-using quendral::test::UploadRecorder;
+using namespace quendral;
+using namespace quendral::test;
 using Event = UploadRecorder::Event;
-namespace sim = quendral::sim;
 
 namespace {
 
@@ -71,15 +61,12 @@ bool identify(const std::string& port, std::string& cid, std::string& version)
     // Three quiet seconds after each try: a request that still reaches the
     // boot loader (a slow simulation on a loaded machine) keeps it waiting for
     // more, so the next one must come after its window has run out.
-    for (int pass = 0; pass < 6; ++pass) {
-        client.send("getCID\ngetVersion\n");
-        cid = client.waitForLine("CID:", 3.0);
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 2.0);
-            return !version.empty();
-        }
+    cid = client.askUntilAnswered("getCID\ngetVersion\n", "CID:", 6, 3.0);
+    if (cid.empty()) {
+        return false;
     }
-    return false;
+    version = client.waitForLine("VERSION:", 2.0);
+    return !version.empty();
 }
 
 class FlashingEndToEnd : public ::testing::Test {
@@ -233,12 +220,7 @@ TEST_F(FlashingEndToEnd, BossacFlashesTheSam3x)
     // be under way when the first request arrives.
     sim::LineClient client(lab.pty.slavePath);
     ASSERT_TRUE(client.isOpen());
-    std::string cid;
-    for (int pass = 0; pass < 5 && cid.empty(); ++pass) {
-        client.send("getCID\ngetVersion\n");
-        cid = client.waitForLine("CID:", 2);
-    }
-    EXPECT_EQ(cid, "CID:SAMAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
+    EXPECT_EQ(client.askUntilAnswered("getCID\ngetVersion\n", "CID:", 5, 2), "CID:SAMAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
     EXPECT_EQ(client.waitForLine("VERSION:", 5), "VERSION:3.1.0");
 }
 

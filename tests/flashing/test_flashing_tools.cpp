@@ -2,13 +2,13 @@
 // against ports where no boot loader answers, and against a resource folder
 // whose tool is missing or cannot be executed.
 #include "../support/flashing_expectations.h"
-#include "../support/intel_hex.h"
 #include "../support/pseudo_terminal.h"
 #include "../support/scoped_log.h"
 #include "../support/temp_dir.h"
 #include "../support/upload_recorder.h"
 #include "flashing/avrdude_wrapper.h"
 #include "flashing/bossac_wrapper.h"
+#include "intel_hex.h"
 #include "platform/paths.h"
 
 #include <gtest/gtest.h>
@@ -18,15 +18,8 @@
 #include <fstream>
 #include <regex>
 
-using quendral::AvrdudeWrapper;
-using quendral::BossacWrapper;
-using quendral::test::kFailure;
-using quendral::test::kPreparing;
-using quendral::test::ScopedLog;
-using quendral::test::SilentPseudoTerminal;
-using quendral::test::TempDir;
-using quendral::test::toolOutput;
-using quendral::test::UploadRecorder;
+using namespace quendral;
+using namespace quendral::test;
 using Event = UploadRecorder::Event;
 namespace fs = std::filesystem;
 
@@ -46,7 +39,7 @@ protected:
         for (std::size_t i = 0; i < program.size(); ++i) {
             program[i] = static_cast<std::uint8_t>(i * 7);
         }
-        std::ofstream(hexFile) << quendral::test::intelHex(program);
+        std::ofstream(hexFile) << quendral::sim::toIntelHex(program);
     }
     void TearDown() override { quendral::paths::setResourceFolder(std::nullopt); }
 
@@ -56,6 +49,16 @@ protected:
         std::ofstream(resources.path() / tool) << "#!/bin/sh\nexit 0\n";
         fs::permissions(resources.path() / tool, fs::perms::owner_read | fs::perms::owner_write);
         quendral::paths::setResourceFolder(resources.path());
+    }
+
+    // bossac from the resource folder set up before: refused before it runs.
+    void expectBossacNotExecutable()
+    {
+        BossacWrapper wrapper("/dev/ttyACM0");
+        UploadRecorder recorder(&wrapper);
+        EXPECT_FALSE(wrapper.startUpload(hexFile));
+        EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
+        EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
     }
 
     TempDir work;
@@ -99,21 +102,13 @@ TEST_F(FlashingTools, AvrdudeNotExecutableIsReportedAsSuch)
 TEST_F(FlashingTools, BossacMissingIsReportedAsNotExecutable)
 {
     quendral::paths::setResourceFolder(resources.path());
-    BossacWrapper wrapper("/dev/ttyACM0");
-    UploadRecorder recorder(&wrapper);
-    EXPECT_FALSE(wrapper.startUpload(hexFile));
-    EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
-    EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
+    expectBossacNotExecutable();
 }
 
 TEST_F(FlashingTools, BossacNotExecutableIsReportedAsSuch)
 {
     useResourcesWithNonExecutable("bossac");
-    BossacWrapper wrapper("/dev/ttyACM0");
-    UploadRecorder recorder(&wrapper);
-    EXPECT_FALSE(wrapper.startUpload(hexFile));
-    EXPECT_TRUE(log.contains("] Bossac: Not executable\n"));
-    EXPECT_EQ(recorder.events(), (std::vector<Event>{kPreparing, 0}));
+    expectBossacNotExecutable();
 }
 
 TEST_F(FlashingTools, AnUnknownBoardIsNotFlashed)

@@ -50,7 +50,7 @@ protected:
     {
         DeviceWindowTest::SetUp();
         // Replies are parsed once a further byte has come, as from a chatty firmware.
-        controller->setTrailer("\n");
+        simulator->setTrailer("\n");
         Logger::setDataFolder(logFolder.path());
     }
 

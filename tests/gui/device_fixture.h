@@ -6,48 +6,38 @@
 #include "log/logger.h"
 #include "serial/serial_port.h"
 #include "support/captured_console.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
 
 #include <gtest/gtest.h>
 
 namespace quendral::test {
 
-class DeviceWindowTest : public ::testing::Test {
+class DeviceWindowTest : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-        testbed = std::make_unique<sim::UmockdevTestbed>();
-        device = testbed->addUsbSerialDevice({});
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
+        plugSimulatedController().start();
         ASSERT_TRUE(device);
-        controller = std::make_unique<sim::ControllerSimulator>(device->deviceEnd());
-        controller->start();
         Logger::reset();
         Logger::setConsole(&console);
     }
 
     void TearDown() override
     {
-        for (const auto& port : SerialPort::allSerialPorts()) {
-            port->close();
-            spinUntil([&] { return !port->isOpen(); });
-        }
-        controller->stop();
+        closeAllPorts();
+        UmockdevTest::TearDown();
         Logger::setConsole(nullptr);
     }
+
+    // The window's main queue is Qt's event loop.
+    bool waitUntil(const std::function<bool()>& done) override { return spinUntil(done); }
 
     // Log messages so far, without their time stamps.
     [[nodiscard]] std::vector<std::string> loggedMessages() const { return console.messages(); }
 
-    [[nodiscard]] bool logged(const std::string& message) const
-    {
-        const auto messages = loggedMessages();
-        return std::find(messages.begin(), messages.end(), message) != messages.end();
-    }
+    [[nodiscard]] bool logged(const std::string& message) const { return console.logged(message); }
 
-    std::unique_ptr<sim::UmockdevTestbed> testbed;
-    std::shared_ptr<sim::UmockdevSerialDevice> device;
-    std::unique_ptr<sim::ControllerSimulator> controller;
     CapturedConsole console;
 };
 

@@ -1,4 +1,6 @@
 #pragma once
+#include "poll_until.h"
+
 #include <QApplication>
 #include <QMessageBox>
 #include <QPushButton>
@@ -14,15 +16,10 @@ namespace quendral::test {
 // Spins the Qt event loop (and so the main queue) until `done` or the timeout.
 inline bool spinUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(10))
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
+    return sim::pollUntil(done, timeout, [] {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         QTest::qWait(1);
-    }
-    return true;
+    });
 }
 
 // The modal message box on screen now, if any.

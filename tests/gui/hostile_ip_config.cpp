@@ -24,14 +24,14 @@ protected:
 TEST_F(IPConfigWriteCut, PulledAfterFiveLinesTheAlertNamesTheSixthAndNothingIsStored)
 {
     const CablePull pull(*testbed, device, 1, TIOCOUTQ, 5,
-                         [&] { controller->waitForLine("dns=192.168.10.2", std::chrono::seconds(5)); });
+                         [&] { simulator->waitForLine("dns=192.168.10.2", std::chrono::seconds(5)); });
     MessageBoxAnswerer answerer("Ok");
     window.ui().saveButton->click();
 
     EXPECT_TRUE(pull.pulled());
     EXPECT_EQ(answerer.texts(), QStringList{"The IP settings were not written: line 6 of 11 "
                                             "(ipDevice1=192.168.10.60) could not be sent to the Controller."});
-    EXPECT_EQ(controller->receivedLines(),
+    EXPECT_EQ(simulator->receivedLines(),
               (std::vector<std::string>{"bulkip", "ip=192.168.10.50", "subnet=255.255.255.0", "gateway=192.168.10.1",
                                         "dns=192.168.10.2"}));
     EXPECT_EQ(host.ipConfigCloses, 1);
@@ -47,7 +47,7 @@ TEST_F(IPConfigWriteCut, PulledBeforeTheFirstLineTheAlertNamesIt)
     EXPECT_TRUE(pull.pulled());
     EXPECT_EQ(answerer.texts(), QStringList{"The IP settings were not written: line 1 of 11 (bulkip) could not be "
                                             "sent to the Controller."});
-    EXPECT_TRUE(controller->receivedLines().empty());
+    EXPECT_TRUE(simulator->receivedLines().empty());
     EXPECT_EQ(host.ipConfigCloses, 1);
 }
 

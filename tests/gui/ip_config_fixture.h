@@ -24,8 +24,8 @@ protected:
     // Lines the Controller received since the save, each without its line feed.
     std::vector<std::string> savedLines()
     {
-        controller->waitForLine("reset", std::chrono::seconds(5));
-        return controller->receivedLines();
+        simulator->waitForLine("reset", std::chrono::seconds(5));
+        return simulator->receivedLines();
     }
 
     RecordingWindowHost host;

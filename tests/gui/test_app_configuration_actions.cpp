@@ -27,7 +27,33 @@ const std::vector<std::string> kDump = {"ip;192.168.10.50",
                                         "dev;1;Boiler room;192.168.10.60;1",
                                         "dev;2;Garage;192.168.10.61;0"};
 
-class ConfigurationButtonsTest : public AppWindowTest {};
+using Button = QPushButton* Ui::MasterView::*;
+
+class ConfigurationButtonsTest : public AppWindowTest {
+protected:
+    // With the Controller silent, the action of `button` ends in the one alert
+    // `alert` (answered Ok) and gives the controls back.
+    void expectSilentControllerAlert(Button button, const QString& alert)
+    {
+        simulator->setSilent(true);
+        launch(fastClock);
+        MessageBoxAnswerer answerer("Ok");
+        QTest::mouseClick(ui().*button, Qt::LeftButton);
+        ASSERT_TRUE(waitForActionEnd());
+        EXPECT_EQ(answerer.texts(), QStringList{alert});
+        EXPECT_TRUE(allControlsEnabled());
+    }
+
+    // Launches, clicks `button` and waits until its action has ended and a
+    // page has been opened in the browser.
+    void clickUntilAPageOpens(Button button)
+    {
+        launch();
+        QTest::mouseClick(ui().*button, Qt::LeftButton);
+        ASSERT_TRUE(waitForActionEnd());
+        ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    }
+};
 
 } // namespace
 
@@ -36,7 +62,7 @@ TEST_F(ConfigurationButtonsTest, WithNoPortInTheMenuEveryActionLogsAndAlertsWith
     launch();
     testbed->unplug(*device);
     ASSERT_TRUE(spinUntil([&] { return ui().portMenu->count() == 0; }));
-    const auto opensBefore = controller->openCount();
+    const auto opensBefore = simulator->openCount();
 
     MessageBoxAnswerer answerer("Ok");
     for (QPushButton* button : {ui().serialMonitorButton, ui().ipconfigButton, ui().configurationButton,
@@ -61,7 +87,7 @@ TEST_F(ConfigurationButtonsTest, WithNoPortInTheMenuEveryActionLogsAndAlertsWith
     EXPECT_FALSE(app->serialMonitorWindow()->isVisible());
     EXPECT_FALSE(app->ipConfigWindow()->isVisible());
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_EQ(controller->openCount(), opensBefore);
+    EXPECT_EQ(simulator->openCount(), opensBefore);
 }
 
 // --- serial monitor -------------------------------------------------------------------------
@@ -72,12 +98,12 @@ TEST_F(ConfigurationButtonsTest, SerialMonitorButtonShowsTheControllersOutputWit
     QTest::mouseClick(ui().serialMonitorButton, Qt::LeftButton);
     ASSERT_TRUE(app->serialMonitorWindow()->isVisible());
     ASSERT_NE(app->serialMonitorController(), nullptr);
-    EXPECT_TRUE(controller->waitForPortOpen(true, 5s));
+    EXPECT_TRUE(simulator->waitForPortOpen(true, 5s));
     EXPECT_TRUE(logged("User clicked open serial monitor"));
     EXPECT_TRUE(logged("Opening serial port /dev/ttyACM0 with baud rate 115200"));
     EXPECT_EQ(device->speed(), 115200UL);
 
-    controller->sendRaw("Controller ready\n");
+    simulator->sendRaw("Controller ready\n");
     auto* output = app->serialMonitorController()->ui().monitorWindow;
     EXPECT_TRUE(spinUntil([&] {
         app->serialMonitorController()->flushPendingOutput();
@@ -96,7 +122,7 @@ TEST_F(ConfigurationButtonsTest, SerialMonitorButtonShowsTheControllersOutputWit
     auto* second = app->serialMonitorController();
     EXPECT_TRUE(app->serialMonitorWindow()->isVisible());
     EXPECT_TRUE(second->isSerialOpen());
-    controller->sendRaw("Still here\n");
+    simulator->sendRaw("Still here\n");
     EXPECT_TRUE(spinUntil([&] {
         second->flushPendingOutput();
         return second->ui().monitorWindow->toPlainText().contains("Still here");
@@ -107,7 +133,7 @@ TEST_F(ConfigurationButtonsTest, EveryPortActionClosesTheSerialMonitorFirst)
 {
     launch();
     QTest::mouseClick(ui().serialMonitorButton, Qt::LeftButton);
-    ASSERT_TRUE(controller->waitForPortOpen(true, 5s));
+    ASSERT_TRUE(simulator->waitForPortOpen(true, 5s));
 
     MessageBoxAnswerer answerer("Ok");
     QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
@@ -115,14 +141,14 @@ TEST_F(ConfigurationButtonsTest, EveryPortActionClosesTheSerialMonitorFirst)
     EXPECT_TRUE(logged("Closing serial port.."));
     ASSERT_TRUE(waitForActionEnd());
     // The web configuration could use the port: the Controller heard it.
-    EXPECT_TRUE(controller->waitForLine("webconfig", 5s));
+    EXPECT_TRUE(simulator->waitForLine("webconfig", 5s));
 }
 
 // --- IP configuration --------------------------------------------------------------------------
 
 TEST_F(ConfigurationButtonsTest, IpConfigurationButtonOpensTheWindowFilledFromTheDump)
 {
-    controller->setIPDumpLines(kDump);
+    simulator->setIPDumpLines(kDump);
     launch();
     QTest::mouseClick(ui().ipconfigButton, Qt::LeftButton);
     EXPECT_TRUE(spinUntil([&] { return watcher->disables() == 1; }));
@@ -136,69 +162,56 @@ TEST_F(ConfigurationButtonsTest, IpConfigurationButtonOpensTheWindowFilledFromTh
     ASSERT_EQ(window->ipFields().size(), 2U);
     EXPECT_EQ(window->ipFields()[0]->text(), "192.168.10.60");
     EXPECT_EQ(window->port(), "/dev/ttyACM0");
-    EXPECT_TRUE(controller->waitForLine("dumpIP", 1s));
+    EXPECT_TRUE(simulator->waitForLine("dumpIP", 1s));
     EXPECT_TRUE(logged("User clicked IP Configuration"));
     EXPECT_TRUE(allControlsEnabled());
     EXPECT_EQ(activeMessageBox(), nullptr);
 
     // Clicked again while the window is open: no port traffic, no disabled controls.
-    controller->clearReceivedLines();
-    const auto opens = controller->openCount();
+    simulator->clearReceivedLines();
+    const auto opens = simulator->openCount();
     QTest::mouseClick(ui().ipconfigButton, Qt::LeftButton);
     spinUntil([] { return false; }, 300ms);
     EXPECT_EQ(countLogged("User clicked IP Configuration"), 2);
     EXPECT_EQ(watcher->disables(), 1);
-    EXPECT_EQ(controller->openCount(), opens);
-    EXPECT_TRUE(controller->receivedLines().empty());
+    EXPECT_EQ(simulator->openCount(), opens);
+    EXPECT_TRUE(simulator->receivedLines().empty());
 }
 
 TEST_F(ConfigurationButtonsTest, IpConfigurationOfASilentControllerEndsInItsAlert)
 {
-    controller->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().ipconfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device IP configuration"});
+    ASSERT_NO_FATAL_FAILURE(
+        expectSilentControllerAlert(&Ui::MasterView::ipconfigButton, "Could not get device IP configuration"));
     EXPECT_TRUE(logged("Error Could not get IP configuration from controller"));
     EXPECT_FALSE(app->ipConfigWindow()->isVisible());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 // --- online configuration ---------------------------------------------------------------------
 
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationOpensTheControllersPageInTheBrowser)
 {
-    controller->setCID("QUENDRAL0000000000000000000000AB");
-    launch();
-    QTest::mouseClick(ui().configurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    simulator->setCID("QUENDRAL0000000000000000000000AB");
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::configurationButton));
     EXPECT_EQ(browser.urls(), QStringList{QString::fromStdString(
                                   MainViewController::onlineConfigurationURL("QUENDRAL0000000000000000000000AB"))});
     EXPECT_TRUE(browser.urls().front().startsWith("https://"));
     EXPECT_TRUE(browser.urls().front().endsWith("/?CID=QUENDRAL0000000000000000000000AB"));
     EXPECT_TRUE(logged("User clicked online configuration"));
-    EXPECT_TRUE(controller->waitForLine("getCID", 1s));
+    EXPECT_TRUE(simulator->waitForLine("getCID", 1s));
     EXPECT_EQ(activeMessageBox(), nullptr);
     EXPECT_TRUE(allControlsEnabled());
 }
 
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationOfASilentControllerEndsInItsAlert)
 {
-    controller->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().configurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device identification. Please contact support."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(
+        &Ui::MasterView::configurationButton, "Could not get device identification. Please contact support."));
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 TEST_F(ConfigurationButtonsTest, OnlineConfigurationShowsTheControllersOwnMessageOnce)
 {
-    controller->setMessage("This controller is locked by its installer.");
+    simulator->setMessage("This controller is locked by its installer.");
     launch();
     MessageBoxAnswerer answerer("Ok");
     QTest::mouseClick(ui().configurationButton, Qt::LeftButton);
@@ -211,13 +224,10 @@ TEST_F(ConfigurationButtonsTest, OnlineConfigurationShowsTheControllersOwnMessag
 
 TEST_F(ConfigurationButtonsTest, LocalConfigurationOpensTheAddressTheControllerAnnounces)
 {
-    controller->setAddress("192.168.10.77");
-    launch();
-    QTest::mouseClick(ui().localConfigurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    simulator->setAddress("192.168.10.77");
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::localConfigurationButton));
     EXPECT_EQ(browser.urls(), QStringList{"http://192.168.10.77"});
-    EXPECT_TRUE(controller->waitForLine("config", 1s));
+    EXPECT_TRUE(simulator->waitForLine("config", 1s));
     EXPECT_TRUE(logged("User clicked local configuration (legacy)"));
     EXPECT_EQ(activeMessageBox(), nullptr);
     EXPECT_TRUE(allControlsEnabled());
@@ -225,28 +235,20 @@ TEST_F(ConfigurationButtonsTest, LocalConfigurationOpensTheAddressTheControllerA
 
 TEST_F(ConfigurationButtonsTest, LocalConfigurationOfASilentControllerEndsInItsAlert)
 {
-    controller->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().localConfigurationButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Could not get device IP. Please contact support."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(&Ui::MasterView::localConfigurationButton,
+                                                        "Could not get device IP. Please contact support."));
     EXPECT_TRUE(logged("Error Could not get Ip for local config"));
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }
 
 // --- web configuration ---------------------------------------------------------------------------
 
 TEST_F(ConfigurationButtonsTest, WebConfigurationSwitchedOnOpensTheControllersServer)
 {
-    controller->setAddress("192.168.10.50");
-    launch();
-    QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(spinUntil([&] { return !browser.urls().isEmpty(); }));
+    simulator->setAddress("192.168.10.50");
+    ASSERT_NO_FATAL_FAILURE(clickUntilAPageOpens(&Ui::MasterView::webConfigButton));
     EXPECT_EQ(browser.urls(), QStringList{"http://192.168.10.50"});
-    EXPECT_TRUE(controller->webserverRunning());
+    EXPECT_TRUE(simulator->webserverRunning());
     EXPECT_TRUE(logged("Webconfig is now on!"));
     EXPECT_EQ(activeMessageBox(), nullptr);
     EXPECT_TRUE(ui().uploadState->text().isEmpty());
@@ -258,12 +260,12 @@ TEST_F(ConfigurationButtonsTest, WebConfigurationSwitchedOffSaysSoInItsAlert)
     launch();
     QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
     ASSERT_TRUE(waitForActionEnd());
-    ASSERT_TRUE(controller->webserverRunning());
+    ASSERT_TRUE(simulator->webserverRunning());
 
     MessageBoxAnswerer answerer("Ok");
     QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
     ASSERT_TRUE(spinUntil([&] { return watcher->enables() == 2; }, 60s));
-    EXPECT_FALSE(controller->webserverRunning());
+    EXPECT_FALSE(simulator->webserverRunning());
     EXPECT_EQ(answerer.texts(), QStringList{"Webconfig sucessfully disabeled"});
     EXPECT_TRUE(logged("Webconfig is now off"));
     EXPECT_EQ(browser.urls().size(), 1); // only the first, switching on
@@ -271,13 +273,7 @@ TEST_F(ConfigurationButtonsTest, WebConfigurationSwitchedOffSaysSoInItsAlert)
 
 TEST_F(ConfigurationButtonsTest, WebConfigurationOfASilentControllerEndsInItsAlert)
 {
-    controller->setSilent(true);
-    launch(fastClock);
-    MessageBoxAnswerer answerer("Ok");
-    QTest::mouseClick(ui().webConfigButton, Qt::LeftButton);
-    ASSERT_TRUE(waitForActionEnd());
-    EXPECT_EQ(answerer.texts(), QStringList{"Error toggling Webconfig."});
+    ASSERT_NO_FATAL_FAILURE(expectSilentControllerAlert(&Ui::MasterView::webConfigButton, "Error toggling Webconfig."));
     EXPECT_EQ(countLogged("Error toggling Webconfig."), 1);
     EXPECT_TRUE(browser.urls().isEmpty());
-    EXPECT_TRUE(allControlsEnabled());
 }

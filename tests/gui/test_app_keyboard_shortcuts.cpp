@@ -120,12 +120,12 @@ TEST_F(KeyboardShortcutsTest, OnlyTheExactModifiersOpenTheSerialMonitor)
         EXPECT_FALSE(app->serialMonitorWindow()->isVisible()) << modifiers.toInt();
     }
     EXPECT_EQ(countLogged("User clicked open serial monitor"), 0);
-    EXPECT_EQ(controller->openCount(), 0);
+    EXPECT_EQ(simulator->openCount(), 0);
 
     press(Qt::Key_M, kCommandShift);
     EXPECT_TRUE(app->serialMonitorWindow()->isVisible());
     EXPECT_EQ(countLogged("User clicked open serial monitor"), 1);
-    EXPECT_TRUE(controller->waitForPortOpen(true, 5s));
+    EXPECT_TRUE(simulator->waitForPortOpen(true, 5s));
 }
 
 TEST_F(KeyboardShortcutsTest, CommandShiftCOpensTheOnlineConfigurationAndNothingWhileItsButtonIsDisabled)
@@ -149,8 +149,8 @@ TEST_F(KeyboardShortcutsTest, CommandShiftLTogglesTheWebServerWithoutOpeningAnyt
 {
     launchActive();
     press(Qt::Key_L, kCommandShift); // blocks the window for the 3-second wait
-    EXPECT_TRUE(controller->waitForLine("webconfig", 5s));
-    EXPECT_TRUE(controller->webserverRunning());
+    EXPECT_TRUE(simulator->waitForLine("webconfig", 5s));
+    EXPECT_TRUE(simulator->webserverRunning());
     settle();
     EXPECT_TRUE(browser.urls().isEmpty());
     EXPECT_EQ(activeMessageBox(), nullptr);
@@ -159,8 +159,7 @@ TEST_F(KeyboardShortcutsTest, CommandShiftLTogglesTheWebServerWithoutOpeningAnyt
 
 TEST_F(KeyboardShortcutsTest, ShortcutsWorkWhileTheIpWindowIsInFront)
 {
-    controller->setIPDumpLines(
-        {"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+    simulator->setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
     launchActive();
     QTest::mouseClick(app->mainWindow()->findChild<QPushButton*>("ipconfigButton"), Qt::LeftButton);
     ASSERT_TRUE(waitForActionEnd());
@@ -182,7 +181,7 @@ TEST_F(KeyboardShortcutsTest, ShortcutsWorkWhileTheIpWindowIsInFront)
 
 TEST_F(KeyboardShortcutsTest, CommandShiftSEndsTheWaitForASilentController)
 {
-    controller->setSilent(true);
+    simulator->setSilent(true);
     launchActive();
     MessageBoxAnswerer answerer("Ok");
     QTest::mouseClick(ui().ipconfigButton, Qt::LeftButton);

@@ -3,8 +3,8 @@
 // job runs, quitting ends everything but asks first while a flashing tool
 // writes, and a minimised serial monitor keeps its port.
 #include "app_window_fixture.h"
+#include "intel_hex.h"
 #include "support/child_processes.h"
-#include "support/intel_hex.h"
 #include "ui_SerialMonitorView.h"
 #include "windows/serial_monitor.h"
 
@@ -162,7 +162,7 @@ protected:
     windows::SerialMonitor* openSerialMonitor()
     {
         ui().serialMonitorButton->click();
-        EXPECT_TRUE(controller->waitForPortOpen(true, 5s));
+        EXPECT_TRUE(simulator->waitForPortOpen(true, 5s));
         EXPECT_TRUE(spinUntil([&] {
             return app->serialMonitorController() != nullptr && app->serialMonitorController()->isSerialOpen();
         }));
@@ -228,7 +228,7 @@ protected:
     [[nodiscard]] QString firmwareFile() const
     {
         const auto path = logFolder.path() / "firmware.hex";
-        std::ofstream(path) << intelHex(std::vector<std::uint8_t>(64, 0x0C));
+        std::ofstream(path) << sim::toIntelHex(std::vector<std::uint8_t>(64, 0x0C));
         return QString::fromStdString(path.string());
     }
 };
@@ -281,12 +281,12 @@ TEST_P(MinimisedSerialMonitorTest, KeepsItsPortAndGoesOnShowingData)
     EXPECT_EQ(hides.sentByTheApplication(), 0);
     settle();
     EXPECT_TRUE(monitor->isSerialOpen());
-    EXPECT_TRUE(controller->isPortOpen());
+    EXPECT_TRUE(simulator->isPortOpen());
     EXPECT_FALSE(logged("Serial port was closed"));
 
     window->showNormal();
     ASSERT_TRUE(spinUntil([&] { return !window->isMinimized(); }));
-    controller->sendRaw("VERSION:2.4.1\n");
+    simulator->sendRaw("VERSION:2.4.1\n");
     EXPECT_TRUE(spinUntil([&] { return shownText(*monitor).endsWith("VERSION:2.4.1\n"); }))
         << shownText(*monitor).toStdString();
     EXPECT_TRUE(monitor->isSerialOpen());
@@ -294,7 +294,7 @@ TEST_P(MinimisedSerialMonitorTest, KeepsItsPortAndGoesOnShowingData)
     // Closing the window still gives the port back.
     window->close();
     EXPECT_TRUE(spinUntil([&] { return !monitor->isSerialOpen(); }));
-    EXPECT_TRUE(controller->waitForPortOpen(false, 5s));
+    EXPECT_TRUE(simulator->waitForPortOpen(false, 5s));
 }
 
 // Every job of the window, by the button that starts it (with a silent
@@ -325,7 +325,7 @@ INSTANTIATE_TEST_SUITE_P(Jobs, WebConfigurationDuringAJobTest,
 TEST_P(WebConfigurationDuringAJobTest, ButtonAndShortcutAreOffUntilTheJobEnds)
 {
     HoldingClock clock;
-    controller->setSilent(true);
+    simulator->setSilent(true);
     launchActive(clock);
     const MessageBoxDismisser dismisser;
 
@@ -353,10 +353,10 @@ TEST_P(WebConfigurationDuringAJobTest, ButtonAndShortcutAreOffUntilTheJobEnds)
     EXPECT_TRUE(allControlsEnabled());
 
     // Afterwards both work again.
-    controller->setSilent(false);
+    simulator->setSilent(false);
     press(Qt::Key_L, kCommandShift);
     EXPECT_EQ(clock.mainThreadSleeps(), 1);
-    EXPECT_TRUE(controller->waitForLine("webconfig", 5s));
+    EXPECT_TRUE(simulator->waitForLine("webconfig", 5s));
     // The status text it posted is shown before the window goes.
     EXPECT_TRUE(spinUntil([&] { return ui().uploadState->text() == "Waiting for device .. (20)"; }));
 }
@@ -373,7 +373,7 @@ TEST_F(WindowSafetyTest, QuitWithTheSerialMonitorOpenEndsTheApplicationAndReleas
     EXPECT_FALSE(app->mainWindow()->isVisible());
     EXPECT_FALSE(app->serialMonitorWindow()->isVisible());
     EXPECT_TRUE(spinUntil([&] { return !monitor->isSerialOpen(); }));
-    EXPECT_TRUE(controller->waitForPortOpen(false, 5s));
+    EXPECT_TRUE(simulator->waitForPortOpen(false, 5s));
     for (const auto& port : SerialPort::allSerialPorts()) {
         EXPECT_TRUE(spinUntil([&] { return !port->isOpen(); })) << port->path();
     }

@@ -90,8 +90,8 @@ TEST_F(IPConfigTest, InvalidFieldTurnsRedAndNothingIsSent)
     EXPECT_FALSE(isRed(window.ipFields()[0])) << "fields after the first bad one are not checked";
     EXPECT_EQ(window.ui().gatewayField->text(), "192.168.1.300");
     EXPECT_EQ(host.ipConfigCloses, 0);
-    EXPECT_FALSE(controller->waitForLine("bulkip", std::chrono::milliseconds(300)));
-    EXPECT_EQ(controller->openCount(), 0);
+    EXPECT_FALSE(simulator->waitForLine("bulkip", std::chrono::milliseconds(300)));
+    EXPECT_EQ(simulator->openCount(), 0);
 }
 
 TEST_F(IPConfigTest, ValidFieldIsNormalisedAndLeadingZerosStay)
@@ -111,5 +111,5 @@ TEST_F(IPConfigTest, PortThatCannotBeOpenedClosesTheWindowSilently)
     window.setPort("/dev/ttyACM7");
     window.saveSettings();
     EXPECT_EQ(host.ipConfigCloses, 1);
-    EXPECT_EQ(controller->openCount(), 0);
+    EXPECT_EQ(simulator->openCount(), 0);
 }

@@ -20,7 +20,7 @@ protected:
         monitor.show();
         monitor.openPort("/dev/ttyACM0");
         ASSERT_TRUE(monitor.isSerialOpen());
-        ASSERT_TRUE(controller->waitForPortOpen(true, std::chrono::seconds(5)));
+        ASSERT_TRUE(simulator->waitForPortOpen(true, std::chrono::seconds(5)));
     }
 
     QString shownText()
@@ -57,9 +57,9 @@ TEST_F(SerialMonitorTest, OpensAt115200WithItsLogLines)
 TEST_F(SerialMonitorTest, AnswerInTwoChunksIsShownJoined)
 {
     openMonitor();
-    controller->sendRaw("VERSION:");
+    simulator->sendRaw("VERSION:");
     ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("VERSION:"); }));
-    controller->sendRaw("2.4.1\n");
+    simulator->sendRaw("2.4.1\n");
     EXPECT_TRUE(spinUntil([&] { return shownText() == QString(QChar(0x00A0)) + "VERSION:2.4.1\n"; }))
         << shownText().toStdString();
 }
@@ -67,9 +67,9 @@ TEST_F(SerialMonitorTest, AnswerInTwoChunksIsShownJoined)
 TEST_F(SerialMonitorTest, ChunkThatIsNotUtf8IsDroppedWhole)
 {
     openMonitor();
-    controller->sendRaw("ab\xff\xfe");
+    simulator->sendRaw("ab\xff\xfe");
     spinUntil([] { return false; }, std::chrono::milliseconds(300));
-    controller->sendRaw("ok\n");
+    simulator->sendRaw("ok\n");
     ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("ok\n"); }));
     EXPECT_FALSE(shownText().contains("ab")) << shownText().toStdString();
 }
@@ -79,7 +79,7 @@ TEST_F(SerialMonitorTest, EnteringAWordSendsItWithALineFeedAndEmptiesTheField)
     openMonitor();
     monitor.ui().inputField->setText("getVersion");
     QTest::keyClick(monitor.ui().inputField, Qt::Key_Return);
-    EXPECT_TRUE(controller->waitForLine("getVersion", std::chrono::seconds(5)));
+    EXPECT_TRUE(simulator->waitForLine("getVersion", std::chrono::seconds(5)));
     EXPECT_TRUE(monitor.ui().inputField->text().isEmpty());
 }
 
@@ -88,7 +88,7 @@ TEST_F(SerialMonitorTest, WithThePortClosedNothingIsSentAndTheTextStays)
     monitor.ui().inputField->setText("getVersion");
     QTest::keyClick(monitor.ui().inputField, Qt::Key_Return);
     EXPECT_EQ(monitor.ui().inputField->text(), "getVersion");
-    EXPECT_FALSE(controller->waitForLine("getVersion", std::chrono::milliseconds(300)));
+    EXPECT_FALSE(simulator->waitForLine("getVersion", std::chrono::milliseconds(300)));
 }
 
 TEST_F(SerialMonitorTest, ServiceButtonsSendTheirCommandsByTag)
@@ -105,14 +105,14 @@ TEST_F(SerialMonitorTest, ServiceButtonsSendTheirCommandsByTag)
         auto* button = monitor.findChild<QPushButton*>(name);
         ASSERT_NE(button, nullptr) << name.toStdString();
         button->click();
-        EXPECT_TRUE(controller->waitForLine(command, std::chrono::seconds(5))) << command;
+        EXPECT_TRUE(simulator->waitForLine(command, std::chrono::seconds(5))) << command;
     }
     EXPECT_EQ(SerialMonitor::serviceCommandForTag(6), "ok");
     EXPECT_EQ(SerialMonitor::serviceCommandForTag(7), std::nullopt);
-    const auto before = controller->receivedLines().size();
+    const auto before = simulator->receivedLines().size();
     monitor.buttonCommand(7);
     spinUntil([] { return false; }, std::chrono::milliseconds(200));
-    EXPECT_EQ(controller->receivedLines().size(), before);
+    EXPECT_EQ(simulator->receivedLines().size(), before);
 }
 
 TEST_F(SerialMonitorTest, WithAutoScrollOffNewOutputDoesNotMoveTheView)
@@ -123,7 +123,7 @@ TEST_F(SerialMonitorTest, WithAutoScrollOffNewOutputDoesNotMoveTheView)
     for (int i = 0; i < 200; ++i) {
         lots += "line " + std::to_string(i) + "\n";
     }
-    controller->sendRaw(lots);
+    simulator->sendRaw(lots);
     ASSERT_TRUE(spinUntil([&] { return shownText().contains("line 199"); }));
     QScrollBar* bar = monitor.ui().monitorWindow->verticalScrollBar();
     EXPECT_EQ(bar->value(), bar->maximum());
@@ -131,7 +131,7 @@ TEST_F(SerialMonitorTest, WithAutoScrollOffNewOutputDoesNotMoveTheView)
     monitor.ui().autoScrollCheckbox->click();
     EXPECT_FALSE(monitor.autoScroll());
     bar->setValue(10);
-    controller->sendRaw(lots);
+    simulator->sendRaw(lots);
     ASSERT_TRUE(spinUntil([&] { return shownText().count("line 199") == 2; }));
     EXPECT_EQ(bar->value(), 10);
 }
@@ -141,9 +141,9 @@ TEST_F(SerialMonitorTest, LongOutputWithoutLineFeedsIsCapped)
     openMonitor();
     const std::string block(64 * 1024, 'x');
     for (int i = 0; i < 8; ++i) {
-        controller->sendRaw(block);
+        simulator->sendRaw(block);
     }
-    controller->sendRaw("END");
+    simulator->sendRaw("END");
     ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("END"); }, std::chrono::seconds(20)));
     EXPECT_LE(monitor.ui().monitorWindow->document()->characterCount(), SerialMonitor::kMaximumCharacters + 1);
 }

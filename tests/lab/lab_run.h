@@ -2,18 +2,17 @@
 // Running quendral-cli inside the device lab (quendral-lab) from a test: the
 // program's merged output, its exit code, the log file it wrote (kept apart
 // by a data folder of the run's own) and the requests the update server saw.
+#include "../support/shell_command.h"
 #include "../support/temp_dir.h"
 
 #include <nlohmann/json.hpp>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
+#include <utility>
 #include <vector>
 
 namespace quendral::test {
@@ -46,15 +45,6 @@ struct LabRun {
         return n;
     }
 };
-
-inline std::string shellQuoted(const std::string& word)
-{
-    std::string quoted = "'";
-    for (const char c : word) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-}
 
 inline std::string cliPath()
 {
@@ -91,17 +81,10 @@ inline LabRun runInLab(std::vector<std::string> labArguments, const std::vector<
         command += " " + shellQuoted(word);
     }
     command += " 2>&1";
+    auto result = runShellCommand(command);
     LabRun run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return run;
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        run.output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.exitCode = result.exitCode;
+    run.output = std::move(result.output);
 
     std::ifstream logFile(dir.path() / "QuendralFirmwareUpdater" / "log.txt");
     std::stringstream text;

@@ -22,9 +22,12 @@ LabRun updateWith(const std::vector<std::string>& serverArguments, std::vector<s
     return runInLab(lab, cliUpdate({"--yes"}));
 }
 
-// A refusal: the one check_update, no ticket, nothing flashed.
-void expectRefusedBeforeAnyTicket(const LabRun& run)
+// A refusal: the update ends with `exitCode` after the one check_update, no
+// ticket, nothing flashed.
+LabRun refusedWith(const std::vector<std::string>& serverArguments, int exitCode)
 {
+    LabRun run = updateWith(serverArguments);
+    EXPECT_EQ(run.exitCode, exitCode) << run.output;
     EXPECT_EQ(run.count("check_update"), 1) << run.output;
     EXPECT_EQ(run.count("ticket"), 0);
     EXPECT_EQ(run.count("ticket_status"), 0);
@@ -33,64 +36,68 @@ void expectRefusedBeforeAnyTicket(const LabRun& run)
     EXPECT_TRUE(
         run.logged("Requesting update for CID " + kCid + " with current version 1.0.0 andself-> new version (null)"))
         << run.log;
+    return run;
+}
+
+// The server failed while building: the user is sent to the support website
+// after `tickets` polls, and nothing was fetched.
+void expectServerError(const LabRun& run, int tickets)
+{
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_TRUE(run.says("A server error occured. Please go to the support website\n"
+                         "  support website: " QUENDRAL_TEST_SUPPORT_URL "\n"))
+        << run.output;
+    EXPECT_TRUE(run.logged("ERROR, firmware generation failed server-side")) << run.log;
+    EXPECT_EQ(run.count("ticket"), tickets) << run.output;
+    EXPECT_EQ(run.count("ticket_status"), 0);
 }
 
 } // namespace
 
 TEST(UpdatePaths, UnregisteredControllerIsToldToContactSupportWithItsIdentifier)
 {
-    const LabRun run = updateWith({"--refuse", "not_authorized"});
-    EXPECT_EQ(run.exitCode, 4) << run.output;
+    const LabRun run = refusedWith({"--refuse", "not_authorized"}, 4);
     EXPECT_TRUE(run.says("The connected controller is not fully registered yet. Please contact QUENDRAL Support and "
                          "include the serial number of the unit, attaching the controller identification code:\n\n " +
                          kCid + "\n"))
         << run.output;
     EXPECT_TRUE(run.logged("ERROR, controller not registered")) << run.log;
-    expectRefusedBeforeAnyTicket(run);
 }
 
 TEST(UpdatePaths, ControllerThatHasTheNewestFirmwareIsToldSoWithoutAnErrorInTheLog)
 {
-    const LabRun run = updateWith({"--refuse", "no_update"});
-    EXPECT_EQ(run.exitCode, 3) << run.output;
+    const LabRun run = refusedWith({"--refuse", "no_update"}, 3);
     EXPECT_TRUE(run.says("The connected controller already has the newest software version installed.\n"))
         << run.output;
     EXPECT_EQ(run.log.find("ERROR"), std::string::npos) << run.log;
     EXPECT_EQ(run.log.find("Custom message"), std::string::npos) << run.log;
-    expectRefusedBeforeAnyTicket(run);
 }
 
 TEST(UpdatePaths, ServerWithoutItsOwnConnectionAsksTheUserToCheckTheInternetConnection)
 {
-    const LabRun run = updateWith({"--refuse", "connection"});
-    EXPECT_EQ(run.exitCode, 5) << run.output;
+    const LabRun run = refusedWith({"--refuse", "connection"}, 5);
     EXPECT_TRUE(run.says("Could not connect to the update server. Please check your internet connection.\n"))
         << run.output;
     EXPECT_TRUE(run.logged("ERROR, no internet connection")) << run.log;
-    expectRefusedBeforeAnyTicket(run);
 }
 
 TEST(UpdatePaths, MakersMessageIsShownAsItCameAndLogged)
 {
     const std::string message = "Updates are paused until Monday. Your QUENDRAL team";
-    const LabRun run = updateWith({"--refuse", "message", "--message", message});
-    EXPECT_EQ(run.exitCode, 4) << run.output;
+    const LabRun run = refusedWith({"--refuse", "message", "--message", message}, 4);
     EXPECT_TRUE(run.says("\n" + message + "\n")) << run.output;
     EXPECT_TRUE(run.logged("Custom message: " + message)) << run.log;
-    expectRefusedBeforeAnyTicket(run);
 }
 
 TEST(UpdatePaths, RefusalWithAnUnknownDescriptionEndsWithoutAlertOrLogLine)
 {
-    const LabRun run = updateWith({"--refuse", "maintenance"});
-    EXPECT_EQ(run.exitCode, 4) << run.output;
+    const LabRun run = refusedWith({"--refuse", "maintenance"}, 4);
     for (const char* alert :
          {"not fully registered", "newest software version", "Could not connect", "Please contact QUENDRAL support."}) {
         EXPECT_FALSE(run.says(alert)) << alert << "\n" << run.output;
     }
     EXPECT_EQ(run.log.find("ERROR"), std::string::npos) << run.log;
     EXPECT_EQ(run.log.find("Custom message"), std::string::npos) << run.log;
-    expectRefusedBeforeAnyTicket(run);
 }
 
 TEST(UpdatePaths, FirmwareWhoseDigestNeverMatchesIsFetchedSixTimesThenGivenUp)
@@ -126,30 +133,21 @@ TEST(UpdatePaths, UpperCaseDigestNeverMatchesEither)
 TEST(UpdatePaths, FailedGenerationOnTheServerShowsTheServerErrorWithTheSupportLink)
 {
     const LabRun run = updateWith({"--generation", "fail", "--polls", "1"});
-    EXPECT_EQ(run.exitCode, 1) << run.output;
+    // One poll answered "still building" ("internal"), the next one the failure.
+    expectServerError(run, 2);
     // The terminal prints the status line, then the linked words and where they lead.
     EXPECT_TRUE(run.says("\nA server error occured. Please go to the support website\n"
                          "  support website: " QUENDRAL_TEST_SUPPORT_URL "\n"))
         << run.output;
     EXPECT_NE(std::string(QUENDRAL_TEST_SUPPORT_URL).find("?id=170"), std::string::npos);
     EXPECT_EQ(std::string(QUENDRAL_TEST_SUPPORT_URL).rfind("http://", 0), 0U);
-    EXPECT_TRUE(run.logged("ERROR, firmware generation failed server-side")) << run.log;
-    // One poll answered "still building" ("internal"), the next one the failure.
-    EXPECT_EQ(run.count("ticket"), 2) << run.output;
-    EXPECT_EQ(run.count("ticket_status"), 0);
     EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
 }
 
 TEST(UpdatePaths, LostConnectionWhilePollingShowsTheServerErrorToo)
 {
     const LabRun run = updateWith({"--fault", "drop", "--fault-commands", "ticket"});
-    EXPECT_EQ(run.exitCode, 1) << run.output;
-    EXPECT_TRUE(run.says("A server error occured. Please go to the support website\n"
-                         "  support website: " QUENDRAL_TEST_SUPPORT_URL "\n"))
-        << run.output;
-    EXPECT_TRUE(run.logged("ERROR, firmware generation failed server-side")) << run.log;
-    EXPECT_EQ(run.count("ticket"), 1) << run.output;
-    EXPECT_EQ(run.count("ticket_status"), 0);
+    expectServerError(run, 1);
 }
 
 TEST(UpdatePaths, FlashThatDoesNotKeepWhatIsWrittenIsReportedAsAFailureToServerAndUser)

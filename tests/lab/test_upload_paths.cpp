@@ -17,6 +17,17 @@ std::string avrFirmware(const std::string& name)
     return std::string(QUENDRAL_AVR_FIRMWARE_DIR) + "/" + name + ".hex";
 }
 
+// The ATmega32U4's boot loader took the file: the status texts in this order,
+// and the boot loader behind it, a fake (see sim/lab), was written to: what it
+// proves is that avrdude wrote the file there and read it back unchanged.
+void expectFlashedInto32U4BootLoader(const LabRun& run, const std::vector<std::string>& statusTexts)
+{
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(inOrder(run.output, statusTexts)) << run.output;
+    EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
+    EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
+}
+
 } // namespace
 
 TEST(UploadPaths, KorbatekDueThatNeverComesBackCountsDownThirtySecondsAndTheServerHearsOfTheFailure)
@@ -116,38 +127,29 @@ TEST(UploadPaths, Atmega32U4IsTouchedAndFlashedByAvrdudeOnceItComesBackAsItsBoot
 {
     const std::string file = avrFirmware("identity_b_2560");
     const LabRun run = runInLab({"--controller", "atmega32u4"}, cliFlash(file));
-    EXPECT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_TRUE(inOrder(run.output, {"Waiting for device to go into programming mode.. (30)", "Writing firmware...",
-                                     "Verifying firmware...", "Firmware successfully updated!\n"}))
-        << run.output;
+    expectFlashedInto32U4BootLoader(run,
+                                    {"Waiting for device to go into programming mode.. (30)", "Writing firmware...",
+                                     "Verifying firmware...", "Firmware successfully updated!\n"});
     // avrdude ran for the boot loader's identity (2341:0037), not the running board's (2341:8037).
     EXPECT_TRUE(
         inOrder(run.log, {"Uploading firmware " + file, "Resetting device into programming mode..", "Avrdude initiated",
                           "Identified Arduino Micro device type.", "Avrdude terminated successfully"}))
         << run.log;
     EXPECT_TRUE(run.says("the board saw 1 1200-baud touches")) << run.output;
-    // The boot loader behind the new identity is a fake (see sim/lab): what it
-    // proves is that avrdude wrote the file there and read it back unchanged.
-    EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
-    EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
 }
 
 TEST(UploadPaths, Atmega32U4AlreadyInItsBootLoaderIsFlashedOnTheFirstLookWithoutATouch)
 {
     const std::string file = avrFirmware("identity_b_2560");
     const LabRun run = runInLab({"--controller", "atmega32u4-boot-loader"}, cliFlash(file));
-    EXPECT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_TRUE(inOrder(run.output, {"Waiting for device to go into programming mode.. (30)", "Writing firmware...",
-                                     "Firmware successfully updated!\n"}))
-        << run.output;
+    expectFlashedInto32U4BootLoader(run, {"Waiting for device to go into programming mode.. (30)",
+                                          "Writing firmware...", "Firmware successfully updated!\n"});
     // Found at once: no second pass of the wait.
     EXPECT_FALSE(run.says("Waiting for device to go into programming mode.. (29)")) << run.output;
     EXPECT_EQ(run.log.find("Resetting device into programming mode.."), std::string::npos) << run.log;
     EXPECT_TRUE(inOrder(run.log, {"Uploading firmware " + file, "Identified Arduino Micro device type.",
                                   "Avrdude terminated successfully"}))
         << run.log;
-    EXPECT_FALSE(run.says("quendral-lab: avrdude wrote 0 bytes")) << run.output;
-    EXPECT_TRUE(run.says("quendral-lab: avrdude wrote ")) << run.output;
 }
 
 TEST(UploadPaths, Atmega32U4OfTheSecondVendorIsNotTouchedAndIsGivenUpWhenItDoesNotEnterItsBootLoaderByItself)

@@ -1,18 +1,22 @@
 #include "port_manager_world.h"
 
 #include "serial/device_registry.h"
+#include "support/umockdev_fixture.h"
 
 namespace quendral::test {
 namespace {
 
-class WorldEnvironment : public ::testing::Environment {
+class WorldEnvironment : public ProgramUmockdevWorld {
 public:
-    void SetUp() override
+    void TearDown() override
     {
-        if (!sim::UmockdevTestbed::isAvailable()) {
-            return; // every test then fails with the hint
-        }
-        dispatch::setMainThreadToCurrent();
+        dispatch::RunLoop::main().drain();
+        world().testbed.reset();
+    }
+
+protected:
+    void build() override
+    {
         PortManagerWorld& w = world();
         w.testbed = std::make_unique<sim::UmockdevTestbed>();
         w.builtin = w.testbed->addBuiltinSerialPort("ttyS0");
@@ -30,12 +34,6 @@ public:
         w.enumeratedPaths = pathsOf(SerialPortManager::sharedSerialPortManager().availablePorts());
         // The three "add" uevents above came before the manager listened.
         dispatch::RunLoop::main().runFor(50ms);
-    }
-
-    void TearDown() override
-    {
-        dispatch::RunLoop::main().drain();
-        world().testbed.reset();
     }
 };
 

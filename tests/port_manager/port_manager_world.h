@@ -6,6 +6,7 @@
 #include "platform/dispatch.h"
 #include "platform/notification_center.h"
 #include "serial/serial_port_manager.h"
+#include "support/wait.h"
 #include "umockdev_testbed.h"
 
 #include <gtest/gtest.h>
@@ -22,10 +23,9 @@ namespace quendral::test {
 
 using namespace std::chrono_literals;
 
-inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
+// Hot-plug goes through the test bed's uevents and the manager's watcher
+// thread: these tests give every such wait ten seconds.
+inline constexpr std::chrono::milliseconds kHotplugWait = 10000ms;
 
 struct PortManagerWorld {
     std::unique_ptr<sim::UmockdevTestbed> testbed;
@@ -89,7 +89,7 @@ public:
     }
     [[nodiscard]] bool waitForCount(const std::string& name, std::size_t n) const
     {
-        return waitFor([&] { return count(name) >= n; });
+        return waitFor([&] { return count(name) >= n; }, kHotplugWait);
     }
     [[nodiscard]] Entry last(const std::string& name) const
     {
@@ -147,19 +147,22 @@ protected:
             }
         }
         const bool restored =
-            waitFor([&] { return pathsOf(SerialPortManager::sharedSerialPortManager().availablePorts()) == before; });
+            waitFor([&] { return pathsOf(SerialPortManager::sharedSerialPortManager().availablePorts()) == before; },
+                    kHotplugWait);
         EXPECT_TRUE(restored) << "the test left ports behind";
         for (const auto& port : SerialPort::allSerialPorts()) {
             port->close();
         }
-        waitFor([] {
-            for (const auto& port : SerialPort::allSerialPorts()) {
-                if (port->isOpen()) {
-                    return false;
+        waitFor(
+            [] {
+                for (const auto& port : SerialPort::allSerialPorts()) {
+                    if (port->isOpen()) {
+                        return false;
+                    }
                 }
-            }
-            return true;
-        });
+                return true;
+            },
+            kHotplugWait);
         dispatch::RunLoop::main().drain();
     }
 

@@ -66,7 +66,7 @@ protected:
             list.resetDevice(path, delay, stop);
             done = true;
         });
-        EXPECT_TRUE(waitFor([&] { return done.load(); })) << "resetDevice did not return";
+        EXPECT_TRUE(waitFor([&] { return done.load(); }, kHotplugWait)) << "resetDevice did not return";
     }
 
     PortMenuView view;
@@ -84,7 +84,7 @@ TEST_F(BootloaderTouch, TouchingASamBoardBringsUpItsSambaBootLoaderAndTheMenuFol
     board.plugIn();
     const std::string path = board.device()->devnode();
     const std::string name = board.device()->ttyName();
-    ASSERT_TRUE(waitFor([&] { return listed(path) && lastTitle(view) == name; }));
+    ASSERT_TRUE(waitFor([&] { return listed(path) && lastTitle(view) == name; }, kHotplugWait));
     ASSERT_EQ(list.getPIDVID(path), 0x2341003Eu);
 
     NotificationRecorder recorder;
@@ -98,20 +98,24 @@ TEST_F(BootloaderTouch, TouchingASamBoardBringsUpItsSambaBootLoaderAndTheMenuFol
 
     // Both changes reach the port manager: the firmware's device left, the boot loader's came.
     ASSERT_TRUE(recorder.waitForCount(SerialPortsWereDisconnectedNotification, 1));
-    ASSERT_TRUE(waitFor([&] {
-        return recorder.count(SerialPortsWereConnectedNotification) >= 1 &&
-               !recorder.last(SerialPortsWereConnectedNotification).paths.empty();
-    }));
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return recorder.count(SerialPortsWereConnectedNotification) >= 1 &&
+                   !recorder.last(SerialPortsWereConnectedNotification).paths.empty();
+        },
+        kHotplugWait));
     EXPECT_EQ(recorder.last(SerialPortsWereDisconnectedNotification).paths, std::vector<std::string>{path});
     EXPECT_EQ(recorder.last(SerialPortsWereConnectedNotification).paths, std::vector<std::string>{bootloaderPath});
     EXPECT_FALSE(listed(path));
     EXPECT_EQ(list.getPIDVID(path), 0u);
     EXPECT_EQ(list.getPIDVID(bootloaderPath), 0x03EB6124u);
     // The menu drops the firmware's port and lists the boot loader's at the end (it arrived last).
-    ASSERT_TRUE(waitFor([&] {
-        const auto titles = view.portMenuTitles();
-        return lastTitle(view) == bootloaderName && std::find(titles.begin(), titles.end(), name) == titles.end();
-    }));
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const auto titles = view.portMenuTitles();
+            return lastTitle(view) == bootloaderName && std::find(titles.begin(), titles.end(), name) == titles.end();
+        },
+        kHotplugWait));
     EXPECT_EQ(list.getPIDVID(*list.pathOfSerialPortWithName(bootloaderName)), 0x03EB6124u);
 }
 
@@ -122,14 +126,14 @@ TEST_F(BootloaderTouch, AnAtmega32U4BoardIsTouchedWithItsDelayAndComesBackAsItsB
     board.setRebootTime(50ms);
     board.plugIn();
     const std::string path = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return listed(path); }));
+    ASSERT_TRUE(waitFor([&] { return listed(path); }, kHotplugWait));
     ASSERT_EQ(list.getPIDVID(path), 0x23418037u);
 
     resetOnWorker(list, path, 1);
     EXPECT_EQ(clock.sleeps(), std::vector<double>{1.0});
     ASSERT_TRUE(board.waitForMode(sim::SimulatedUsbBoard::Mode::Bootloader, 10000ms));
     const std::string bootloaderPath = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(bootloaderPath) == 0x23410037u; }));
+    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(bootloaderPath) == 0x23410037u; }, kHotplugWait));
     ASSERT_TRUE(list.serial());
     EXPECT_EQ(list.serial()->path(), path);
     EXPECT_EQ(list.serial()->baudRate(), 1200u);
@@ -142,7 +146,7 @@ TEST_F(BootloaderTouch, AnOrdinaryOpenAndCloseIsNoTouch)
     sim::SimulatedUsbBoard board(*world().testbed, sim::SimulatedUsbBoard::korbatekDue(nextTtyName("ttyACM")));
     board.plugIn();
     const std::string path = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return listed(path); }));
+    ASSERT_TRUE(waitFor([&] { return listed(path); }, kHotplugWait));
     auto port = SerialPort::serialPortWithPath(path);
     ASSERT_TRUE(port);
     port->setBaudRate(115200);
@@ -150,7 +154,7 @@ TEST_F(BootloaderTouch, AnOrdinaryOpenAndCloseIsNoTouch)
     ASSERT_TRUE(port->isOpen());
     ASSERT_TRUE(board.controller()->waitForPortOpen(true, 5000ms));
     port->close();
-    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }));
+    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }, kHotplugWait));
     ASSERT_TRUE(board.controller()->waitForPortOpen(false, 5000ms));
     dispatch::RunLoop::main().runFor(200ms);
     EXPECT_EQ(board.touchCount(), 0);
@@ -172,20 +176,20 @@ TEST_F(BootloaderTouch, FlashingDoneRebootsIntoTheApplicationIdentityAndItsContr
     board.plugIn();
     const std::string path = board.device()->devnode();
     PortList list(view, &appDelegate, &manager(), clock);
-    ASSERT_TRUE(waitFor([&] { return listed(path); }));
+    ASSERT_TRUE(waitFor([&] { return listed(path); }, kHotplugWait));
 
     board.rebootIntoBootloader();
     ASSERT_TRUE(board.waitForMode(sim::SimulatedUsbBoard::Mode::Bootloader, 10000ms));
     EXPECT_EQ(peersAlive.load(), 1);
     const std::string bootloaderPath = board.device()->devnode();
     EXPECT_EQ(served, std::vector<std::string>{bootloaderPath});
-    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(bootloaderPath) == 0x03EB6124u; }));
+    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(bootloaderPath) == 0x03EB6124u; }, kHotplugWait));
 
     board.rebootIntoApplication();
     ASSERT_TRUE(board.waitForMode(sim::SimulatedUsbBoard::Mode::Application, 10000ms));
     EXPECT_EQ(peersAlive.load(), 0) << "the boot loader's peer stops with the boot loader";
     const std::string applicationPath = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(applicationPath) == 0x2341003Eu; }));
+    ASSERT_TRUE(waitFor([&] { return list.getPIDVID(applicationPath) == 0x2341003Eu; }, kHotplugWait));
     EXPECT_FALSE(listed(bootloaderPath));
     EXPECT_FALSE(listed(path));
 
@@ -202,9 +206,10 @@ TEST_F(BootloaderTouch, FlashingDoneRebootsIntoTheApplicationIdentityAndItsContr
     port->sendData(std::string_view("getCID\n"));
     EXPECT_TRUE(board.controller()->waitForLine("getCID", 5000ms));
     EXPECT_TRUE(waitFor(
-        [&] { return delegate->receivedText().find("CID:FEDCBA9876543210FEDCBA9876543210\n") != std::string::npos; }));
+        [&] { return delegate->receivedText().find("CID:FEDCBA9876543210FEDCBA9876543210\n") != std::string::npos; },
+        kHotplugWait));
     port->close();
-    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }));
+    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }, kHotplugWait));
 }
 
 TEST_F(BootloaderTouch, AResetOfAPortThatNeverOpensKeepsTryingUntilStopped)

@@ -20,7 +20,7 @@ TEST_F(MainViewControllerPorts, TheSelectedPathAndIdentityComeFromTheRebuiltMenu
     auto controller = MainViewController::create(view, &appDelegate);
     EXPECT_FALSE(controller->pathOfSelectedPort()) << "nothing is selected before the first rebuild";
     controller->updateSerialPorts();
-    ASSERT_TRUE(waitFor([&] { return view.rebuilds() > 0; }));
+    ASSERT_TRUE(waitFor([&] { return view.rebuilds() > 0; }, kHotplugWait));
     const auto titles = view.portMenuTitles();
     ASSERT_FALSE(titles.empty());
     const auto path = controller->pathOfSelectedPort();
@@ -36,9 +36,9 @@ TEST_F(MainViewControllerPorts, TheControllerFollowsThePortManagersNotifications
     auto controller = MainViewController::create(view, nullptr);
     controller->observePortChanges();
     controller->updateSerialPorts();
-    ASSERT_TRUE(waitFor([&] { return view.rebuilds() > 0; }));
+    ASSERT_TRUE(waitFor([&] { return view.rebuilds() > 0; }, kHotplugWait));
     auto device = plugIn("ttyUSB", 0x26BA, 0x0003);
-    ASSERT_TRUE(waitFor([&] { return lastTitle(view) == device->ttyName(); }));
+    ASSERT_TRUE(waitFor([&] { return lastTitle(view) == device->ttyName(); }, kHotplugWait));
     EXPECT_EQ(controller->getPIDVID(*controller->pathOfSerialPortWithName(device->ttyName())), 0x26BA0003u);
 }
 
@@ -49,19 +49,19 @@ TEST_F(MainViewControllerPorts, TheResetPortBecomesTheControllersSerialAndTheBoa
     sim::SimulatedUsbBoard board(*world().testbed, sim::SimulatedUsbBoard::korbatekDue(nextTtyName("ttyACM")));
     board.plugIn();
     const std::string path = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return listed(path); }));
+    ASSERT_TRUE(waitFor([&] { return listed(path); }, kHotplugWait));
 
     std::atomic<bool> done{false};
     std::thread worker([&] {
         controller->resetDevice(path, 0);
         done = true;
     });
-    const bool returned = waitFor([&] { return done.load(); });
+    const bool returned = waitFor([&] { return done.load(); }, kHotplugWait);
     worker.join();
     ASSERT_TRUE(returned);
     ASSERT_TRUE(controller->serial());
     EXPECT_EQ(controller->serial()->path(), path);
     ASSERT_TRUE(board.waitForMode(sim::SimulatedUsbBoard::Mode::Bootloader, 10000ms));
     const std::string bootloaderPath = board.device()->devnode();
-    ASSERT_TRUE(waitFor([&] { return controller->getPIDVID(bootloaderPath) == 0x03EB6124u; }));
+    ASSERT_TRUE(waitFor([&] { return controller->getPIDVID(bootloaderPath) == 0x03EB6124u; }, kHotplugWait));
 }

@@ -46,7 +46,7 @@ protected:
         const int rebuilds = view.rebuilds();
         list->updateSerialPorts();
         EXPECT_EQ(view.rebuilds(), rebuilds) << "the rebuild runs later, on the main queue";
-        ASSERT_TRUE(waitFor([&] { return view.rebuilds() > rebuilds; }));
+        ASSERT_TRUE(waitFor([&] { return view.rebuilds() > rebuilds; }, kHotplugWait));
     }
 
     PortMenuView view;
@@ -70,9 +70,9 @@ TEST_F(PortListTest, MenuListsUsbPortsInThePortManagersOrder)
 {
     // Arrival order, not name order: a ttyUSB after a ttyACM, a modem-like port between.
     auto acm = plugIn("ttyACM", 0x2341, 0x8037);
-    ASSERT_TRUE(waitFor([&] { return listed(acm->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(acm->devnode()); }, kHotplugWait));
     auto usb = plugIn("ttyUSB", 0x0403, 0x6001);
-    ASSERT_TRUE(waitFor([&] { return listed(usb->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(usb->devnode()); }, kHotplugWait));
 
     rebuild();
     const auto titles = view.portMenuTitles();
@@ -107,7 +107,8 @@ TEST_F(PortListTest, AConnectRebuildSelectsTheFirstPortEvenWhenTheSecondWasSelec
 
     const int rebuilds = view.rebuilds();
     auto device = plugIn("ttyUSB", 0x0403, 0x6001); // the connect notification
-    ASSERT_TRUE(waitFor([&] { return view.rebuilds() > rebuilds && lastTitle(view) == device->ttyName(); }));
+    ASSERT_TRUE(
+        waitFor([&] { return view.rebuilds() > rebuilds && lastTitle(view) == device->ttyName(); }, kHotplugWait));
     EXPECT_EQ(view.selectedPortTitle(), a);
 }
 
@@ -116,15 +117,19 @@ TEST_F(PortListTest, TheMenuFollowsConnectAndDisconnectNotifications)
     list->observePortChanges();
     rebuild();
     auto device = plugIn("ttyACM", 0x2341, 0x0037);
-    ASSERT_TRUE(waitFor([&] {
-        const auto titles = view.portMenuTitles();
-        return std::find(titles.begin(), titles.end(), device->ttyName()) != titles.end();
-    }));
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const auto titles = view.portMenuTitles();
+            return std::find(titles.begin(), titles.end(), device->ttyName()) != titles.end();
+        },
+        kHotplugWait));
     world().testbed->unplug(*device);
-    ASSERT_TRUE(waitFor([&] {
-        const auto titles = view.portMenuTitles();
-        return std::find(titles.begin(), titles.end(), device->ttyName()) == titles.end();
-    }));
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const auto titles = view.portMenuTitles();
+            return std::find(titles.begin(), titles.end(), device->ttyName()) == titles.end();
+        },
+        kHotplugWait));
     EXPECT_EQ(view.portMenuTitles(), menuWorthyNames());
 }
 
@@ -134,7 +139,7 @@ TEST_F(PortListTest, WithoutAnyUsbPortTheMenuIsEmptyAndNoPathIsSelected)
     auto& w = world();
     w.testbed->unplug(*w.adapter);
     w.testbed->unplug(*w.board);
-    ASSERT_TRUE(waitFor([&] { return menuWorthyNames().empty(); }));
+    ASSERT_TRUE(waitFor([&] { return menuWorthyNames().empty(); }, kHotplugWait));
     rebuild();
     EXPECT_TRUE(view.portMenuTitles().empty());
     EXPECT_FALSE(view.selectedPortTitle());
@@ -152,7 +157,7 @@ TEST_F(PortListTest, WithoutAnyUsbPortTheMenuIsEmptyAndNoPathIsSelected)
     w.adapter = w.testbed->addUsbSerialDevice(adapter);
     w.board = w.testbed->addUsbSerialDevice(board);
     ASSERT_TRUE(w.adapter && w.board);
-    ASSERT_TRUE(waitFor([&] { return listed(w.adapter->devnode()) && listed(w.board->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(w.adapter->devnode()) && listed(w.board->devnode()); }, kHotplugWait));
     before = pathsOf(manager().availablePorts());
 }
 
@@ -170,7 +175,7 @@ TEST_F(PortListTest, GetPIDVIDGivesTheCombinedIdentifierOfEveryKnownBoard)
     for (const BoardIdentification& row : BoardTable::rows()) {
         SCOPED_TRACE(row.board);
         auto device = plugIn(row.family == BoardFamily::AvrSerial ? "ttyUSB" : "ttyACM", row.vendorId, row.productId);
-        ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+        ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
         EXPECT_EQ(list->getPIDVID(device->devnode()), row.identifier);
         EXPECT_EQ(BoardTable::find(list->getPIDVID(device->devnode())), &row);
     }
@@ -189,10 +194,10 @@ TEST_F(PortListTest, GetPIDVIDIsZeroForAnUnknownPathAndForAPortWithoutUsb)
 TEST_F(PortListTest, GetPIDVIDOfAPortThatHasGoneIsZero)
 {
     auto device = plugIn("ttyACM", 0x2341, 0x8037);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     EXPECT_EQ(list->getPIDVID(device->devnode()), 0x23418037u);
     world().testbed->unplug(*device);
-    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }, kHotplugWait));
     EXPECT_EQ(list->getPIDVID(device->devnode()), 0u);
 }
 
@@ -210,15 +215,15 @@ TEST_F(PortListTest, AMonitorWhoseDeviceReturnsFollowsTheRebuild)
     list->observePortChanges();
     rebuild();
     auto device = plugIn("ttyACM", 0x2341, 0x003E);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     // The monitor's device goes away: its window stays, its port is closed.
     world().testbed->unplug(*device);
-    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }, kHotplugWait));
     appDelegate.setMonitorVisibleWithClosedPort(true);
     const std::size_t opened = appDelegate.monitorOpenedWith().size();
 
     auto back = plugIn("ttyACM", 0x2341, 0x003E); // the board returns
-    ASSERT_TRUE(waitFor([&] { return appDelegate.monitorOpenedWith().size() > opened; }));
+    ASSERT_TRUE(waitFor([&] { return appDelegate.monitorOpenedWith().size() > opened; }, kHotplugWait));
     EXPECT_EQ(appDelegate.monitorOpenedWith().back(), *list->pathOfSerialPortWithName(view.portMenuTitles()[0]));
 }
 
@@ -227,7 +232,7 @@ TEST_F(PortListTest, AMonitorWhosePortIsOpenIsLeftAlone)
     appDelegate.setMonitorVisibleWithClosedPort(false); // visible with its port open, or hidden
     rebuild();
     auto device = plugIn("ttyUSB", 0x0403, 0x6001);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     rebuild();
     EXPECT_TRUE(appDelegate.monitorOpenedWith().empty());
 }

@@ -85,7 +85,7 @@ TEST_F(SerialPortManagerTest, PluggingInAppendsOnePortAndPostsAListOfOne)
 TEST_F(SerialPortManagerTest, RepublicationOfAListedPortAddsNothingButStillPostsAnEmptyList)
 {
     auto device = plugIn("ttyACM", 0x2341, 0x8037);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     const std::size_t count = manager().countOfAvailablePorts();
 
     NotificationRecorder recorder;
@@ -98,14 +98,14 @@ TEST_F(SerialPortManagerTest, RepublicationOfAListedPortAddsNothingButStillPosts
 TEST_F(SerialPortManagerTest, UnpluggingClosesTheOpenPortTellsItsDelegateThenRemovesAndPosts)
 {
     auto device = plugIn("ttyUSB", 0x26BA, 0x0003);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     auto port = SerialPort::serialPortWithPath(device->devnode());
     ASSERT_TRUE(port);
     auto delegate = std::make_shared<RecordingSerialDelegate>();
     port->setDelegate(delegate);
     port->open();
     ASSERT_TRUE(port->isOpen());
-    ASSERT_TRUE(waitFor([&] { return delegate->count("opened") == 1; }));
+    ASSERT_TRUE(waitFor([&] { return delegate->count("opened") == 1; }, kHotplugWait));
 
     NotificationRecorder recorder;
     world().testbed->unplug(*device);
@@ -116,8 +116,8 @@ TEST_F(SerialPortManagerTest, UnpluggingClosesTheOpenPortTellsItsDelegateThenRem
     EXPECT_TRUE(entry.onMainThread);
     EXPECT_EQ(entry.availableAtPost, before) << "the port left the list before the notification";
     EXPECT_GE(delegate->count("removed"), 1u);
-    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }));
-    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }));
+    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }, kHotplugWait));
+    ASSERT_TRUE(waitFor([&] { return delegate->count("closed") == 1; }, kHotplugWait));
     // The removed port stays a valid, closed object for whoever holds it.
     EXPECT_EQ(port->path(), device->devnode());
     EXPECT_FALSE(listed(device->devnode()));
@@ -137,7 +137,7 @@ TEST_F(SerialPortManagerTest, TheUsbIdentityComesFromTheNearestUsbDeviceAbove)
     // ttyUSB ports sit below a usb-serial node and the interface; ttyACM below the interface.
     auto adapter = plugIn("ttyUSB", 0x0403, 0x6001);
     auto board = plugIn("ttyACM", 0x2A03, 0x0037);
-    ASSERT_TRUE(waitFor([&] { return listed(adapter->devnode()) && listed(board->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(adapter->devnode()) && listed(board->devnode()); }, kHotplugWait));
     auto adapterPort = SerialPort::serialPortWithPath(adapter->devnode());
     auto boardPort = SerialPort::serialPortWithPath(board->devnode());
     ASSERT_TRUE(adapterPort && boardPort);
@@ -155,7 +155,7 @@ TEST_F(SerialPortManagerTest, TheUsbIdentityComesFromTheNearestUsbDeviceAbove)
 TEST_F(SerialPortManagerTest, TheIdentityIsReadAfreshOnEveryCall)
 {
     auto device = plugIn("ttyACM", 0x2341, 0x003E);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     auto port = SerialPort::serialPortWithPath(device->devnode());
     ASSERT_TRUE(port);
     EXPECT_EQ(productID(*port), 0x003E);
@@ -166,7 +166,7 @@ TEST_F(SerialPortManagerTest, TheIdentityIsReadAfreshOnEveryCall)
     EXPECT_EQ(productID(*port), 0x6124);
     // And once the device has gone, the held port has no identity at all.
     world().testbed->unplug(*device);
-    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return !listed(device->devnode()); }, kHotplugWait));
     EXPECT_FALSE(vendorID(*port));
     EXPECT_FALSE(ioDeviceAttributes(*port));
 }
@@ -174,7 +174,7 @@ TEST_F(SerialPortManagerTest, TheIdentityIsReadAfreshOnEveryCall)
 TEST_F(SerialPortManagerTest, SleepClosesOpenPortsAndWakeReopensThem)
 {
     auto device = plugIn("ttyUSB", 0x0403, 0x6001);
-    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }));
+    ASSERT_TRUE(waitFor([&] { return listed(device->devnode()); }, kHotplugWait));
     auto port = SerialPort::serialPortWithPath(device->devnode());
     ASSERT_TRUE(port);
     port->open();
@@ -182,7 +182,7 @@ TEST_F(SerialPortManagerTest, SleepClosesOpenPortsAndWakeReopensThem)
 
     manager().systemWillSleep();
     EXPECT_EQ(pathsOf(manager().portsToReopenAfterSleep()), std::vector<std::string>{device->devnode()});
-    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }));
+    ASSERT_TRUE(waitFor([&] { return !port->isOpen(); }, kHotplugWait));
 
     manager().systemDidWake();
     EXPECT_TRUE(port->isOpen());

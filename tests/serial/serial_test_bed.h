@@ -3,24 +3,23 @@
 #include "platform/dispatch.h"
 #include "serial/serial_port.h"
 #include "support/recording_serial_delegate.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
+#include "support/wait.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <poll.h>
+#include <set>
 #include <string>
 #include <unistd.h>
 
 namespace quendral::test {
 
 using namespace std::chrono_literals;
-
-inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
 
 // Everything the device end has received within `quiet` of silence.
 inline std::string readDeviceEnd(int fd, std::chrono::milliseconds quiet = 200ms)
@@ -40,37 +39,69 @@ inline std::string readDeviceEnd(int fd, std::chrono::milliseconds quiet = 200ms
     }
 }
 
-class SerialTestBed : public ::testing::Test {
+class SerialTestBed : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-        testbed = std::make_unique<sim::UmockdevTestbed>();
-        device = testbed->addUsbSerialDevice({});
-        ASSERT_TRUE(device);
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
+        ASSERT_TRUE(plugDevice());
         delegate = std::make_shared<RecordingSerialDelegate>();
     }
 
     void TearDown() override
     {
-        for (const auto& port : SerialPort::allSerialPorts()) {
-            port->close();
-            waitFor([&] { return !port->isOpen(); });
-        }
+        closeAllPorts();
+        UmockdevTest::TearDown();
         dispatch::RunLoop::main().drain();
     }
 
-    SerialPort::Ptr openPort(const std::shared_ptr<SerialPortDelegate>& withDelegate)
+    // /dev/ttyACM0, opened once `prepare` has set it up; none (after a
+    // failure) when there is no such port.
+    SerialPort::Ptr openAfter(const std::function<void(SerialPort&)>& prepare)
     {
         auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
         if (!port) {
             ADD_FAILURE() << "no port for /dev/ttyACM0";
             return nullptr;
         }
-        port->setDelegate(withDelegate);
+        prepare(*port);
         port->open();
         EXPECT_TRUE(port->isOpen());
         return port;
+    }
+
+    SerialPort::Ptr openPort(const std::shared_ptr<SerialPortDelegate>& withDelegate)
+    {
+        return openAfter([&](SerialPort& port) { port.setDelegate(withDelegate); });
+    }
+
+    // Opened without a delegate at `baudRate`; the device end sees that speed.
+    SerialPort::Ptr openAtSpeed(unsigned long baudRate)
+    {
+        auto port = openAfter([&](SerialPort& opening) { opening.setBaudRate(baudRate); });
+        if (port) {
+            EXPECT_EQ(device->speed(), baudRate);
+        }
+        return port;
+    }
+
+    // The port with a delegate of its own that declines `callback`, as a
+    // delegate without that method does (the delegate is decliningDelegate).
+    SerialPort::Ptr openPortDeclining(SerialPortDelegateCallback callback)
+    {
+        decliningDelegate = std::make_shared<RecordingSerialDelegate>(std::set<SerialPortDelegateCallback>{callback});
+        return openPort(decliningDelegate);
+    }
+
+    // Counts the port's notifications of `property` into `count`; the observer's id.
+    static std::uint64_t countNotifications(const SerialPort::Ptr& port, SerialPortProperty property,
+                                            std::atomic<int>& count)
+    {
+        return port->addPropertyObserver([&count, property](const SerialPort::Ptr&, SerialPortProperty changed) {
+            if (changed == property) {
+                ++count;
+            }
+        });
     }
 
     static bool closeAndWait(const SerialPort::Ptr& port)
@@ -79,9 +110,8 @@ protected:
         return waitFor([&] { return !port->isOpen(); });
     }
 
-    std::unique_ptr<sim::UmockdevTestbed> testbed;
-    std::shared_ptr<sim::UmockdevSerialDevice> device;
     std::shared_ptr<RecordingSerialDelegate> delegate;
+    std::shared_ptr<RecordingSerialDelegate> decliningDelegate;
 };
 
 } // namespace quendral::test

@@ -35,6 +35,16 @@ protected:
         port->stopListeningForPacketsMatchingDescriptor(marker);
     }
 
+    // The port, open, listening for `descriptor`; none (after a failure) if it would not open.
+    SerialPort::Ptr listeningPort(const SerialPacketDescriptor::Ptr& descriptor)
+    {
+        auto port = openPort(delegate);
+        if (port) {
+            port->startListeningForPacketsMatchingDescriptor(descriptor);
+        }
+        return port;
+    }
+
     std::vector<SerialData> packetsFor(const SerialPacketDescriptor::Ptr& descriptor) const
     {
         std::vector<SerialData> packets;
@@ -51,10 +61,9 @@ protected:
 
 TEST_F(SerialPackets, PrefixAndSuffixStreamReportsEachThreeBytePacketAndClearsTheBuffer)
 {
-    auto port = openPort(delegate);
-    ASSERT_TRUE(port);
     const auto descriptor = SerialPacketDescriptor::initWithPrefix(SerialData{0x24}, SerialData{0x0A}, 64, {});
-    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    auto port = listeningPort(descriptor);
+    ASSERT_TRUE(port);
 
     writeDevice(SerialData{0x24, 0x41, 0x0A, 0x24, 0x42, 0x0A});
     ASSERT_TRUE(waitFor([&] { return packetsFor(descriptor).size() >= 2; }));
@@ -71,10 +80,9 @@ TEST_F(SerialPackets, PrefixAndSuffixStreamReportsEachThreeBytePacketAndClearsTh
 
 TEST_F(SerialPackets, SuffixOnlyDescriptorReportsJustTheSuffixEachTimeItArrives)
 {
-    auto port = openPort(delegate);
-    ASSERT_TRUE(port);
     const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::nullopt, std::string("\r\n"), 128, {});
-    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    auto port = listeningPort(descriptor);
+    ASSERT_TRUE(port);
 
     writeDevice("first line\r\nsecond\r\n\r\nno end yet");
     settle(port);
@@ -83,10 +91,9 @@ TEST_F(SerialPackets, SuffixOnlyDescriptorReportsJustTheSuffixEachTimeItArrives)
 
 TEST_F(SerialPackets, PacketLongerThanTheMaximumIsNeverReported)
 {
-    auto port = openPort(delegate);
-    ASSERT_TRUE(port);
     const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::string("<"), std::string(">"), 8, {});
-    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    auto port = listeningPort(descriptor);
+    ASSERT_TRUE(port);
 
     writeDevice("<123456>");  // 8 bytes: fits
     writeDevice("<1234567>"); // 9 bytes: one too many
@@ -159,11 +166,7 @@ TEST_F(SerialPackets, ListeningTwiceForTheSameDescriptorKeepsOneBuffer)
     auto port = openPort(delegate);
     ASSERT_TRUE(port);
     std::atomic<int> notifications{0};
-    const auto observer = port->addPropertyObserver([&](const SerialPort::Ptr&, SerialPortProperty property) {
-        if (property == SerialPortProperty::PacketDescriptors) {
-            ++notifications;
-        }
-    });
+    const auto observer = countNotifications(port, SerialPortProperty::PacketDescriptors, notifications);
     const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::string("$"), std::string("\n"), 32, {});
     // Tells when "$hal" went through the descriptors: its last byte is a packet here.
     const auto lastByte = SerialPacketDescriptor::initWithPacketData(bytes("l"), {});
@@ -185,10 +188,9 @@ TEST_F(SerialPackets, ListeningTwiceForTheSameDescriptorKeepsOneBuffer)
 
 TEST_F(SerialPackets, StopListeningEndsTheReportsAndEmptiesTheList)
 {
-    auto port = openPort(delegate);
-    ASSERT_TRUE(port);
     const auto descriptor = SerialPacketDescriptor::initWithPacketData(bytes("ping"), {});
-    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    auto port = listeningPort(descriptor);
+    ASSERT_TRUE(port);
     writeDevice("ping");
     ASSERT_TRUE(waitFor([&] { return packetsFor(descriptor).size() == 1; }));
     port->stopListeningForPacketsMatchingDescriptor(descriptor);
@@ -224,10 +226,9 @@ TEST_F(SerialPackets, BufferOfMaximumLengthFourHoldsTheNewestFourBytes)
 
 TEST_F(SerialPackets, PacketsAreFoundAcrossChunks)
 {
-    auto port = openPort(delegate);
-    ASSERT_TRUE(port);
     const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::string("<<"), std::string(">>"), 64, {});
-    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    auto port = listeningPort(descriptor);
+    ASSERT_TRUE(port);
     writeDevice("<");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     writeDevice("<payl");

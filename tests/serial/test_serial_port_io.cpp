@@ -184,12 +184,8 @@ TEST_F(SerialPortIO, LargeBurstArrivesInChunksOfAtMost1024Bytes)
 
 TEST_F(SerialPortIO, PortIsRawWithTheRequestedSpeed)
 {
-    auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
-    ASSERT_TRUE(port);
-    port->setBaudRate(115200);
-    port->open();
-    ASSERT_TRUE(port->isOpen());
-    EXPECT_EQ(device->speed(), 115200u);
+    auto port = openAtSpeed(115200);
+    ASSERT_TRUE(port && port->isOpen());
     termios seen{};
     ASSERT_EQ(::tcgetattr(device->deviceEnd(), &seen), 0);
     EXPECT_EQ(seen.c_lflag & (ICANON | ECHO | ISIG), 0u);
@@ -205,12 +201,8 @@ TEST_F(SerialPortIO, CloseRestoresTheSettingsFoundAtOpen)
 {
     termios before{};
     ASSERT_EQ(::tcgetattr(device->deviceEnd(), &before), 0);
-    auto port = SerialPort::serialPortWithPath("/dev/ttyACM0");
-    ASSERT_TRUE(port);
-    port->setBaudRate(57600);
-    port->open();
-    ASSERT_TRUE(port->isOpen());
-    EXPECT_EQ(device->speed(), 57600u);
+    auto port = openAtSpeed(57600);
+    ASSERT_TRUE(port && port->isOpen());
     ASSERT_TRUE(closeAndWait(port));
     termios after{};
     ASSERT_EQ(::tcgetattr(device->deviceEnd(), &after), 0);
@@ -332,9 +324,7 @@ TEST_F(SerialPortIO, ClosedPortCanBeOpenedAgain)
 
 TEST_F(SerialPortIO, CloseDoesNotWaitForADelegateThatIgnoresClosing)
 {
-    auto quiet = std::make_shared<RecordingSerialDelegate>(
-        std::set<SerialPortDelegateCallback>{SerialPortDelegateCallback::WasClosed});
-    auto port = openPort(quiet);
+    auto port = openPortDeclining(SerialPortDelegateCallback::WasClosed);
     ASSERT_TRUE(port);
     port->close();
     // The main thread does not run its loop here: a waiting close would hang.
@@ -343,5 +333,5 @@ TEST_F(SerialPortIO, CloseDoesNotWaitForADelegateThatIgnoresClosing)
     }
     EXPECT_FALSE(port->isOpen());
     dispatch::RunLoop::main().drain();
-    EXPECT_EQ(quiet->count("closed"), 0u);
+    EXPECT_EQ(decliningDelegate->count("closed"), 0u);
 }

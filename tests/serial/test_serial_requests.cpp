@@ -150,9 +150,7 @@ TEST_F(SerialRequests, OneSecondTimeOutArrivesOnceAboutOneSecondAfterSending)
 
 TEST_F(SerialRequests, TimeOutWithoutADelegateThatWantsItSendsTheNextAtOnce)
 {
-    auto quiet = std::make_shared<RecordingSerialDelegate>(
-        std::set<SerialPortDelegateCallback>{SerialPortDelegateCallback::RequestDidTimeout});
-    auto port = openPort(quiet);
+    auto port = openPortDeclining(SerialPortDelegateCallback::RequestDidTimeout);
     ASSERT_TRUE(port);
     auto first = SerialRequest::requestWithDataToSend(bytes("one\n"), {}, 0.2, lineResponse());
     auto second = SerialRequest::requestWithDataToSend(bytes("two\n"), {}, 0, lineResponse());
@@ -202,11 +200,7 @@ TEST_F(SerialRequests, CancelAllQueuedRequestsKeepsThePendingOne)
     auto port = openPort(delegate);
     ASSERT_TRUE(port);
     std::atomic<int> queueNotifications{0};
-    const auto observer = port->addPropertyObserver([&](const SerialPort::Ptr&, SerialPortProperty property) {
-        if (property == SerialPortProperty::QueuedRequests) {
-            ++queueNotifications;
-        }
-    });
+    const auto observer = countNotifications(port, SerialPortProperty::QueuedRequests, queueNotifications);
     auto pending = SerialRequest::requestWithDataToSend(bytes("pending\n"), {}, 0, lineResponse());
     ASSERT_TRUE(port->sendRequest(pending));
     for (int i = 0; i < 3; ++i) {
@@ -277,9 +271,7 @@ TEST_F(SerialRequests, ClosingResetsTheRequestsWhenTheDelegateHearsOfTheClose)
 
 TEST_F(SerialRequests, ClosingKeepsTheRequestsWhenTheDelegateDoesNotHearOfTheClose)
 {
-    auto deaf = std::make_shared<RecordingSerialDelegate>(
-        std::set<SerialPortDelegateCallback>{SerialPortDelegateCallback::WasClosed});
-    auto port = openPort(deaf);
+    auto port = openPortDeclining(SerialPortDelegateCallback::WasClosed);
     ASSERT_TRUE(port);
     auto pending = SerialRequest::requestWithDataToSend(bytes("a\n"), {}, 0, lineResponse());
     auto queued = SerialRequest::requestWithDataToSend(bytes("b\n"), {}, 0, lineResponse());

@@ -2,6 +2,7 @@
 // A console for the logger that a test can read while background work is still
 // logging: every write and every read of the captured text takes one lock.
 // (A plain std::ostringstream would be read and grown at the same time.)
+#include <algorithm>
 #include <mutex>
 #include <ostream>
 #include <sstream>
@@ -60,6 +61,13 @@ public:
             }
         }
         return messages;
+    }
+
+    // Whether `message` is one of the log entries so far.
+    [[nodiscard]] bool logged(const std::string& message) const
+    {
+        const auto all = messages();
+        return std::find(all.begin(), all.end(), message) != all.end();
     }
 };
 

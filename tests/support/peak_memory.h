@@ -41,8 +41,7 @@ inline constexpr std::size_t peakMemoryBound(std::size_t bytes)
     return kPeakMemoryIsMeaningful ? bytes : static_cast<std::size_t>(-1);
 }
 
-namespace detail {
-
+// This process's figure `field` (VmRSS, VmHWM, ...) from /proc/self/status, in kB.
 inline std::optional<std::size_t> statusKilobytes(const std::string& field)
 {
     std::ifstream status("/proc/self/status");
@@ -57,8 +56,6 @@ inline std::optional<std::size_t> statusKilobytes(const std::string& field)
     }
     return std::nullopt;
 }
-
-} // namespace detail
 
 struct MeasuredWork {
     std::size_t peakGrowth = 0; // bytes by which the peak resident size rose while the work ran
@@ -83,9 +80,9 @@ inline std::optional<MeasuredWork> measurePeakMemory(const std::function<int()>&
         long long report[2] = {-1, 0}; // growth, result
         ::malloc_trim(0);
         std::ofstream("/proc/self/clear_refs") << "5"; // resets VmHWM to the current VmRSS
-        const auto before = detail::statusKilobytes("VmRSS");
+        const auto before = statusKilobytes("VmRSS");
         report[1] = work();
-        const auto peak = detail::statusKilobytes("VmHWM");
+        const auto peak = statusKilobytes("VmHWM");
         if (before && peak) {
             report[0] = (static_cast<long long>(*peak) - static_cast<long long>(*before)) * 1024;
         }

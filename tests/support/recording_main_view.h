@@ -12,11 +12,7 @@ namespace quendral::test {
 
 class RecordingMainView : public MainView {
 public:
-    void setStatusText(const std::string& text) override
-    {
-        std::lock_guard lock(_mutex);
-        _statusTexts.push_back(text);
-    }
+    void setStatusText(const std::string& text) override { append(_statusTexts, text); }
     void setStatusTextWithLink(const std::string& text, std::size_t /*linkLength*/, const std::string& /*url*/) override
     {
         setStatusText(text);
@@ -38,47 +34,29 @@ public:
         const auto found = _enabled.find(control);
         return found == _enabled.end() || found->second;
     }
-    [[nodiscard]] std::vector<std::string> portMenuTitles() const override
-    {
-        std::lock_guard lock(_mutex);
-        return _menu;
-    }
-    [[nodiscard]] std::optional<std::string> selectedPortTitle() const override
-    {
-        std::lock_guard lock(_mutex);
-        return _selected;
-    }
+    [[nodiscard]] std::vector<std::string> portMenuTitles() const override { return read(_menu); }
+    [[nodiscard]] std::optional<std::string> selectedPortTitle() const override { return read(_selected); }
     void removeAllPortMenuItems() override
     {
         std::lock_guard lock(_mutex);
         _menu.clear();
         _selected.reset();
     }
-    void addPortMenuItem(const std::string& title) override
-    {
-        std::lock_guard lock(_mutex);
-        _menu.push_back(title);
-    }
+    void addPortMenuItem(const std::string& title) override { append(_menu, title); }
     void selectPortMenuItem(const std::string& title) override
     {
         std::lock_guard lock(_mutex);
         _selected = title;
     }
-    void showAlert(const std::string& message) override
-    {
-        std::lock_guard lock(_mutex);
-        _alerts.push_back(message);
-    }
+    void showAlert(const std::string& message) override { append(_alerts, message); }
     bool showDialog(const std::string& message) override
     {
-        std::lock_guard lock(_mutex);
-        _dialogs.push_back(message);
+        append(_dialogs, message);
         return true;
     }
     std::optional<std::string> askForText(const std::string& message, const std::string& /*informativeText*/) override
     {
-        std::lock_guard lock(_mutex);
-        _dialogs.push_back(message);
+        append(_dialogs, message);
         return std::nullopt;
     }
     bool showDriverAlert(const std::string& message, const std::string& /*informativeText*/,
@@ -88,40 +66,27 @@ public:
         return false;
     }
     std::optional<std::string> chooseFirmwareFile() override { return std::nullopt; }
-    void openURL(const std::string& url) override
-    {
-        std::lock_guard lock(_mutex);
-        _urls.push_back(url);
-    }
+    void openURL(const std::string& url) override { append(_urls, url); }
 
-    [[nodiscard]] std::vector<std::string> statusTexts() const
-    {
-        std::lock_guard lock(_mutex);
-        return _statusTexts;
-    }
-    [[nodiscard]] std::vector<std::string> alerts() const
-    {
-        std::lock_guard lock(_mutex);
-        return _alerts;
-    }
+    [[nodiscard]] std::vector<std::string> statusTexts() const { return read(_statusTexts); }
+    [[nodiscard]] std::vector<std::string> alerts() const { return read(_alerts); }
 
-    [[nodiscard]] std::vector<std::string> urls() const
-    {
-        std::lock_guard lock(_mutex);
-        return _urls;
-    }
-    [[nodiscard]] std::vector<std::string> dialogs() const
-    {
-        std::lock_guard lock(_mutex);
-        return _dialogs;
-    }
-    [[nodiscard]] double progress() const
-    {
-        std::lock_guard lock(_mutex);
-        return _progress;
-    }
+    [[nodiscard]] std::vector<std::string> urls() const { return read(_urls); }
+    [[nodiscard]] std::vector<std::string> dialogs() const { return read(_dialogs); }
+    [[nodiscard]] double progress() const { return read(_progress); }
 
 private:
+    template <typename Field> Field read(const Field& field) const
+    {
+        std::lock_guard lock(_mutex);
+        return field;
+    }
+    void append(std::vector<std::string>& list, const std::string& entry)
+    {
+        std::lock_guard lock(_mutex);
+        list.push_back(entry);
+    }
+
     mutable std::mutex _mutex;
     std::vector<std::string> _statusTexts;
     std::vector<std::string> _alerts;

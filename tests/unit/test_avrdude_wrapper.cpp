@@ -14,16 +14,8 @@
 #include <string>
 #include <vector>
 
-using quendral::AvrdudeWrapper;
-using quendral::ChildProcess;
-using quendral::Logger;
-using quendral::test::kFailure;
-using quendral::test::kSuccess;
-using quendral::test::kVerifying;
-using quendral::test::kWriting;
-using quendral::test::ScopedLog;
-using quendral::test::timesReaching100;
-using quendral::test::UploadRecorder;
+using namespace quendral;
+using namespace quendral::test;
 
 namespace {
 
@@ -276,23 +268,15 @@ TEST(AvrdudeBoards, EachKnownBoardHasItsSevenArguments)
         std::string logLine;
         std::vector<std::string> arguments;
     };
+    const auto arguments = [](const std::string& part, const std::string& programmer, const std::string& baud) {
+        return std::vector<std::string>{"-C/r/avrdude.conf", "-p" + part, "-c" + programmer,       "-P/dev/ttyACM0",
+                                        "-b" + baud,         "-D",        "-Uflash:w:/tmp/f.hex:i"};
+    };
     const std::vector<Expected> table{
-        {0x26BA0003,
-         "Identified Arduino Mega 2560 device type.",
-         {"-C/r/avrdude.conf", "-patmega2560", "-cwiring", "-P/dev/ttyACM0", "-b115200", "-D",
-          "-Uflash:w:/tmp/f.hex:i"}},
-        {0x23410037,
-         "Identified Arduino Micro device type.",
-         {"-C/r/avrdude.conf", "-patmega32u4", "-cavr109", "-P/dev/ttyACM0", "-b57600", "-D",
-          "-Uflash:w:/tmp/f.hex:i"}},
-        {0x2A030037,
-         "Identified Arduino Micro device type.",
-         {"-C/r/avrdude.conf", "-patmega32u4", "-cavr109", "-P/dev/ttyACM0", "-b57600", "-D",
-          "-Uflash:w:/tmp/f.hex:i"}},
-        {0x04036001,
-         "Identified KORBATEK device type.",
-         {"-C/r/avrdude.conf", "-patmega1284p", "-carduino", "-P/dev/ttyACM0", "-b115200", "-D",
-          "-Uflash:w:/tmp/f.hex:i"}},
+        {0x26BA0003, "Identified Arduino Mega 2560 device type.", arguments("atmega2560", "wiring", "115200")},
+        {0x23410037, "Identified Arduino Micro device type.", arguments("atmega32u4", "avr109", "57600")},
+        {0x2A030037, "Identified Arduino Micro device type.", arguments("atmega32u4", "avr109", "57600")},
+        {0x04036001, "Identified KORBATEK device type.", arguments("atmega1284p", "arduino", "115200")},
     };
     for (const auto& row : table) {
         const auto* board = quendral::avrdudeBoardFor(row.id);

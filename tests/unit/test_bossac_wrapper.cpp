@@ -10,15 +10,8 @@
 #include <string>
 #include <vector>
 
-using quendral::BossacWrapper;
-using quendral::ChildProcess;
-using quendral::Logger;
-using quendral::test::kFailure;
-using quendral::test::kSuccess;
-using quendral::test::kVerifying;
-using quendral::test::kWriting;
-using quendral::test::ScopedLog;
-using quendral::test::UploadRecorder;
+using namespace quendral;
+using namespace quendral::test;
 using Event = UploadRecorder::Event;
 using Reason = ChildProcess::TerminationReason;
 

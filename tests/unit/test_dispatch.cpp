@@ -1,3 +1,4 @@
+#include "../support/wait.h"
 #include "platform/dispatch.h"
 
 #include <gtest/gtest.h>
@@ -11,14 +12,7 @@
 using namespace std::chrono_literals;
 namespace dispatch = quendral::dispatch;
 
-namespace {
-
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms)
-{
-    return dispatch::RunLoop::main().runUntil(done, timeout);
-}
-
-} // namespace
+using quendral::test::waitFor;
 
 TEST(SerialQueue, RunsTasksOneAtATimeInOrder)
 {

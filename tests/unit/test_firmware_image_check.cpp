@@ -1,6 +1,6 @@
 // The check every image passes before a board is told of an update.
-#include "../support/intel_hex.h"
 #include "../support/temp_dir.h"
+#include "intel_hex.h"
 
 #include "controller/firmware_image_check.h"
 
@@ -34,7 +34,7 @@ const BoardIdentification& board(std::uint16_t vendor, std::uint16_t product)
     return *row;
 }
 
-const std::string kGoodHex = test::intelHex(std::vector<std::uint8_t>(40, 0xA5));
+const std::string kGoodHex = sim::toIntelHex(std::vector<std::uint8_t>(40, 0xA5));
 
 } // namespace
 
@@ -89,7 +89,7 @@ TEST(IntelHexCheck, TextThatIsNoRecordIsRefused)
 TEST(IntelHexCheck, DataBeyondTheFlashIsRefusedWithItsAddress)
 {
     // 32 bytes at 0x7FF0: the last 16 end at 0x800F, past a 32 KiB flash.
-    const std::string hex = test::intelHex(std::vector<std::uint8_t>(32, 1), 0x7FF0);
+    const std::string hex = sim::toIntelHex(std::vector<std::uint8_t>(32, 1), 0x7FF0);
     EXPECT_EQ(hexProblem(hex, 32U * 1024U), "line 2: address 0x800F lies outside the chip's 32 KiB of flash");
     EXPECT_EQ(hexProblem(hex, 64U * 1024U), std::nullopt);
 }
@@ -97,11 +97,11 @@ TEST(IntelHexCheck, DataBeyondTheFlashIsRefusedWithItsAddress)
 TEST(IntelHexCheck, ExtendedAddressesCountTowardsTheFlash)
 {
     // An extended linear address of 0x0004 puts the data at 0x40000: past 256 KiB.
-    const std::string linear = ":020000040004F6\n" + test::intelHex({1, 2, 3, 4});
+    const std::string linear = ":020000040004F6\n" + sim::toIntelHex({1, 2, 3, 4});
     EXPECT_EQ(hexProblem(linear), "line 2: address 0x40003 lies outside the chip's 256 KiB of flash");
     EXPECT_EQ(hexProblem(linear, 512U * 1024U), std::nullopt);
     // A segment of 0x3000 puts it at 0x30000: inside 256 KiB, outside 128 KiB.
-    const std::string segment = ":020000023000CC\n" + test::intelHex({1, 2, 3, 4});
+    const std::string segment = ":020000023000CC\n" + sim::toIntelHex({1, 2, 3, 4});
     EXPECT_EQ(hexProblem(segment), std::nullopt);
     EXPECT_EQ(hexProblem(segment, 128U * 1024U), "line 2: address 0x30003 lies outside the chip's 128 KiB of flash");
 }
@@ -129,10 +129,10 @@ TEST(ImageCheckByBoard, EachBoardIsCheckedAsItsToolReadsTheFile)
     EXPECT_EQ(imageProblem(bytesOf(notHex), board(0x03EB, 0x6124)), std::nullopt);
     // avrdude reads Intel HEX, into the flash of the board's chip.
     EXPECT_NE(imageProblem(bytesOf(notHex), board(0x26BA, 0x0003)), std::nullopt);
-    const std::string past128k = ":020000040002F8\n" + test::intelHex({1, 2});
+    const std::string past128k = ":020000040002F8\n" + sim::toIntelHex({1, 2});
     EXPECT_EQ(imageProblem(bytesOf(past128k), board(0x26BA, 0x0003)), std::nullopt);
     EXPECT_NE(imageProblem(bytesOf(past128k), board(0x0403, 0x6001)), std::nullopt);
-    const std::string past32k = test::intelHex({1, 2}, 0x8000);
+    const std::string past32k = sim::toIntelHex({1, 2}, 0x8000);
     EXPECT_NE(imageProblem(bytesOf(past32k), board(0x2341, 0x0037)), std::nullopt);
     EXPECT_EQ(imageProblem(bytesOf(past32k), board(0x26BA, 0x0003)), std::nullopt);
 }

@@ -12,7 +12,6 @@ using quendral::ServerAnswer;
 using quendral::TicketId;
 using quendral::UpdateServerClient;
 using quendral::UpdateServerConfig;
-using quendral::test::UpdateServerTest;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -40,6 +39,18 @@ void expectConnectionError(const std::optional<ServerAnswer>& answer)
     EXPECT_EQ(answer->json(), nlohmann::json::parse(R"({"status":"error","description":"connection"})"));
     EXPECT_TRUE(answer->isConnectionError());
 }
+
+// The shared fixture, and a server whose TLS identity the client must not
+// trust: the query fails as a connection failure before any request reaches it.
+class UpdateServerTest : public quendral::test::UpdateServerTest {
+protected:
+    void expectIdentityRefused(const std::string& identity)
+    {
+        startServer({.identity = identity, .arguments = {}});
+        expectConnectionError(client().queryUpdate(kCid, "due", "1.0", std::nullopt));
+        EXPECT_TRUE(server->recordedRequests().empty());
+    }
+};
 
 double secondsSince(Clock::time_point start)
 {
@@ -87,9 +98,7 @@ TEST_F(UpdateServerTest, NetworkFailureGivesConnectionErrorNeverNone)
 
 TEST_F(UpdateServerTest, UntrustedCertificateIsAConnectionFailure)
 {
-    startServer({.identity = "selfsigned", .arguments = {}});
-    expectConnectionError(client().queryUpdate(kCid, "due", "1.0", std::nullopt));
-    EXPECT_TRUE(server->recordedRequests().empty());
+    expectIdentityRefused("selfsigned");
 }
 
 TEST_F(UpdateServerTest, CertificateOfTestCaIsNotTrustedByTheSystemStore)
@@ -107,9 +116,7 @@ TEST_F(UpdateServerTest, CertificateOfTestCaIsNotTrustedByTheSystemStore)
 
 TEST_F(UpdateServerTest, CertificateForAnotherHostNameIsAConnectionFailure)
 {
-    startServer({.identity = "wronghost", .arguments = {}});
-    expectConnectionError(client().queryUpdate(kCid, "due", "1.0", std::nullopt));
-    EXPECT_TRUE(server->recordedRequests().empty());
+    expectIdentityRefused("wronghost");
 }
 
 TEST_F(UpdateServerTest, PlainHttpIsRefused)

@@ -2,6 +2,7 @@
 // KorbatekDue: the second must tell the server the version the Controller
 // runs now, not a reply line left over from the first session on the port.
 #include "road_world.h"
+#include "road_world_environment.h"
 
 #include "../support/scoped_log.h"
 
@@ -12,19 +13,7 @@ namespace {
 
 constexpr auto kJobBound = 120s;
 
-class SessionWorldEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (!sim::UmockdevTestbed::isAvailable()) {
-            return;
-        }
-        dispatch::setMainThreadToCurrent();
-        (void)RoadRun::testbed();
-        (void)SerialPortManager::sharedSerialPortManager().availablePorts();
-    }
-};
-[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new SessionWorldEnvironment);
+[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new RoadWorldEnvironment);
 
 std::vector<std::string> reportedVersions(const std::vector<nlohmann::json>& bodies)
 {

@@ -4,6 +4,7 @@
 // the job ends with the texts the user is owed, the server hears what it
 // should, the controls come back, and nothing is left open.
 #include "road_world.h"
+#include "road_world_environment.h"
 
 #include "../support/child_processes.h"
 #include "../support/descriptors.h"
@@ -45,19 +46,6 @@ const char* const kDownloadedFirmware = "/tmp/quendral-hexfile.hex";
 // wait, 30 s of clock time, passes in about 8 s), short of the test's timeout.
 constexpr auto kJobBound = 90s;
 
-class RoadWorldEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (!sim::UmockdevTestbed::isAvailable()) {
-            return; // every test then fails with the hint
-        }
-        dispatch::setMainThreadToCurrent();
-        // The test bed first: the port manager listens to the one that exists when it starts.
-        (void)RoadRun::testbed();
-        (void)SerialPortManager::sharedSerialPortManager().availablePorts();
-    }
-};
 [[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new RoadWorldEnvironment);
 
 // True when the texts appear in this order (others may stand between).
@@ -132,6 +120,23 @@ protected:
         dispatch::RunLoop::main().runFor(50ms);
         descriptorsBefore = openDescriptors();
         run->openWindow();
+    }
+
+    // Starts the update and checks that it ends cleanly (expectCleanEnd).
+    void pressUpdateUntilTheEnd()
+    {
+        run->pressUpdate();
+        expectCleanEnd(run->waitForEnd(kJobBound));
+    }
+
+    // The board goes when asked for its identity; the user answers the
+    // question about the intermediate firmware with `agree`.
+    void unplugWhenAskedForTheIdentity(bool agree)
+    {
+        start({});
+        run->due.unplugAt(Moment::WhenAskedForCID);
+        run->view.dialogAnswer = agree;
+        pressUpdateUntilTheEnd();
     }
 
     // The job has ended, the controls are back, no port is open and no
@@ -238,11 +243,7 @@ protected:
 
 TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGetsTheUploadError)
 {
-    start({});
-    run->due.unplugAt(Moment::WhenAskedForCID);
-    run->view.dialogAnswer = true;
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    unplugWhenAskedForTheIdentity(true);
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
     const auto texts = run->view.statusTexts();
@@ -258,11 +259,7 @@ TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGets
 
 TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoDeclinesSeesNothingMore)
 {
-    start({});
-    run->due.unplugAt(Moment::WhenAskedForCID);
-    run->view.dialogAnswer = false;
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    unplugWhenAskedForTheIdentity(false);
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::Declined);
     const auto texts = run->view.statusTexts();
@@ -313,8 +310,7 @@ TEST_F(UpdateUnplug, DuringTheTouchTheBoardNeverComesBackAndTheWaitGivesUp)
     start({"--polls", "1"});
     watchDownloadAt(kWaitingForBootLoader);
     run->due.unplugAt(Moment::AtTouch);
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     EXPECT_TRUE(log.contains("Resetting device into programming mode.."));
@@ -332,8 +328,7 @@ TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
             run->due.unplugAt(Moment::AtNextClose);
         }
     });
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     EXPECT_EQ(run->due.mode(), sim::SamMode::Application) << "no touch can have reached the board";
@@ -344,8 +339,7 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
     start({"--polls", "1"});
     watchDownloadAt(kWaitingForBootLoader);
     run->due.unplugAt(Moment::DuringReset);
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
 
     expectBootLoaderNeverAppeared();
     // The countdown ran on past the board's departure.
@@ -368,8 +362,7 @@ void UpdateUnplug::unplugWhileBossacWrites(const std::function<void()>& beforeUn
             run->due.unplug();
         }
     });
-    run->pressUpdate();
-    expectCleanEnd(run->waitForEnd(kJobBound));
+    pressUpdateUntilTheEnd();
     // bossac's run held one of its own (the wrapper's stop signal), given back since.
     EXPECT_EQ(eventFdCount(), eventFdsWhileWriting - 1);
 

@@ -62,21 +62,18 @@ bool identify(const AvrBoard& board, const std::string& port, std::string& cid, 
     if (!client.isOpen()) {
         return false;
     }
-    if (expectReset && !waitFor([&] { return board.resetCount() > resets; }, 5)) {
+    if (expectReset && !pollUntil([&] { return board.resetCount() > resets; }, std::chrono::seconds(5))) {
         return false;
     }
-    if (!waitFor([&] { return board.runningApplication(); }, 20)) {
+    if (!pollUntil([&] { return board.runningApplication(); }, std::chrono::seconds(20))) {
         return false;
     }
-    for (int pass = 0; pass < 10; ++pass) {
-        client.send("getCID\ngetVersion\n");
-        cid = client.waitForLine("CID:", 1.0);
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 2.0);
-            return !version.empty();
-        }
+    cid = client.askUntilAnswered("getCID\ngetVersion\n", "CID:", 10, 1.0);
+    if (cid.empty()) {
+        return false;
     }
-    return false;
+    version = client.waitForLine("VERSION:", 2.0);
+    return !version.empty();
 }
 
 void expectFlashHolds(const AvrBoard& board, const std::string& hexPath)

@@ -4,6 +4,7 @@
 
 #include "avr_board.h"
 #include "line_client.h"
+#include "poll_until.h"
 #include "run_tool.h"
 #include "umockdev_testbed.h"
 
@@ -68,17 +69,9 @@ void flashThroughDtrReset(const Case& c)
 
     // No DTR pulse on this open: the flashed program answers once the boot
     // loader has left for it.
-    for (int i = 0; i < 2000 && !board.runningApplication(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_TRUE(board.runningApplication());
+    EXPECT_TRUE(pollUntil([&] { return board.runningApplication(); }, std::chrono::seconds(20)));
     LineClient client(device->devnode());
-    std::string cid;
-    for (int pass = 0; pass < 10 && cid.empty(); ++pass) {
-        client.send("getCID\n");
-        cid = client.waitForLine("CID:", 1.0);
-    }
-    EXPECT_EQ(cid, std::string("CID:") + c.cid);
+    EXPECT_EQ(client.askUntilAnswered("getCID\n", "CID:", 10, 1.0), std::string("CID:") + c.cid);
     board.stop();
 }
 

@@ -78,3 +78,13 @@ TEST(ControllerImage, HexRoundTripKeepsAddressesAcross64KiB)
     }
     EXPECT_FALSE(parseIntelHex(":0100000001FF\n").has_value()); // bad checksum
 }
+
+TEST(ControllerImage, HexDigitsAreReadInEitherCaseAndNothingElseIsADigit)
+{
+    const auto lower = parseIntelHex(":01000000ab54\n:00000001ff\n");
+    ASSERT_TRUE(lower.has_value());
+    EXPECT_EQ(lower->at(0), 0xAB);
+    EXPECT_FALSE(parseIntelHex(":0100000GAB54\n").has_value());
+    EXPECT_FALSE(parseIntelHex(":01000000-154\n").has_value());
+    EXPECT_FALSE(parseIntelHex(":01000000 B54\n").has_value());
+}

@@ -1,6 +1,7 @@
 // The real bossac against the simulated SAM3X board, with the arguments the
 // application uses; then the board boots what was flashed.
 
+#include "baud_touch.h"
 #include "board_on_pty.h"
 #include "intel_hex.h"
 #include "line_client.h"
@@ -12,6 +13,8 @@
 #include "../../../tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
+
+#include <cmath>
 
 #include <chrono>
 #include <fcntl.h>
@@ -39,21 +42,7 @@ ToolRun bossac(const std::string& port, const std::string& file)
 bool ask(const std::string& port, std::string& cid, std::string& version, double seconds = 10)
 {
     LineClient client(port);
-    if (!client.isOpen()) {
-        return false;
-    }
-    cid.clear();
-    version.clear();
-    for (double waited = 0; waited < seconds && (cid.empty() || version.empty()); waited += 1) {
-        client.send("getCID\ngetVersion\n");
-        if (cid.empty()) {
-            cid = client.waitForLine("CID:", 1.0);
-        }
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 1.0);
-        }
-    }
-    return !cid.empty() && !version.empty();
+    return client.isOpen() && client.askIdentity(cid, version, static_cast<int>(std::ceil(seconds)));
 }
 
 void expectFlashHoldsFile(const SamBoard& board, const std::string& file)
@@ -67,19 +56,6 @@ void expectFlashHoldsFile(const SamBoard& board, const std::string& file)
     size_t pages = (bytes->size() + Sam3xMemory::kPageSize - 1) / Sam3xMemory::kPageSize;
     EXPECT_TRUE(std::all_of(flash.begin() + static_cast<ptrdiff_t>(pages * Sam3xMemory::kPageSize), flash.end(),
                             [](uint8_t b) { return b == 0xff; }));
-}
-
-// The 1200-baud touch as the application does it: open, set 1200 baud, close.
-void touch(const std::string& port)
-{
-    int fd = open(port.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    ASSERT_GE(fd, 0);
-    termios tio{};
-    tcgetattr(fd, &tio);
-    cfsetispeed(&tio, B1200);
-    cfsetospeed(&tio, B1200);
-    tcsetattr(fd, TCSANOW, &tio);
-    close(fd);
 }
 
 } // namespace
@@ -106,7 +82,7 @@ TEST(SambaBossac, FlashesVerifiesSetsBootFlashResetsAndTheImageAnswers)
     EXPECT_NE(run.output.find("Set boot flash true"), std::string::npos);
 
     expectFlashHoldsFile(b.board, image("identity_a.bin"));
-    ASSERT_TRUE(waitFor([&] { return b.board.mode() == SamMode::Application; }, 5));
+    ASSERT_TRUE(pollUntil([&] { return b.board.mode() == SamMode::Application; }, std::chrono::seconds(5)));
     EXPECT_TRUE(b.board.bootFromFlash());
     EXPECT_EQ(b.board.usbVendorId(), 0x2341);
     EXPECT_EQ(b.board.usbProductId(), 0x003E);
@@ -147,7 +123,7 @@ TEST(SambaBossac, ImageWithoutIdentityLeavesTheBoardSilent)
         ToolRun run = bossac(b.pty.slavePath, image(name));
         ASSERT_EQ(run.exitStatus, 0) << run.output;
         expectFlashHoldsFile(b.board, image(name));
-        ASSERT_TRUE(waitFor([&] { return b.board.mode() == SamMode::Application; }, 5));
+        ASSERT_TRUE(pollUntil([&] { return b.board.mode() == SamMode::Application; }, std::chrono::seconds(5)));
         EXPECT_FALSE(b.board.identity().has_value());
         LineClient client(b.pty.slavePath);
         client.send("getCID\ngetVersion\n");
@@ -175,8 +151,9 @@ TEST(SambaBossac, TouchAt1200BaudReturnsToSamBaThenANewImageBoots)
         ASSERT_TRUE(ask(b.pty.slavePath, cid, version));
         EXPECT_EQ(cid, "CID:SAMAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
 
-        touch(b.pty.slavePath);
-        ASSERT_TRUE(waitFor([&] { return b.board.mode() == SamMode::BootLoader; }, 5)) << watchNode;
+        ASSERT_TRUE(touchAt1200Baud(b.pty.slavePath)) << watchNode;
+        ASSERT_TRUE(pollUntil([&] { return b.board.mode() == SamMode::BootLoader; }, std::chrono::seconds(5)))
+            << watchNode;
         EXPECT_FALSE(b.board.bootFromFlash());
         EXPECT_EQ(b.board.usbProductId(), 0x6124);
 
@@ -239,7 +216,7 @@ TEST(SambaBossac, ResetNowBootsByTheBootFlashBit)
     ASSERT_TRUE(b.start());
     EXPECT_EQ(b.board.mode(), SamMode::BootLoader); // GPNVM1 clear: the ROM runs
     b.board.resetNow();
-    ASSERT_TRUE(waitFor([&] { return b.board.resetCount() == 1; }, 5));
+    ASSERT_TRUE(pollUntil([&] { return b.board.resetCount() == 1; }, std::chrono::seconds(5)));
     EXPECT_EQ(b.board.mode(), SamMode::BootLoader);
 }
 

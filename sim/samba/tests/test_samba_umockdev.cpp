@@ -4,6 +4,7 @@
 // bossac (a child process inside the same umockdev world) flashing it, and the
 // board coming back as 2341:003E with the new image's identity.
 
+#include "baud_touch.h"
 #include "board_on_pty.h"
 #include "line_client.h"
 #include "run_tool.h"
@@ -37,15 +38,7 @@ std::string askCid(const std::string& node)
         return "cannot open " + node;
     }
     std::string cid, version;
-    for (int pass = 0; pass < 10 && (cid.empty() || version.empty()); ++pass) {
-        client.send("getCID\ngetVersion\n");
-        if (cid.empty()) {
-            cid = client.waitForLine("CID:", 1.0);
-        }
-        if (!cid.empty()) {
-            version = client.waitForLine("VERSION:", 1.0);
-        }
-    }
+    client.askIdentity(cid, version, 10);
     return cid + " " + version;
 }
 
@@ -81,17 +74,8 @@ TEST(SambaUmockdev, TouchReEnumerateFlashWithBossacAndComeBackWithTheNewIdentity
     EXPECT_EQ(askCid(device->devnode()), "CID:SAMAAAAAAAAAAAAAAAAAAAAAAAAAAAAA VERSION:3.1.0");
 
     // The application's touch: open at 1200 baud, close.
-    {
-        int fd = open(device->devnode().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-        ASSERT_GE(fd, 0);
-        termios tio{};
-        tcgetattr(fd, &tio);
-        cfsetispeed(&tio, B1200);
-        cfsetospeed(&tio, B1200);
-        tcsetattr(fd, TCSANOW, &tio);
-        close(fd);
-    }
-    ASSERT_TRUE(waitFor([&] { return resets == 1; }, 5));
+    ASSERT_TRUE(touchAt1200Baud(device->devnode()));
+    ASSERT_TRUE(pollUntil([&] { return resets == 1; }, std::chrono::seconds(5)));
     ASSERT_EQ(board.mode(), SamMode::BootLoader);
 
     // Re-enumeration as the boot loader, as a device lab does it on the observer's news.
@@ -103,7 +87,7 @@ TEST(SambaUmockdev, TouchReEnumerateFlashWithBossacAndComeBackWithTheNewIdentity
         {"bossac", "-i", "--port=ttyACM1", "--usb-port=1", "-e", "-w", "-v", "-b", image("identity_c.bin"), "-R"}, 60);
     ASSERT_EQ(run.exitStatus, 0) << run.output;
     EXPECT_NE(run.output.find("Verify successful"), std::string::npos) << run.output;
-    ASSERT_TRUE(waitFor([&] { return resets == 2; }, 5));
+    ASSERT_TRUE(pollUntil([&] { return resets == 2; }, std::chrono::seconds(5)));
     ASSERT_EQ(board.mode(), SamMode::Application);
 
     bed.unplug(*bootLoader);

@@ -1,4 +1,5 @@
 #include "cli_child.h"
+#include "poll_until.h"
 
 #include <cerrno>
 #include <csignal>
@@ -217,12 +218,10 @@ CliResult CliChild::finish(std::chrono::milliseconds timeout)
     if (_pid <= 0) {
         return result;
     }
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
     pid_t ended = 0;
-    while ((ended = ::waitpid(_pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    sim::pollUntil([&] { return (ended = ::waitpid(_pid, &status, WNOHANG)) != 0; }, timeout,
+                   [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
     if (ended == _pid) {
         result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     } else {

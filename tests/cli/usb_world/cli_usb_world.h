@@ -6,7 +6,7 @@
 #include "controller_simulator.h"
 #include "support/sample_ip_dump.h"
 #include "support/temp_dir.h"
-#include "umockdev_testbed.h"
+#include "support/umockdev_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -41,20 +41,17 @@ inline UsbSerialDeviceInfo usbDevice(const std::string& ttyName, std::uint16_t v
     return info;
 }
 
-class CliInUsbWorld : public ::testing::Test {
+inline std::string describe(const CliResult& result)
+{
+    return "exit " + std::to_string(result.exitCode) + "\n--- stdout\n" + result.out + "--- stderr\n" + result.err;
+}
+
+class CliInUsbWorld : public UmockdevTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+        ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
         ASSERT_NE(std::getenv("QUENDRAL_CLI"), nullptr);
-        testbed = std::make_unique<UmockdevTestbed>();
-    }
-
-    void TearDown() override
-    {
-        for (auto& controller : controllers) {
-            controller->stop();
-        }
     }
 
     // A USB device with a Controller answering on its tty. Its replies are
@@ -62,11 +59,10 @@ protected:
     // reads a line only once a further byte has come.
     ControllerSimulator& plugController(const UsbSerialDeviceInfo& info)
     {
-        devices.push_back(testbed->addUsbSerialDevice(info));
-        controllers.push_back(std::make_unique<ControllerSimulator>(devices.back()->deviceEnd()));
-        controllers.back()->setTrailer("\n");
-        controllers.back()->start();
-        return *controllers.back();
+        ControllerSimulator& controller = plugSimulatedController(info);
+        controller.setTrailer("\n");
+        controller.start();
+        return controller;
     }
 
     ControllerSimulator& plugKorbatekDue(const std::string& ttyName = "ttyACM0")
@@ -87,6 +83,14 @@ protected:
         return quendral::test::runCli(arguments, environment(), input);
     }
 
+    // `quendral-cli ARGUMENTS`, checked to end with `exitCode`.
+    CliResult cliExiting(int exitCode, const std::vector<std::string>& arguments, const std::string& input = "")
+    {
+        CliResult result = cli(arguments, input);
+        EXPECT_EQ(result.exitCode, exitCode) << describe(result);
+        return result;
+    }
+
     [[nodiscard]] std::string logFile() const
     {
         std::ifstream in(dataHome.path() / "QuendralFirmwareUpdater" / "log.txt");
@@ -96,14 +100,6 @@ protected:
     }
 
     TempDir dataHome;
-    std::unique_ptr<UmockdevTestbed> testbed;
-    std::vector<std::shared_ptr<UmockdevSerialDevice>> devices;
-    std::vector<std::unique_ptr<ControllerSimulator>> controllers;
 };
-
-inline std::string describe(const CliResult& result)
-{
-    return "exit " + std::to_string(result.exitCode) + "\n--- stdout\n" + result.out + "--- stderr\n" + result.err;
-}
 
 } // namespace quendral::test

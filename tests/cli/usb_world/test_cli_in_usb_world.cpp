@@ -18,8 +18,7 @@ TEST_F(CliInUsbWorld, PortsListsEveryControllerPortInMenuOrderWithItsBoard)
     plugController(usbDevice("ttyACM0", 0x1209, 0xBEEF));
     devices.push_back(testbed->addBuiltinSerialPort("ttyS0")); // not a Controller port: never listed
 
-    const CliResult result = cli({"ports"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"ports"});
     EXPECT_EQ(result.out, "ttyACM1\t/dev/ttyACM1\t2341:8037\tATmega32U4 board running its firmware\n"
                           "ttyUSB0\t/dev/ttyUSB0\t0403:6001\tKORBATEK board (ATmega1284P) behind an FTDI FT232R USB "
                           "serial adapter\n"
@@ -33,8 +32,7 @@ TEST_F(CliInUsbWorld, PortsListsEveryControllerPortInMenuOrderWithItsBoard)
 TEST_F(CliInUsbWorld, PortsWithoutControllersPrintsNothing)
 {
     devices.push_back(testbed->addBuiltinSerialPort("ttyS0"));
-    const CliResult result = cli({"ports"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"ports"});
     EXPECT_EQ(result.out, "");
 }
 
@@ -46,8 +44,7 @@ TEST_F(CliInUsbWorld, IdentifyPrintsTheIdentifierAndVersionOfAnAnsweringControll
     controller.setCID("QUENDRAL000000000000000000000042");
     controller.setVersion("3.1.4");
 
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"identify"});
     EXPECT_EQ(result.out, "CID: QUENDRAL000000000000000000000042\nVersion: 3.1.4\n");
     // The waiting is shown as the window shows it, on the error stream.
     EXPECT_NE(result.err.find("Waiting for device to boot.. (20)\n"), std::string::npos) << describe(result);
@@ -64,8 +61,7 @@ TEST_F(CliInUsbWorld, IdentifyPrintsTheMessageOfAControllerThatAnswersWithOne)
     auto& controller = plugKorbatekDue();
     controller.setMessage("This controller is not registered yet. Please contact support.");
 
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"identify"});
     EXPECT_EQ(result.out, "This controller is not registered yet. Please contact support.\n");
     EXPECT_EQ(result.err.find("did not identify"), std::string::npos) << describe(result);
 }
@@ -75,8 +71,7 @@ TEST_F(CliInUsbWorld, IdentifyGivesUpOnASilentControllerAndExitsOne)
     auto& controller = plugKorbatekDue();
     controller.setSilent(true);
 
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"identify"});
     EXPECT_EQ(result.out, "The Controller did not identify itself.\n");
     EXPECT_NE(result.err.find("Waiting for device to boot.. (20)\n"), std::string::npos) << describe(result);
     EXPECT_NE(result.err.find("Waiting for device to boot.. (1)\n"), std::string::npos) << describe(result);
@@ -88,8 +83,7 @@ TEST_F(CliInUsbWorld, IdentifyGivesUpOnASilentControllerAndExitsOne)
 TEST_F(CliInUsbWorld, IdentifyWithoutAnyControllerSaysSoAndExitsOne)
 {
     devices.push_back(testbed->addBuiltinSerialPort("ttyS0"));
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"identify"});
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "quendral-cli: no Controller is connected\n");
 }
@@ -113,32 +107,28 @@ protected:
 
 TEST_F(CliWithTwoControllers, WithoutAPortTheFirstOfTheMenuIsUsed)
 {
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"identify"});
     EXPECT_EQ(result.out, "CID: FIRST000000000000000000000000001\nVersion: 1.0.0\n");
     EXPECT_EQ(second->openCount(), 0);
 }
 
 TEST_F(CliWithTwoControllers, PortByName)
 {
-    const CliResult result = cli({"identify", "-p", "ttyACM1"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"identify", "-p", "ttyACM1"});
     EXPECT_EQ(result.out, "CID: SECOND00000000000000000000000002\nVersion: 2.0.0\n");
     EXPECT_EQ(first->openCount(), 0);
 }
 
 TEST_F(CliWithTwoControllers, PortByDevicePath)
 {
-    const CliResult result = cli({"identify", "--port", "/dev/ttyACM1"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"identify", "--port", "/dev/ttyACM1"});
     EXPECT_EQ(result.out, "CID: SECOND00000000000000000000000002\nVersion: 2.0.0\n");
     EXPECT_EQ(first->openCount(), 0);
 }
 
 TEST_F(CliWithTwoControllers, UnknownPortIsRefusedWithoutTouchingAnyController)
 {
-    const CliResult result = cli({"identify", "-p", "ttyACM7"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"identify", "-p", "ttyACM7"});
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "quendral-cli: no Controller port 'ttyACM7' (see 'quendral-cli ports')\n");
     EXPECT_EQ(first->openCount(), 0);
@@ -152,8 +142,7 @@ TEST_F(CliInUsbWorld, IpPrintsTheDumpLines)
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
 
-    const CliResult result = cli({"ip"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"ip"});
     EXPECT_EQ(result.out, joinedLines(kDump));
     EXPECT_NE(result.err.find("Waiting for controller to send IP configuration.. (20)\n"), std::string::npos)
         << describe(result);
@@ -165,8 +154,7 @@ TEST_F(CliInUsbWorld, IpWithASilentControllerSaysSoAndExitsOne)
     auto& controller = plugKorbatekDue();
     controller.setSilent(true);
 
-    const CliResult result = cli({"ip"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"ip"});
     EXPECT_EQ(result.out, "Could not get device IP configuration\n");
     EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"});
 }
@@ -176,9 +164,8 @@ TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
 
-    const CliResult result =
-        cli({"ip", "ip=192.168.10.77", "gateway=192.168.10.254", "dev2=192.168.10.62", "enable2=1", "enable1=0"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(
+        0, {"ip", "ip=192.168.10.77", "gateway=192.168.10.254", "dev2=192.168.10.62", "enable2=1", "enable1=0"});
     EXPECT_EQ(result.out, "Settings written; the Controller stores them and restarts.\n");
     ASSERT_TRUE(controller.waitForLine("reset", 5s));
     // The dump is read first; the settings not named keep the Controller's values.
@@ -192,53 +179,70 @@ TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
     EXPECT_NE(log.find("] Opening serial port /dev/ttyACM0\n"), std::string::npos) << log;
 }
 
-TEST_F(CliInUsbWorld, IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes)
-{
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+// The DHCP switch: what the Controller holds, what is asked, the settings it gets.
+struct DhcpCase {
+    const char* name;
+    std::string address; // the Controller's "ip" setting
+    std::vector<std::string> arguments;
+    std::string ipSent;
+    std::string dnsSent;
+};
 
-    // "dns 10.0.0.5x" keeps only its address, as the window's check does.
-    const CliResult result = cli({"ip", "dhcp=on", "dns=dns 10.0.0.5x"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=0.0.0.0", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=10.0.0.5", "store", "reset"}));
+// Named in the test list by its case, not by its bytes.
+void PrintTo(const DhcpCase& dhcpCase, std::ostream* out)
+{
+    *out << dhcpCase.name;
 }
 
-TEST_F(CliInUsbWorld, IpDhcpOffProposesTheFixedAddress)
-{
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;0.0.0.0", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
+class CliDhcpSwitch : public CliInUsbWorld, public ::testing::WithParamInterface<DhcpCase> {
+protected:
+    // `quendral-cli ip ARGUMENTS` against a KorbatekDue whose dump is `dump`:
+    // it exits 0 and the Controller is told to reset. `heard`: every line it got.
+    void writeIpSettings(const std::vector<std::string>& dump, const std::vector<std::string>& arguments,
+                         std::vector<std::string>& heard)
+    {
+        auto& controller = plugKorbatekDue();
+        controller.setIPDumpLines(dump);
+        const CliResult result = cli(arguments);
+        EXPECT_EQ(result.exitCode, 0) << describe(result);
+        ASSERT_TRUE(controller.waitForLine("reset", std::chrono::seconds(5)));
+        heard = controller.receivedLines();
+    }
+};
 
-    const CliResult result = cli({"ip", "dhcp=off"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.99", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=192.168.10.2", "store", "reset"}));
+TEST_P(CliDhcpSwitch, WritesTheWholeSequence)
+{
+    const DhcpCase& c = GetParam();
+    std::vector<std::string> heard;
+    ASSERT_NO_FATAL_FAILURE(writeIpSettings(
+        {"ip;" + c.address, "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"}, c.arguments, heard));
+    EXPECT_EQ(heard, (std::vector<std::string>{"dumpIP", "bulkip", "ip=" + c.ipSent, "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1", "dns=" + c.dnsSent, "store", "reset"}));
 }
 
-TEST_F(CliInUsbWorld, IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress)
-{
-    auto& controller = plugKorbatekDue();
-    controller.setIPDumpLines({"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.2"});
-
-    const CliResult result = cli({"ip", "dhcp=off", "dns=192.168.10.3"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
-    ASSERT_TRUE(controller.waitForLine("reset", 5s));
-    EXPECT_EQ(controller.receivedLines(),
-              (std::vector<std::string>{"dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
-                                        "gateway=192.168.10.1", "dns=192.168.10.3", "store", "reset"}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    CliInUsbWorld, CliDhcpSwitch,
+    ::testing::Values(
+        // "dns 10.0.0.5x" keeps only its address, as the window's check does.
+        DhcpCase{"IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes",
+                 "192.168.10.50",
+                 {"ip", "dhcp=on", "dns=dns 10.0.0.5x"},
+                 "0.0.0.0",
+                 "10.0.0.5"},
+        DhcpCase{"IpDhcpOffProposesTheFixedAddress", "0.0.0.0", {"ip", "dhcp=off"}, "192.168.10.99", "192.168.10.2"},
+        DhcpCase{"IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress",
+                 "192.168.10.50",
+                 {"ip", "dhcp=off", "dns=192.168.10.3"},
+                 "192.168.10.50",
+                 "192.168.10.3"}),
+    [](const ::testing::TestParamInfo<DhcpCase>& test) { return std::string(test.param.name); });
 
 TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
 {
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
 
-    const CliResult result = cli({"ip", "ip=192.168.10.77", "gateway=192.168.1.300"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"ip", "ip=192.168.10.77", "gateway=192.168.1.300"});
     EXPECT_EQ(result.out, "Invalid: gateway=192.168.1.300 (nothing was sent)\n");
     EXPECT_TRUE(controller.receivedLines().empty()) << joinedLines(controller.receivedLines());
     EXPECT_EQ(controller.openCount(), 0);
@@ -249,8 +253,7 @@ TEST_F(CliInUsbWorld, IpRefusesADeviceTheControllerDoesNotHave)
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
 
-    const CliResult result = cli({"ip", "dev3=192.168.10.63"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"ip", "dev3=192.168.10.63"});
     EXPECT_EQ(result.out, "The Controller has no device 3 (it reports 2)\n");
     EXPECT_EQ(controller.receivedLines(), std::vector<std::string>{"dumpIP"}) << "only the dump was asked for";
 }
@@ -281,8 +284,7 @@ TEST_F(CliInUsbWorld, WebconfigWithASilentControllerFailsWithTheWindowsAlert)
     auto& controller = plugKorbatekDue();
     controller.setSilent(true);
 
-    const CliResult result = cli({"webconfig"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"webconfig"});
     EXPECT_EQ(result.out, "Error toggling Webconfig.\n");
 }
 
@@ -291,8 +293,7 @@ TEST_F(CliInUsbWorld, OnlineConfigPrintsTheAddressWhenThereIsNoDesktop)
     auto& controller = plugKorbatekDue();
     controller.setCID("QUENDRAL000000000000000000000042");
 
-    const CliResult result = cli({"online-config"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"online-config"});
     EXPECT_EQ(result.out,
               quendral::MainViewController::onlineConfigurationURL("QUENDRAL000000000000000000000042") + "\n");
     EXPECT_EQ(result.out.rfind("https://", 0), 0U);
@@ -309,8 +310,7 @@ TEST_F(CliInUsbWorld, MonitorSendsPipedLinesAndPrintsWhatTheControllerAnswers)
 
     // As `printf 'getVersion\nhello' | quendral-cli monitor`: the input ends at
     // once, its last line without a line feed; the answer still comes through.
-    const CliResult result = cli({"monitor"}, "getVersion\nhello");
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"monitor"}, "getVersion\nhello");
     EXPECT_EQ(controller.receivedLines(), (std::vector<std::string>{"getVersion", "hello"}));
     EXPECT_NE(result.out.find("VERSION:4.5.6\n"), std::string::npos) << describe(result);
     EXPECT_NE(logFile().find("] Opening serial port /dev/ttyACM0 with baud rate 115200\n"), std::string::npos);

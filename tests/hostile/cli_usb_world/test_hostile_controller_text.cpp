@@ -26,8 +26,7 @@ TEST_F(CliInUsbWorld, IdentifyShowsAHostileIdentifierAndVersionMadeVisible)
     controller.setCID("QUENDRAL" + kHostile);
     controller.setVersion("1.0" + kHostile);
 
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"identify"});
     EXPECT_EQ(result.out, "CID: QUENDRAL" + kVisible + "\nVersion: 1.0" + kVisible + "\n") << describe(result);
 }
 
@@ -36,8 +35,7 @@ TEST_F(CliInUsbWorld, IdentifyShowsAHostileMessageMadeVisible)
     auto& controller = plugKorbatekDue();
     controller.setMessage("Not registered " + kHostile);
 
-    const CliResult result = cli({"identify"});
-    EXPECT_EQ(result.exitCode, 1) << describe(result);
+    const CliResult result = cliExiting(1, {"identify"});
     EXPECT_EQ(result.out, "Not registered " + kVisible + "\n") << describe(result);
 }
 
@@ -46,8 +44,7 @@ TEST_F(CliInUsbWorld, IpShowsHostileDumpLinesMadeVisible)
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines({"ip;192.168.10.50", "dev;1;Boiler " + kHostile + ";192.168.10.60;1"});
 
-    const CliResult result = cli({"ip"});
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const CliResult result = cliExiting(0, {"ip"});
     EXPECT_EQ(result.out, "ip;192.168.10.50\ndev;1;Boiler " + kVisible + ";192.168.10.60;1\n") << describe(result);
 }
 

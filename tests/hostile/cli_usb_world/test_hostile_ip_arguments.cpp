@@ -9,8 +9,7 @@ TEST_F(CliInUsbWorld, IpWithAnOverflowingDeviceNumberIsAUsageErrorAndTheControll
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
     for (const std::string arg : {"dev99999999999999999999=1.2.3.4", "enable99999999999999999999=1"}) {
-        const CliResult result = cli({"ip", arg});
-        EXPECT_EQ(result.exitCode, 2) << describe(result);
+        const CliResult result = cliExiting(2, {"ip", arg});
         EXPECT_NE(result.err.find("no device has that number"), std::string::npos) << describe(result);
     }
     EXPECT_TRUE(controller.receivedLines().empty()) << joinedLines(controller.receivedLines());
