@@ -1,37 +1,19 @@
 // The quendral-cli binary as a user runs it.
+#include "support/command_output.h"
+
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <sys/wait.h>
 
 namespace {
 
-struct Result {
-    int exitCode = -1;
-    std::string output;
-};
-
 // Runs the binary with arguments that are fixed words in these tests.
-Result run(const std::string& arguments)
+quendral::test::CommandOutput run(const std::string& arguments)
 {
     const char* cli = std::getenv("QUENDRAL_CLI");
     EXPECT_NE(cli, nullptr);
-    const std::string command = std::string(cli) + " " + arguments + " 2>&1";
-    Result result;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        result.output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return quendral::test::runCommand(std::string(cli) + " " + arguments + " 2>&1");
 }
 
 } // namespace

@@ -17,60 +17,35 @@ TEST(AppInfo, ProductVersionIsVersionIdOfOsRelease)
     EXPECT_EQ(quendral::appinfo::osProductVersion(file.string()), "12");
 }
 
-namespace {
-
-std::optional<std::string> productVersionOf(const TempDir& dir, const std::string& osRelease)
+// Rolling distributions have no VERSION_ID: Arch names a BUILD_ID, Debian
+// testing and sid name neither. Values are quoted as a shell would read them.
+TEST(AppInfo, ProductVersionFallsBackToBuildIdThenRolling)
 {
+    struct Case {
+        const char* what;
+        const char* osRelease;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"VERSION_ID wins", "BUILD_ID=20240101\nVERSION_ID=13\n", "13"},
+        {"Arch", "NAME=\"Arch Linux\"\nID=arch\nBUILD_ID=rolling\n", "rolling"},
+        {"quoted BUILD_ID", "ID=gentoo\nBUILD_ID=\"20231102\"\n", "20231102"},
+        {"Debian sid", "PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nID=debian\n", "rolling"},
+        {"empty file", "", "rolling"},
+        {"empty values", "VERSION_ID=\"\"\nBUILD_ID=''\n", "rolling"},
+        {"empty VERSION_ID", "VERSION_ID=\nBUILD_ID=2024.1\n", "2024.1"},
+        {"bare", "VERSION_ID=12\n", "12"},
+        {"double quotes", "VERSION_ID=\"12.4\"\n", "12.4"},
+        {"single quotes", "VERSION_ID='12.4'\n", "12.4"},
+        {"escapes", "BUILD_ID=\"a\\\"b\\\\c\\$d\\`e\"\n", "a\"b\\c$d`e"},
+        {"comments and lookalikes", "# VERSION_ID=1\nMY_VERSION_ID=2\nVERSION_ID_LIKE=3\nBUILD_ID=4\n", "4"},
+    };
+    TempDir dir;
     const auto file = dir.path() / "os-release";
-    std::ofstream(file) << osRelease;
-    return quendral::appinfo::osProductVersion(file.string());
-}
-
-} // namespace
-
-TEST(AppInfo, ProductVersionPrefersVersionIdOverBuildId)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "BUILD_ID=20240101\nVERSION_ID=13\n"), "13");
-}
-
-// Arch Linux: no VERSION_ID, BUILD_ID=rolling.
-TEST(AppInfo, ProductVersionFallsBackToBuildIdWithoutVersionId)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "NAME=\"Arch Linux\"\nID=arch\nBUILD_ID=rolling\n"), "rolling");
-    EXPECT_EQ(productVersionOf(dir, "ID=gentoo\nBUILD_ID=\"20231102\"\n"), "20231102");
-}
-
-// Debian testing and sid name neither.
-TEST(AppInfo, ProductVersionIsRollingWithoutVersionIdAndBuildId)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nID=debian\n"), "rolling");
-    EXPECT_EQ(productVersionOf(dir, ""), "rolling");
-}
-
-TEST(AppInfo, EmptyVersionIdCountsAsAbsent)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "VERSION_ID=\"\"\nBUILD_ID=''\n"), "rolling");
-    EXPECT_EQ(productVersionOf(dir, "VERSION_ID=\nBUILD_ID=2024.1\n"), "2024.1");
-}
-
-// Shell-style quoting: double or single quotes, backslash escapes inside double quotes.
-TEST(AppInfo, ProductVersionUnquotesAsOsReleaseAllows)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "VERSION_ID=12\n"), "12");
-    EXPECT_EQ(productVersionOf(dir, "VERSION_ID=\"12.4\"\n"), "12.4");
-    EXPECT_EQ(productVersionOf(dir, "VERSION_ID='12.4'\n"), "12.4");
-    EXPECT_EQ(productVersionOf(dir, "BUILD_ID=\"a\\\"b\\\\c\\$d\\`e\"\n"), "a\"b\\c$d`e");
-}
-
-TEST(AppInfo, ProductVersionSkipsCommentsAndLookalikeKeys)
-{
-    TempDir dir;
-    EXPECT_EQ(productVersionOf(dir, "# VERSION_ID=1\nMY_VERSION_ID=2\nVERSION_ID_LIKE=3\nBUILD_ID=4\n"), "4");
+    for (const auto& [what, osRelease, expected] : cases) {
+        std::ofstream(file) << osRelease;
+        EXPECT_EQ(quendral::appinfo::osProductVersion(file.string()), expected) << what;
+    }
 }
 
 TEST(AppInfo, ProductVersionIsNoneWhenOsReleaseCannotBeRead)
