@@ -182,6 +182,10 @@ int CliSession::run()
     if (_invocation.resources) {
         paths::setResourceFolder(std::filesystem::path(*_invocation.resources));
     }
+    if (_invocation.command == Command::Update || _invocation.command == Command::Flash) {
+        // Which avrdude and bossac a run takes is the first question when a flash fails.
+        Logger::log("Flashing tools from " + paths::resourceFolder().string());
+    }
     _controller = MainViewController::create(*_view, &_appDelegate);
     _controller->viewDidLoad();
     dispatch::RunLoop::main().drain(); // the first port menu

@@ -11,8 +11,9 @@ namespace quendral::paths {
 std::optional<std::filesystem::path> userDataFolder();
 
 // The folder holding avrdude, bossac, avrdude.conf and the intermediate
-// firmware: <prefix>/share/quendral-firmware-updater next to an installed
-// binary, otherwise the build tree's resources folder.
+// firmware: ../share/quendral-firmware-updater beside the running executable
+// when that folder exists (an installed program, whatever its prefix),
+// otherwise the build tree's resources folder.
 std::filesystem::path resourceFolder();
 // Lets the command line, the device lab and tests point at another folder.
 void setResourceFolder(std::optional<std::filesystem::path> folder);

@@ -17,12 +17,40 @@ TEST(AppInfo, ProductVersionIsVersionIdOfOsRelease)
     EXPECT_EQ(quendral::appinfo::osProductVersion(file.string()), "12");
 }
 
-TEST(AppInfo, ProductVersionIsNoneWithoutVersionId)
+// Rolling distributions have no VERSION_ID: Arch names a BUILD_ID, Debian
+// testing and sid name neither. Values are quoted as a shell would read them.
+TEST(AppInfo, ProductVersionFallsBackToBuildIdThenRolling)
 {
+    struct Case {
+        const char* what;
+        const char* osRelease;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"VERSION_ID wins", "BUILD_ID=20240101\nVERSION_ID=13\n", "13"},
+        {"Arch", "NAME=\"Arch Linux\"\nID=arch\nBUILD_ID=rolling\n", "rolling"},
+        {"quoted BUILD_ID", "ID=gentoo\nBUILD_ID=\"20231102\"\n", "20231102"},
+        {"Debian sid", "PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nID=debian\n", "rolling"},
+        {"empty file", "", "rolling"},
+        {"empty values", "VERSION_ID=\"\"\nBUILD_ID=''\n", "rolling"},
+        {"empty VERSION_ID", "VERSION_ID=\nBUILD_ID=2024.1\n", "2024.1"},
+        {"bare", "VERSION_ID=12\n", "12"},
+        {"double quotes", "VERSION_ID=\"12.4\"\n", "12.4"},
+        {"single quotes", "VERSION_ID='12.4'\n", "12.4"},
+        {"escapes", "BUILD_ID=\"a\\\"b\\\\c\\$d\\`e\"\n", "a\"b\\c$d`e"},
+        {"comments and lookalikes", "# VERSION_ID=1\nMY_VERSION_ID=2\nVERSION_ID_LIKE=3\nBUILD_ID=4\n", "4"},
+    };
     TempDir dir;
     const auto file = dir.path() / "os-release";
-    std::ofstream(file) << "ID=arch\n";
-    EXPECT_EQ(quendral::appinfo::osProductVersion(file.string()), std::nullopt);
+    for (const auto& [what, osRelease, expected] : cases) {
+        std::ofstream(file) << osRelease;
+        EXPECT_EQ(quendral::appinfo::osProductVersion(file.string()), expected) << what;
+    }
+}
+
+TEST(AppInfo, ProductVersionIsNoneWhenOsReleaseCannotBeRead)
+{
+    TempDir dir;
     EXPECT_EQ(quendral::appinfo::osProductVersion((dir.path() / "missing").string()), std::nullopt);
 }
 

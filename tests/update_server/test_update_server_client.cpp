@@ -76,7 +76,7 @@ TEST_F(UpdateServerClientTest, OsValueComesFromThisSystemsOsReleaseByDefault)
 {
     const auto product = quendral::appinfo::osProductVersion();
     if (!product) {
-        GTEST_SKIP() << "/etc/os-release has no VERSION_ID on this machine";
+        GTEST_SKIP() << "this machine has no readable /etc/os-release";
     }
     auto c = config();
     c.osReleasePath = "/etc/os-release";
@@ -95,11 +95,35 @@ TEST_F(UpdateServerClientTest, UpdateQueryWithMissingParameterGivesNoneAndLogsNi
     EXPECT_TRUE(server->recordedRequests().empty());
 }
 
-TEST_F(UpdateServerClientTest, UpdateQueryWithoutProductVersionGivesNoneAndLogsNilParameter)
+// Rolling distributions (Arch, Debian testing and sid) have no VERSION_ID; the
+// query must still go out, with the same keys, instead of ending as a nil parameter.
+TEST_F(UpdateServerClientTest, UpdateQueryOnRollingDistributionCarriesBuildIdOrRolling)
 {
     auto c = config();
-    std::ofstream(server->folder() / "no-version") << "ID=debian\n";
-    c.osReleasePath = (server->folder() / "no-version").string();
+    std::ofstream(server->folder() / "arch") << "NAME=\"Arch Linux\"\nID=arch\nBUILD_ID=rolling-20240301\n";
+    std::ofstream(server->folder() / "sid") << "PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nID=debian\n";
+    for (const char* name : {"arch", "sid"}) {
+        c.osReleasePath = (server->folder() / name).string();
+        const auto answer = UpdateServerClient(c).queryUpdate(kCid, "due", "1.0", std::nullopt);
+        ASSERT_TRUE(answer) << name;
+        EXPECT_EQ(answer->status(), "success") << name;
+        EXPECT_TRUE(answer->ticketId()) << name;
+    }
+    EXPECT_TRUE(logged().empty()) << console.str();
+    const auto bodies = server->recordedBodies();
+    ASSERT_EQ(bodies.size(), 2u);
+    EXPECT_EQ(bodies[0]["OS"], "macOSrolling-20240301");
+    EXPECT_EQ(bodies[1]["OS"], "macOSrolling");
+    for (const auto& body : bodies) {
+        EXPECT_EQ(keysOf(body), (Keys{"cmd", "CID", "platform", "currentVersion", "appVersion", "OS"}));
+        EXPECT_EQ(body["appVersion"], "mac_" + quendral::appinfo::shortVersion());
+    }
+}
+
+TEST_F(UpdateServerClientTest, UpdateQueryWithoutReadableOsReleaseGivesNoneAndLogsNilParameter)
+{
+    auto c = config();
+    c.osReleasePath = (server->folder() / "missing-os-release").string();
     EXPECT_FALSE(UpdateServerClient(c).queryUpdate(kCid, "due", "1.0", std::nullopt));
     EXPECT_EQ(logged(), std::vector<std::string>{"Error on querying update, nil parameter passed."});
     EXPECT_TRUE(server->recordedRequests().empty());
