@@ -198,7 +198,7 @@ TEST(UpdateSafety, TwoUpdatesAtOnceOnOneComputerBothEndOnTheNewVersion)
     const LabRun one = first.get();
     const LabRun two = second.get();
     for (const LabRun* run : {&one, &two}) {
-        EXPECT_EQ(run->exitCode, 0) << run->output;
+        EXPECT_EQ(run->exitCode, 0) << run->output << "--- log\n" << run->log;
         EXPECT_TRUE(run->says("Controller " + kCid + " now runs version 2.0.0")) << run->output;
         EXPECT_TRUE(run->says(kNewFirmware)) << run->output;
         EXPECT_FALSE(run->says("No such file or directory")) << run->output;
