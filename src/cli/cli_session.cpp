@@ -1,10 +1,13 @@
 #include "cli_session.h"
 
+#include "controller/bootloader_touch.h"
+#include "controller/browser_configuration.h"
 #include "controller/controller_port.h"
 #include "controller/ip_settings.h"
 #include "controller/ip_settings_writer.h"
 #include "controller/port_access.h"
 #include "controller/port_list.h"
+#include "controller/update_job.h"
 #include "flashing/board_table.h"
 #include "ip_assignments.h"
 #include "log/logger.h"
@@ -134,25 +137,24 @@ std::string serverProblemText(const ServerProblemReport& problem)
 
 CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
 {
-    TerminalMainView::Options options;
+    TerminalFeedback::Options options;
     options.interactive = ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
     options.progressBar = ::isatty(STDERR_FILENO) != 0;
-    options.answer = invocation.answer == Answer::Yes  ? TerminalMainView::Answer::Yes
-                     : invocation.answer == Answer::No ? TerminalMainView::Answer::No
-                                                       : TerminalMainView::Answer::Ask;
+    options.answer = invocation.answer == Answer::Yes  ? TerminalFeedback::Answer::Yes
+                     : invocation.answer == Answer::No ? TerminalFeedback::Answer::No
+                                                       : TerminalFeedback::Answer::Ask;
     options.desktop = hasDesktop();
     options.openOnDesktop = openOnDesktop;
-    options.firmwareFile = invocation.firmwareFile;
-    _view = std::make_unique<TerminalMainView>(std::move(options));
+    _feedback = std::make_unique<TerminalFeedback>(std::move(options));
+    _link = ControllerLink::create(*_feedback);
+    _uploader = std::make_unique<FirmwareUploader>(*_link, *_feedback);
 }
 
 CliSession::~CliSession()
 {
-    if (_controller) {
-        if (auto port = _controller->serial(); port && port->isOpen()) {
-            port->close();
-            runUntil([&] { return !port->isOpen(); });
-        }
+    if (auto port = _link->serial(); port && port->isOpen()) {
+        port->close();
+        runUntil([&] { return !port->isOpen(); });
     }
 }
 
@@ -186,14 +188,11 @@ int CliSession::run()
         // Which avrdude and bossac a run takes is the first question when a flash fails.
         Logger::log("Flashing tools from " + paths::resourceFolder().string());
     }
-    _controller = MainViewController::create(*_view, &_appDelegate);
-    _controller->viewDidLoad();
-    dispatch::RunLoop::main().drain(); // the first port menu
-
     if (_invocation.command == Command::Ports) {
         return ports();
     }
-    if (!selectPort()) {
+    _port = choosePort();
+    if (!_port) {
         return kFailure;
     }
     switch (_invocation.command) {
@@ -216,39 +215,34 @@ int CliSession::run()
     }
 }
 
-bool CliSession::selectPort()
+std::optional<PortPath> CliSession::choosePort()
 {
-    const auto titles = _view->portMenuTitles();
+    auto& manager = SerialPortManager::sharedSerialPortManager();
+    const SerialPortList listed = listedControllerPorts(manager);
     if (_invocation.port) {
-        std::string name = *_invocation.port;
-        if (name.rfind("/dev/", 0) == 0) {
-            for (const auto& port : SerialPortManager::sharedSerialPortManager().availablePorts()) {
-                if (port->path() == name) {
-                    name = port->name();
-                }
+        const std::string& wanted = *_invocation.port;
+        for (const SerialPort::Ptr& port : listed) {
+            if (port->name() == wanted || port->path() == wanted) {
+                return followBoard(port->path(), manager);
             }
         }
-        if (std::find(titles.begin(), titles.end(), name) == titles.end()) {
-            std::cerr << "quendral-cli: no Controller port '" << visibleText(*_invocation.port)
-                      << "' (see 'quendral-cli ports')\n";
-            return false;
-        }
-        _view->selectPortMenuItem(name);
+        std::cerr << "quendral-cli: no Controller port '" << visibleText(wanted) << "' (see 'quendral-cli ports')\n";
+        return std::nullopt;
     }
-    if (!_view->selectedPortTitle()) {
+    if (listed.empty()) {
         std::cerr << "quendral-cli: no Controller is connected\n";
-        return false;
+        return std::nullopt;
     }
-    return true;
+    return followBoard(listed.front()->path(), manager);
 }
 
 int CliSession::ports()
 {
-    for (const std::string& name : _view->portMenuTitles()) {
-        const auto path = _controller->pathOfSerialPortWithName(name).value_or("");
-        const CombinedUsbIdentifier code = _controller->getPIDVID(path);
+    const SerialPortList listed = listedControllerPorts(SerialPortManager::sharedSerialPortManager());
+    for (const SerialPort::Ptr& port : listed) {
+        const CombinedUsbIdentifier code = usbIdentifierOf(listed, port->path());
         const BoardIdentification* board = BoardTable::find(code);
-        std::cout << name << '\t' << path << '\t' << hex4(static_cast<std::uint16_t>(code >> 16)) << ':'
+        std::cout << port->name() << '\t' << port->path() << '\t' << hex4(static_cast<std::uint16_t>(code >> 16)) << ':'
                   << hex4(static_cast<std::uint16_t>(code & 0xFFFF)) << '\t'
                   << (board != nullptr ? std::string(board->board) : std::string("unknown")) << '\n';
     }
@@ -258,15 +252,15 @@ int CliSession::ports()
 int CliSession::identify()
 {
     std::optional<std::string> cid;
-    runInBackground([&] { cid = _controller->getCID(); });
+    runInBackground([&] { cid = _link->getCID(*_port); });
     if (!cid) {
-        if (!_controller->deviceMessage() && !_controller->portAccessDenied()) {
+        if (!_link->deviceMessage() && !_link->portAccessDenied()) {
             std::cout << "The Controller did not identify itself.\n";
         }
         return kFailure;
     }
     std::cout << "CID: " << visibleText(*cid) << '\n'
-              << "Version: " << visibleText(_controller->currentVersion().value_or("")) << '\n';
+              << "Version: " << visibleText(_link->currentVersion().value_or("")) << '\n';
     return kSuccess;
 }
 
@@ -282,67 +276,61 @@ int CliSession::update()
     if (_invocation.caFile) {
         config.caFile = *_invocation.caFile;
     }
-    _controller->setUpdateServerConfig(std::move(config));
-    std::atomic<bool> finished{false};
-    std::atomic<UpdateOutcome> outcome{UpdateOutcome::UploadFailed};
-    _controller->setUpdateFinishedHandler([&](UpdateOutcome result) {
-        outcome = result;
-        finished = true;
-    });
-    _controller->checkForUpdate(_invocation.version);
-    runUntil([&] { return finished.load(); });
-    dispatch::RunLoop::main().drain();
-    _controller->setUpdateFinishedHandler(nullptr);
+    const UpdateServerClient server(std::move(config));
+    Logger::log("Checking for update");
+    _feedback->uploadBegins();
+    UpdateJob job(*_link, *_uploader, *_feedback);
+    const BoardIdentification* board = job.boardToUpdate(_port->currentOrEmpty());
+    if (board == nullptr) {
+        return exitCodeFor(UpdateOutcome::UnsupportedDevice);
+    }
+    UpdateOutcome outcome = UpdateOutcome::UploadFailed;
+    runInBackground([&] { outcome = job.run(*_port, *board, _invocation.version, server); });
     // The window shows its own texts for an answer it cannot use, or none at
     // all; a script gets the reason.
-    const auto problem = _controller->serverProblem();
+    const auto problem = job.serverProblem();
     if (problem) {
         std::cerr << "quendral-cli: " << visibleText(serverProblemText(*problem)) << '\n';
     }
-    if (outcome.load() == UpdateOutcome::Updated) {
+    if (outcome == UpdateOutcome::Updated) {
         // The Controller restarts on its new firmware: say which version it reports now.
         // A reply line is read only once the next byte arrives, so the first
         // answer can still carry the old firmware's last line: ask twice.
         std::optional<std::string> cid;
         runInBackground([&] {
-            cid = _controller->getCID();
+            cid = _link->getCID(*_port);
             if (cid) {
-                cid = _controller->getCID();
+                cid = _link->getCID(*_port);
             }
         });
         if (cid) {
             std::cout << "Controller " << visibleText(*cid) << " now runs version "
-                      << visibleText(_controller->currentVersion().value_or("")) << '\n';
+                      << visibleText(_link->currentVersion().value_or("")) << '\n';
         }
-    } else if (const char* why = notFlashedReason(outcome.load())) {
+    } else if (const char* why = notFlashedReason(outcome)) {
         // Where the road went on (even to a report of success to the server)
         // without the tool ever running, the last word says so.
         std::cerr << "The Controller was not flashed: " << why << '\n';
     }
-    return exitCodeFor(outcome.load(), problem);
+    return exitCodeFor(outcome, problem);
 }
 
 int CliSession::flash()
 {
-    std::atomic<bool> finished{false};
-    std::atomic<UpdateOutcome> outcome{UpdateOutcome::UploadFailed};
-    _controller->setUpdateFinishedHandler([&](UpdateOutcome result) {
-        outcome = result;
-        finished = true;
-    });
-    _controller->loadFirmwareFile();
-    runUntil([&] { return finished.load(); });
-    dispatch::RunLoop::main().drain();
-    _controller->setUpdateFinishedHandler(nullptr);
-    return outcome.load() == UpdateOutcome::Updated ? kSuccess : kFailure;
+    if (!_invocation.firmwareFile) {
+        return kFailure;
+    }
+    UpdateOutcome outcome = UpdateOutcome::UploadFailed;
+    runInBackground([&] { outcome = _uploader->flashFile(*_port, *_invocation.firmwareFile); });
+    return outcome == UpdateOutcome::Updated ? kSuccess : kFailure;
 }
 
 int CliSession::ip()
 {
     std::vector<std::string> lines;
-    runInBackground([&] { lines = _controller->getIPConfig(); });
+    runInBackground([&] { lines = _link->getIPConfig(*_port); });
     if (lines.empty()) {
-        if (!_controller->portAccessDenied()) {
+        if (!_link->portAccessDenied()) {
             std::cout << "Could not get device IP configuration\n";
         }
         return kFailure;
@@ -362,11 +350,11 @@ int CliSession::writeIp()
         return kFailure;
     }
     std::vector<std::string> lines;
-    runInBackground([&] { lines = _controller->getIPConfig(); });
+    runInBackground([&] { lines = _link->getIPConfig(*_port); });
     // The dump's port finishes closing on its reader thread, and the save below
     // gets the very same port object (there is one per path): opening it before
     // the close is through would write into a descriptor about to be closed.
-    if (auto dumpPort = _controller->serial()) {
+    if (auto dumpPort = _link->serial()) {
         runUntil([&] { return !dumpPort->isOpen(); });
     }
     if (lines.empty()) {
@@ -388,7 +376,7 @@ int CliSession::writeIp()
 int CliSession::saveIp(const ipsettings::Settings& settings)
 {
     Logger::log("User clicked save IP settings");
-    const auto path = _controller->pathOfSelectedPort().value_or("");
+    const auto path = _port->currentOrEmpty();
     const auto written = ipsettings::writeSettings(path, settings);
     if (written.port) {
         runUntil([&] { return !written.port->isOpen(); });
@@ -414,26 +402,20 @@ int CliSession::saveIp(const ipsettings::Settings& settings)
     return kSuccess;
 }
 
-void CliSession::action(void (MainViewController::*work)())
-{
-    const int before = _appDelegate.actionEnds();
-    ((*_controller).*work)();
-    runUntil([&] { return _appDelegate.actionEnds() > before; });
-    dispatch::RunLoop::main().drain();
-}
-
 int CliSession::webConfig()
 {
-    action(&MainViewController::webConfig);
-    const auto alerts = _view->alerts();
-    const bool switchedOff = !alerts.empty() && alerts.back() == "Webconfig sucessfully disabeled";
-    return !_view->openedURLs().empty() || switchedOff ? kSuccess : kFailure;
+    Logger::log("User clicked local configuration (webconfig)");
+    bool done = false;
+    runInBackground([&] { done = toggleWebConfiguration(*_link, *_feedback, *_port); });
+    return done ? kSuccess : kFailure;
 }
 
 int CliSession::onlineConfig()
 {
-    action(&MainViewController::configureController);
-    return _view->openedURLs().empty() ? kFailure : kSuccess;
+    Logger::log("User clicked online configuration");
+    bool opened = false;
+    runInBackground([&] { opened = openOnlineConfiguration(*_link, *_feedback, *_port); });
+    return opened ? kSuccess : kFailure;
 }
 
 namespace {
@@ -477,7 +459,7 @@ constexpr auto kMonitorLingerLimit = 10s;
 
 int CliSession::monitor()
 {
-    const auto path = _controller->pathOfSelectedPort().value_or("");
+    const auto path = _port->currentOrEmpty();
     Logger::log("Opening serial port " + path + " with baud rate 115200");
     auto port = SerialPort::serialPortWithPath(path);
     if (!port) {

@@ -1,38 +1,24 @@
 #pragma once
-// One run of quendral-cli: the same MainViewController as the window, with a
-// terminal view, the port manager and a run loop on the main thread.
+// One run of quendral-cli: the core's classes (the Controller link, the
+// firmware uploader, the update job) called with the port named on the
+// command line, their outcomes turned into output and an exit code. The main
+// thread serves the main queue (the ports' callbacks) while the work runs on
+// the global queue.
 #include "command_line.h"
+#include "controller/controller_link.h"
+#include "controller/firmware_uploader.h"
 #include "controller/ip_settings.h"
-#include "controller/main_view_controller.h"
-#include "terminal_main_view.h"
+#include "controller/port_path.h"
+#include "controller/update_outcome.h"
+#include "controller/update_server_client.h"
+#include "terminal_feedback.h"
 
-#include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace quendral::cli {
-
-// The application delegate of a terminal: there are no secondary windows;
-// the end of an action (its controls coming back) is what matters.
-class TerminalApplicationDelegate final : public ApplicationDelegate {
-public:
-    void openSerialMonitor(const std::string& /*path*/) override {}
-    void closeSerialMonitor() override {}
-    [[nodiscard]] bool getSerialMonitorState() const override { return false; }
-    void openIPConfig(const std::string& /*path*/, const std::vector<std::string>& /*lines*/) override {}
-    [[nodiscard]] bool getIPConfigState() const override { return false; }
-    void setUpdateMenuEnable(bool enabled) override
-    {
-        if (enabled) {
-            ++_actionEnds;
-        }
-    }
-    [[nodiscard]] int actionEnds() const { return _actionEnds.load(); }
-
-private:
-    std::atomic<int> _actionEnds{0};
-};
 
 class CliSession {
 public:
@@ -44,9 +30,9 @@ public:
     int run();
 
 private:
-    // Selects the port named on the command line (name or /dev path), or keeps
-    // the menu's first port. False, with a message, when there is none.
-    bool selectPort();
+    // The port to work on: the one named on the command line (name or /dev
+    // path), or the first Controller port. None, with a message, when there is none.
+    std::optional<PortPath> choosePort();
     // Runs `work` on the global queue while the main thread serves the main queue.
     void runInBackground(const std::function<void()>& work);
     // Serves the main queue until `done`.
@@ -60,16 +46,15 @@ private:
     int writeIp();
     // Writes settings that passed every check, and says how it went.
     int saveIp(const ipsettings::Settings& settings);
-    // Runs a window action and waits until its controls come back.
-    void action(void (MainViewController::*work)());
     int webConfig();
     int onlineConfig();
     int monitor();
 
     const Invocation& _invocation;
-    std::unique_ptr<TerminalMainView> _view;
-    TerminalApplicationDelegate _appDelegate;
-    std::shared_ptr<MainViewController> _controller;
+    std::unique_ptr<TerminalFeedback> _feedback;
+    std::shared_ptr<ControllerLink> _link;
+    std::unique_ptr<FirmwareUploader> _uploader;
+    std::optional<PortPath> _port;
 };
 
 // The exit code of an update or upload outcome. A server answer too large

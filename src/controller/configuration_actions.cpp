@@ -1,42 +1,16 @@
 // MainViewController: the configuration buttons and the services every action uses.
 #include "controller/main_view_controller.h"
 
+#include "controller/browser_configuration.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
-
-#include <cctype>
-#include <cstdio>
-
-#ifndef QUENDRAL_ONLINE_CONFIG_HOST
-#error "QUENDRAL_ONLINE_CONFIG_HOST must be defined by the build"
-#endif
 
 namespace quendral {
 namespace {
 
 const char* const kNoPortMessage = "Please select a device from the drop-down menu.";
 
-std::string percentEncoded(const std::string& text)
-{
-    std::string encoded;
-    for (const unsigned char c : text) {
-        if (std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == '~') {
-            encoded += static_cast<char>(c);
-        } else {
-            char escape[4];
-            std::snprintf(escape, sizeof escape, "%%%02X", c);
-            encoded += escape;
-        }
-    }
-    return encoded;
-}
-
 } // namespace
-
-std::string MainViewController::onlineConfigurationURL(const std::string& cid)
-{
-    return std::string("https://") + QUENDRAL_ONLINE_CONFIG_HOST + "/?CID=" + percentEncoded(cid);
-}
 
 std::optional<std::string> MainViewController::selectedPortOrAlert()
 {
@@ -110,72 +84,26 @@ void MainViewController::ipConfig()
 
 void MainViewController::configureController()
 {
-    const auto path = beginPortAction("User clicked online configuration");
-    if (!path) {
-        return;
+    if (const auto path = beginPortAction("User clicked online configuration")) {
+        runActionInBackground(
+            [this](const std::string&) { openOnlineConfiguration(*_link, _feedback, selectedPort()); }, *path);
     }
-    runActionInBackground(
-        [this](const std::string& /*port*/) {
-            if (const auto cid = getCID()) {
-                _view.openURL(onlineConfigurationURL(*cid));
-                return;
-            }
-            // A Controller that answered with a message has had it shown already.
-            if (!deviceMessage() && !portAccessDenied()) {
-                showAlert("Could not get device identification. Please contact support.");
-            }
-        },
-        *path);
 }
 
 void MainViewController::localConfig()
 {
-    const auto path = beginPortAction("User clicked local configuration (legacy)");
-    if (!path) {
-        return;
+    if (const auto path = beginPortAction("User clicked local configuration (legacy)")) {
+        runActionInBackground([this](const std::string&) { openLocalConfiguration(*_link, _feedback, selectedPort()); },
+                              *path);
     }
-    runActionInBackground(
-        [this](const std::string& /*port*/) {
-            if (const auto address = getIP()) {
-                _view.openURL("http://" + *address);
-                return;
-            }
-            if (portAccessDenied()) {
-                return;
-            }
-            Logger::log("Error Could not get Ip for local config");
-            showAlert("Could not get device IP. Please contact support.");
-        },
-        *path);
 }
 
 void MainViewController::webConfig()
 {
-    const auto path = beginPortAction("User clicked local configuration (webconfig)");
-    if (!path) {
-        return;
+    if (const auto path = beginPortAction("User clicked local configuration (webconfig)")) {
+        runActionInBackground([this](const std::string&) { toggleWebConfiguration(*_link, _feedback, selectedPort()); },
+                              *path);
     }
-    runActionInBackground(
-        [this](const std::string& /*port*/) {
-            const auto result = toggleWebconfig();
-            _view.setStatusText("");
-            if (!result && portAccessDenied()) {
-                return;
-            }
-            if (!result) {
-                Logger::log("Error toggling Webconfig.");
-                showAlert("Error toggling Webconfig.");
-                return;
-            }
-            if (*result == "off") {
-                Logger::log("Webconfig is now off");
-                showAlert("Webconfig sucessfully disabeled");
-                return;
-            }
-            Logger::log("Webconfig is now on!");
-            _view.openURL("http://" + *result);
-        },
-        *path);
 }
 
 void MainViewController::toggleUI(bool enabled)
@@ -203,29 +131,22 @@ void MainViewController::toggleUI(bool enabled)
 
 bool MainViewController::showDialog(const std::string& message)
 {
-    return _view.showDialog(message);
+    return _feedback.ask(message);
 }
 
 void MainViewController::showAlert(const std::string& message)
 {
-    _view.showAlert(message);
+    _feedback.alert(message);
 }
 
 void MainViewController::progressChanged(const Notification& notification)
 {
+    // The tools post an int; a number posted as a double is taken as well.
     double percent = 0;
-    if (const auto* d = notification.objectAs<double>()) {
-        percent = *d;
-    } else if (const auto* i = notification.objectAs<int>()) {
-        percent = *i;
-    } else if (const auto* l = notification.objectAs<long>()) {
-        percent = static_cast<double>(*l);
-    } else if (const auto* u = notification.objectAs<unsigned long>()) {
-        percent = static_cast<double>(*u);
-    } else if (const auto* ll = notification.objectAs<long long>()) {
-        percent = static_cast<double>(*ll);
-    } else if (const auto* ull = notification.objectAs<unsigned long long>()) {
-        percent = static_cast<double>(*ull);
+    if (const auto* whole = notification.objectAs<int>()) {
+        percent = *whole;
+    } else if (const auto* fraction = notification.objectAs<double>()) {
+        percent = *fraction;
     } else {
         return; // not a number: nothing to show
     }

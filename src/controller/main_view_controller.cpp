@@ -1,8 +1,7 @@
-// MainViewController: construction, the serial delegate side and shared services.
+// MainViewController: construction, the notifications it observes and the
+// services its actions share.
 #include "controller/main_view_controller.h"
 
-#include "flashing/avrdude_wrapper.h"
-#include "flashing/bossac_wrapper.h"
 #include "platform/dispatch.h"
 
 namespace quendral {
@@ -13,13 +12,15 @@ std::shared_ptr<MainViewController> MainViewController::create(MainView& view, A
     return std::make_shared<MainViewController>(view, appDelegate, clock);
 }
 
+// The window shows the tools' texts and progress through the notifications
+// it observes (viewDidLoad), so the typed reports are not shown twice.
 MainViewController::MainViewController(MainView& view, ApplicationDelegate* appDelegate, Clock& clock)
-    : _view(view), _appDelegate(appDelegate), _clock(clock), _portList(view, appDelegate, nullptr, clock)
+    : _view(view), _appDelegate(appDelegate), _clock(clock),
+      _feedback(view, appDelegate, ViewFeedback::ToolReports::Dropped), _link(ControllerLink::create(_feedback, clock)),
+      _uploader(*_link, _feedback, clock), _job(*_link, _uploader, _feedback, clock),
+      _portList(view, appDelegate, nullptr, clock)
 {
-    _portList.setSerialStore([this](const SerialPort::Ptr& port) {
-        std::lock_guard lock(_serialMutex);
-        _serial = port;
-    });
+    _portList.setSerialStore([link = _link](const SerialPort::Ptr& port) { link->setSerial(port); });
 }
 
 MainViewController::~MainViewController() = default;
@@ -48,10 +49,9 @@ void MainViewController::viewDidLoad()
     warnIfFTDIDriverMissing();
 }
 
-void MainViewController::setSerial(const SerialPort::Ptr& port)
+PortPath MainViewController::selectedPort() const
 {
-    std::lock_guard lock(_serialMutex);
-    _serial = port;
+    return PortPath::following([this] { return pathOfSelectedPort(); });
 }
 
 void MainViewController::setUpdateServerConfig(UpdateServerConfig config)
@@ -61,43 +61,7 @@ void MainViewController::setUpdateServerConfig(UpdateServerConfig config)
 
 std::optional<ServerProblemReport> MainViewController::serverProblem() const
 {
-    std::lock_guard lock(_serialMutex);
-    return _serverProblem;
+    return _job.serverProblem();
 }
-
-void MainViewController::noteServerProblem(std::optional<ServerProblemReport> problem)
-{
-    std::lock_guard lock(_serialMutex);
-    _serverProblem = std::move(problem);
-}
-
-SerialPort::Ptr MainViewController::serial() const
-{
-    std::lock_guard lock(_serialMutex);
-    return _serial;
-}
-
-void MainViewController::postStatusText(std::string text)
-{
-    std::weak_ptr<MainViewController> weakSelf = weak_from_this();
-    dispatch::mainQueue()->async([weakSelf, text = std::move(text)] {
-        if (auto self = weakSelf.lock()) {
-            self->_view.setStatusText(text);
-        }
-    });
-}
-
-bool MainViewController::respondsTo(SerialPortDelegateCallback callback) const
-{
-    return callback == SerialPortDelegateCallback::DidReceiveData ||
-           callback == SerialPortDelegateCallback::WasRemovedFromSystem;
-}
-
-void MainViewController::serialPortDidReceiveData(const std::shared_ptr<SerialPort>& /*port*/, const SerialData& data)
-{
-    _parser.receive(data);
-}
-
-void MainViewController::serialPortWasRemovedFromSystem(const std::shared_ptr<SerialPort>& /*port*/) {}
 
 } // namespace quendral

@@ -1,9 +1,9 @@
 #include "controller/port_list.h"
 
+#include "controller/bootloader_touch.h"
 #include "controller/main_view_controller.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
-#include "serial/serial_port_attributes.h"
 
 #include <algorithm>
 #include <array>
@@ -24,6 +24,41 @@ bool isUsbSerialPortName(std::string_view name)
         }
     }
     return false;
+}
+
+SerialPortList listedControllerPorts(SerialPortManager& manager)
+{
+    SerialPortList listed;
+    for (const SerialPort::Ptr& port : manager.availablePorts()) {
+        if (isUsbSerialPortName(port->name())) {
+            listed.push_back(port);
+        }
+    }
+    return listed;
+}
+
+PortPath followBoard(const std::string& path, SerialPortManager& manager)
+{
+    std::vector<std::string> before;
+    for (const SerialPort::Ptr& port : listedControllerPorts(manager)) {
+        before.push_back(port->path());
+    }
+    return PortPath::following([path, before = std::move(before), &manager]() -> std::optional<std::string> {
+        const SerialPortList listed = listedControllerPorts(manager);
+        const auto listedNow = [&](const std::string& wanted) {
+            return std::any_of(listed.begin(), listed.end(),
+                               [&](const SerialPort::Ptr& port) { return port->path() == wanted; });
+        };
+        if (listedNow(path)) {
+            return path;
+        }
+        for (const SerialPort::Ptr& port : listed) {
+            if (std::find(before.begin(), before.end(), port->path()) == before.end()) {
+                return port->path();
+            }
+        }
+        return path;
+    });
 }
 
 PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager* manager, Clock& clock)
@@ -118,12 +153,7 @@ std::optional<std::string> PortList::pathOfSelectedPort() const
 
 CombinedUsbIdentifier PortList::getPIDVID(const std::string& path) const
 {
-    for (const SerialPort::Ptr& port : manager().availablePorts()) {
-        if (port->path() == path) {
-            return combinedUsbIdentifier(vendorID(*port).value_or(0), productID(*port).value_or(0));
-        }
-    }
-    return 0;
+    return usbIdentifierOf(manager().availablePorts(), path);
 }
 
 // --- the 1200-baud touch ------------------------------------------------------------------
@@ -135,49 +165,17 @@ void PortList::resetDevice(const std::string& path, int delay)
 
 void PortList::resetDevice(const std::string& path, int delay, std::stop_token stop)
 {
-    SerialPort::Ptr port = SerialPort::serialPortWithPath(path);
-    std::function<void(const SerialPort::Ptr&)> store;
-    {
-        std::lock_guard lock(_serialMutex);
-        _serial = port;
-        store = _storeSerial;
-    }
-    if (store) {
-        store(port);
-    }
-    if (port) {
-        port->setDTR(false);
-        port->setRTS(false);
-    }
-    // A fresh object is closed; one still open elsewhere is waited for.
-    while (port && port->isOpen() && !stop.stop_requested()) {
-    }
-    Logger::log("Resetting device into programming mode..");
-    if (port) {
-        port->setBaudRate(1200);
-    }
-    // No pause: a port that cannot be opened keeps this thread here (a
-    // vanished path leaves no object to open at all). A port this user may
-    // not open never will be: that ends the retry at once.
-    bool denied = false;
-    while (!(port && port->isOpen()) && !stop.stop_requested() && !denied) {
-        if (port) {
-            port->open();
-            denied = !port->isOpen() && port->openWasDenied();
+    touchForBootloader(path, delay, std::move(stop), _clock, [this](const SerialPort::Ptr& port) {
+        std::function<void(const SerialPort::Ptr&)> store;
+        {
+            std::lock_guard lock(_serialMutex);
+            _serial = port;
+            store = _storeSerial;
         }
-    }
-    if (denied) {
-        Logger::log("Cannot reset " + path + ": permission denied");
-        return;
-    }
-    if (stop.stop_requested()) {
-        if (port && port->isOpen()) {
-            port->close();
+        if (store) {
+            store(port);
         }
-        return;
-    }
-    _clock.sleepFor(std::chrono::seconds(delay));
-    port->close();
+    });
 }
 
 SerialPort::Ptr PortList::serial() const
@@ -238,11 +236,6 @@ CombinedUsbIdentifier MainViewController::getPIDVID(const std::string& path) con
 void MainViewController::updateSerialPorts()
 {
     _portList.updateSerialPorts();
-}
-
-void MainViewController::resetDevice(const std::string& path, int delay)
-{
-    _portList.resetDevice(path, delay);
 }
 
 void MainViewController::alertDidClose(int returnCode)

@@ -13,6 +13,7 @@
 // pathOfSerialPortWithName and getPIDVID are called from background work too.
 // resetDevice blocks its caller and must never run on the main queue.
 #include "controller/main_view.h"
+#include "controller/port_path.h"
 #include "flashing/board_table.h"
 #include "platform/clock.h"
 #include "platform/notification_center.h"
@@ -33,6 +34,15 @@ namespace quendral {
 // The Linux names of the ports the menu lists: "ttyUSB" (USB serial adapters,
 // what other systems call "usbserial") and "ttyACM" (native-USB boards, "usbmodem").
 [[nodiscard]] bool isUsbSerialPortName(std::string_view name);
+
+// The Controller ports the port manager lists now (the menu's ports), in its order.
+[[nodiscard]] SerialPortList listedControllerPorts(SerialPortManager& manager);
+
+// The port at `path`, followed when its board resets onto another node (its
+// boot loader, its new firmware): while `path` is listed it is the one; once
+// it has left, the first Controller port that was not listed when this was
+// made. Without either, `path` itself (which then opens nothing).
+[[nodiscard]] PortPath followBoard(const std::string& path, SerialPortManager& manager);
 
 class PortList {
 public:

@@ -93,7 +93,7 @@ bool AvrdudeWrapper::startUpload(const std::string& hexFile, const std::string& 
         [this](ChildProcess::HandleId handle, ChildProcess::Stream, std::string_view data) { readData(handle, data); });
     avrdude->setTerminationHandler([this](const ChildProcess::Termination&) { terminated(); });
     // Posted before the launch so that it precedes every state the output brings.
-    upload::postState(this, upload::kPreparingUpload);
+    _reporter.state(upload::kPreparingUpload);
     std::string error;
     if (!avrdude->launch(&error)) {
         Logger::log("ERROR: Avrdude could not be started: " + error);
@@ -115,9 +115,9 @@ void AvrdudeWrapper::readData(ChildProcess::HandleId handle, std::string_view da
         _isWriting = true;
         _countHash = 0;
         _bars.push_back(Bar::Write);
-        upload::postState(this, upload::kWritingFirmware);
+        _reporter.state(upload::kWritingFirmware);
     } else if (contains(data, "Reading | ")) {
-        upload::postState(this, upload::kVerifyingFirmware);
+        _reporter.state(upload::kVerifyingFirmware);
         _isReading = true;
         _countHash = 0;
         _bars.push_back(Bar::Read);
@@ -132,7 +132,7 @@ void AvrdudeWrapper::readData(ChildProcess::HandleId handle, std::string_view da
     const auto marks = static_cast<std::uint64_t>(std::count(data.begin(), data.end(), '#'));
     _countHash += marks;
     _totalHash += marks;
-    upload::postProgress(this, static_cast<int>(std::min<std::uint64_t>(_countHash * 2, INT_MAX)));
+    _reporter.progress(static_cast<int>(std::min<std::uint64_t>(_countHash * 2, INT_MAX)));
 }
 
 bool AvrdudeWrapper::allBarsComplete() const
@@ -149,11 +149,11 @@ void AvrdudeWrapper::terminated()
     if (allBarsComplete() && !_verificationError) {
         Logger::log("Avrdude terminated successfully");
         Logger::clearCurrentBuffer();
-        upload::postState(this, upload::kFirmwareUpdated);
+        _reporter.state(upload::kFirmwareUpdated);
     } else {
         Logger::log("ERROR: Avrdude terminated with an error");
         Logger::logCurrentBuffer();
-        upload::postState(this, upload::kUpdateFailed);
+        _reporter.state(upload::kUpdateFailed);
     }
     // The pipes are done with: nothing more from them counts.
     _stderr = 0;
@@ -162,7 +162,7 @@ void AvrdudeWrapper::terminated()
 
 std::optional<std::string> AvrdudeWrapper::getDeviceSignature(const std::string& serialPort)
 {
-    upload::postState(this, upload::kIdentifyingDeviceType);
+    _reporter.state(upload::kIdentifyingDeviceType);
     const std::string config = "-C" + avrdudeConfig().string();
     const std::string port = "-P" + serialPort;
     const std::vector<std::string> arduino{config, "-patmega1284p", "-carduino", port};

@@ -14,6 +14,7 @@
 // has exited. readData() and terminated() run on the child process's reader
 // and waiter threads, one at a time (ChildProcess serialises its handlers), and
 // post from there; observers that touch the window move to the main queue.
+#include "flashing/upload_status.h"
 #include "platform/child_process.h"
 
 #include <cstdint>
@@ -68,7 +69,14 @@ public:
     [[nodiscard]] std::uint64_t totalHash() const { return _totalHash; }
     [[nodiscard]] bool verificationError() const { return _verificationError; }
 
+    // Where the run's status texts and progress go, besides the notifications.
+    void setReportHandlers(upload::Reporter::StateHandler state, upload::Reporter::ProgressHandler progress)
+    {
+        _reporter.setHandlers(std::move(state), std::move(progress));
+    }
+
 private:
+    upload::Reporter _reporter{this};
     enum class Bar { Write, Read };
     [[nodiscard]] bool allBarsComplete() const;
 

@@ -93,8 +93,8 @@ bool BossacWrapper::startUpload(const std::string& hexFile)
     bossac->setExecutablePath(executable);
     bossac->setArguments(uploadArguments(portName(), _hexFile));
 
-    upload::postState(this, upload::kPreparingUpload);
-    upload::postProgress(this, 0);
+    _reporter.state(upload::kPreparingUpload);
+    _reporter.progress(0);
     resetRunState(bossac->handle(ChildProcess::Stream::StandardOutput),
                   bossac->handle(ChildProcess::Stream::StandardError));
 
@@ -132,17 +132,17 @@ void BossacWrapper::readData(ChildProcess::HandleId handle, std::string_view dat
     std::smatch match;
     const bool hasPercentage = std::regex_search(text, match, percentage());
     if (contains(text, "Write")) {
-        upload::postState(this, upload::kWritingFirmware);
+        _reporter.state(upload::kWritingFirmware);
     }
     if (contains(text, "Verify")) {
-        upload::postState(this, upload::kVerifyingFirmware);
+        _reporter.state(upload::kVerifyingFirmware);
     }
     if (hasPercentage) {
         // bossac runs 0..100 while writing and again while verifying; passed on as it comes.
         const std::string digits = match.str().substr(0, match.length() - 1);
         int percent = 0;
         std::from_chars(digits.data(), digits.data() + digits.size(), percent);
-        upload::postProgress(this, percent);
+        _reporter.progress(percent);
     }
 }
 
@@ -153,13 +153,13 @@ void BossacWrapper::terminated(const ChildProcess::Termination& termination)
     if (!termination.succeeded()) {
         Logger::log("ERROR: Bossac terminated with an error");
         Logger::logCurrentBuffer();
-        upload::postState(this, upload::kUpdateFailed);
+        _reporter.state(upload::kUpdateFailed);
         return;
     }
     Logger::log("Bossac terminated successfully");
     Logger::clearCurrentBuffer();
-    upload::postState(this, upload::kFirmwareUpdated);
-    upload::postProgress(this, 100);
+    _reporter.state(upload::kFirmwareUpdated);
+    _reporter.progress(100);
 }
 
 } // namespace quendral

@@ -11,6 +11,7 @@
 // Threads: startUpload() blocks its caller until bossac has exited. readData()
 // and terminated() run on the child process's reader and waiter threads, one
 // at a time, and post from there.
+#include "flashing/upload_status.h"
 #include "platform/child_process.h"
 #include "serial/serial_port.h"
 #include "serial/serial_port_delegate.h"
@@ -63,7 +64,14 @@ public:
     [[nodiscard]] std::string portName() const;
     [[nodiscard]] const std::string& hexFile() const { return _hexFile; }
 
+    // Where the run's status texts and progress go, besides the notifications.
+    void setReportHandlers(upload::Reporter::StateHandler state, upload::Reporter::ProgressHandler progress)
+    {
+        _reporter.setHandlers(std::move(state), std::move(progress));
+    }
+
 private:
+    upload::Reporter _reporter{this};
     std::string _port;
     SerialPort::Ptr _portObj; // only for its name; never opened
     std::string _hexFile;

@@ -1,6 +1,8 @@
 #pragma once
-// What the flashing-tool wrappers tell the main window while a tool runs: two
-// notifications on NotificationCenter::defaultCenter(), the wrapper as sender.
+// What the flashing-tool wrappers tell while a tool runs: the typed handlers
+// their owner set (the firmware uploader's), and always two notifications on
+// NotificationCenter::defaultCenter(), the wrapper as sender, for the main
+// window that observes them.
 //
 //   "uploadState"     object: std::string, the status line to show
 //   "uploadProgress"  object: int, the progress bar value in percent
@@ -8,6 +10,7 @@
 // Observers read them with objectAs<std::string>() and objectAs<int>().
 // The progress is passed on as the tools' output gives it, so it is 0..100 in
 // practice but is not clamped (bossac's "1234%" yields 234).
+#include <functional>
 #include <string>
 
 namespace quendral::upload {
@@ -28,5 +31,27 @@ inline constexpr const char* kNotExecutable = "Bossac: Not executable";
 
 void postState(const void* sender, const std::string& text);
 void postProgress(const void* sender, int percent);
+
+// One wrapper's reports. The handlers are set before the tool starts and are
+// called on the tool's reader thread, before the notification is posted.
+class Reporter {
+public:
+    using StateHandler = std::function<void(const std::string& text)>;
+    using ProgressHandler = std::function<void(int percent)>;
+
+    explicit Reporter(const void* sender) : _sender(sender) {}
+    void setHandlers(StateHandler state, ProgressHandler progress)
+    {
+        _onState = std::move(state);
+        _onProgress = std::move(progress);
+    }
+    void state(const std::string& text) const;
+    void progress(int percent) const;
+
+private:
+    const void* _sender;
+    StateHandler _onState;
+    ProgressHandler _onProgress;
+};
 
 } // namespace quendral::upload

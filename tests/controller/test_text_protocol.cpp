@@ -70,7 +70,7 @@ TEST_F(TextProtocol, RequestCIDOpensThePortAt115200WithDTRAndRTSOnThenAsks)
     EXPECT_EQ(device->speed(), 115200u);
     EXPECT_TRUE(device->lines().dtr);
     EXPECT_TRUE(device->lines().rts);
-    EXPECT_EQ(controller->serial()->delegate(), controller);
+    EXPECT_EQ(controller->serial()->delegate(), controller->link().shared_from_this()); // the reply parser
     ASSERT_TRUE(simulator->waitForLine("getVersion", 5000ms));
     EXPECT_EQ(simulator->receivedLines(), (std::vector<std::string>{"getCID", "getVersion"}));
     device->setIoctlHook(nullptr);

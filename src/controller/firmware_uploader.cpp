@@ -1,5 +1,6 @@
-// MainViewController: putting a firmware file onto the selected board.
-#include "controller/main_view_controller.h"
+#include "controller/firmware_uploader.h"
+
+#include "controller/bootloader_touch.h"
 
 #include "controller/controller_port.h"
 #include "controller/firmware_image_check.h"
@@ -7,6 +8,7 @@
 #include "flashing/bossac_wrapper.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
+#include "platform/notification_center.h"
 #include "serial/serial_port_manager.h"
 
 #include <algorithm>
@@ -29,7 +31,7 @@ bool listsPath(const SerialPortList& ports, const std::string& path)
 // retry would hold the job (and the disabled window) for good: the board's
 // departure ends it, and the re-appearance wait then says that the board did
 // not come back.
-void resetUnlessRemoved(PortList& portList, const std::string& path, int delay)
+void resetUnlessRemoved(ControllerLink& link, Clock& clock, const std::string& path, int delay)
 {
     std::stop_source removed;
     ScopedObserver departure(NotificationCenter::defaultCenter(), SerialPortsWereDisconnectedNotification, nullptr,
@@ -46,7 +48,8 @@ void resetUnlessRemoved(PortList& portList, const std::string& path, int delay)
     if (!listsPath(SerialPortManager::sharedSerialPortManager().availablePorts(), path)) {
         removed.request_stop();
     }
-    portList.resetDevice(path, delay, removed.get_token());
+    touchForBootloader(path, delay, removed.get_token(), clock,
+                       [&link](const SerialPort::Ptr& port) { link.setSerial(port); });
 }
 
 // bossac waiting for a reply when its board vanishes reads the hung-up line
@@ -78,136 +81,128 @@ ScopedObserver endToolIfPortGoes(const std::shared_ptr<BossacWrapper>& tool, con
 
 } // namespace
 
-CombinedUsbIdentifier MainViewController::identifySelectedBoard() const
+FirmwareUploader::FirmwareUploader(ControllerLink& link, OwnerFeedback& feedback, Clock& clock)
+    : _link(link), _feedback(feedback), _clock(clock)
 {
-    // A port can be between two states of the registry; ask a few times.
+}
+
+FirmwareUploader::~FirmwareUploader() = default;
+
+CombinedUsbIdentifier FirmwareUploader::identifyBoard(const std::string& path)
+{
     CombinedUsbIdentifier code = 0;
     for (int attempt = 0; attempt < kIdentificationAttempts && code == 0; ++attempt) {
-        code = getPIDVID(pathOfSelectedPort().value_or(std::string()));
+        code = usbIdentifierOf(SerialPortManager::sharedSerialPortManager().availablePorts(), path);
     }
     return code;
 }
 
-bool MainViewController::uploadSketch(const std::string& hexFile)
-{
-    return flashFile(hexFile) == UpdateOutcome::Updated;
-}
-
-UpdateOutcome MainViewController::flashFile(const std::string& hexFile)
+UpdateOutcome FirmwareUploader::flashFile(const PortPath& port, const std::string& hexFile)
 {
     Logger::log("Uploading firmware " + hexFile);
-    dispatch::mainQueue()->sync([this] {
-        if (_appDelegate != nullptr) {
-            _appDelegate->closeSerialMonitor();
-        }
-        _view.setProgress(0.0);
-        _view.startProgressAnimation();
-    });
-    beginPortUse();
-    const CombinedUsbIdentifier code = identifySelectedBoard();
-    const BoardIdentification* board = BoardTable::find(code);
+    _feedback.uploadBegins();
+    _link.beginPortUse();
+    const BoardIdentification* board = BoardTable::find(identifyBoard(port.currentOrEmpty()));
     // Before the board hears of an update: both tools erase first and read
     // the file afterwards.
     if (board != nullptr) {
         if (const auto problem = firmware::imageFileProblem(hexFile, *board)) {
             Logger::log("ERROR, firmware file refused: " + *problem);
-            showAlert("This firmware cannot be flashed onto the " + std::string(board->chip) + ": " + *problem +
-                      ". Nothing was changed on the Controller.");
+            _feedback.alert("This firmware cannot be flashed onto the " + std::string(board->chip) + ": " + *problem +
+                            ". Nothing was changed on the Controller.");
             return UpdateOutcome::ImageRejected;
         }
     }
-
-    // Tell the firmware that an update follows; no answer is read.
-    const auto selected = pathOfSelectedPort();
-    auto port = selected ? SerialPort::serialPortWithPath(*selected) : nullptr;
-    setSerial(port);
-    if (port) {
-        openControllerPort(*port);
-        if (!port->isOpen()) {
-            noteOpenFailure(*port);
-        }
-        port->sendData(std::string_view("prepareUpload\n"));
-        port->close();
-    }
-    if (portAccessDenied()) {
+    const auto selected = port.current();
+    sendPrepareUpload(selected);
+    if (_link.portAccessDenied()) {
         return UpdateOutcome::PortAccessDenied; // neither the touch nor the tool could open it either
     }
     _clock.sleepFor(Clock::Seconds(0));
 
     if (board == nullptr) {
-        _view.setStatusText("Error: Unable to identify device");
+        _feedback.status("Error: Unable to identify device");
         return UpdateOutcome::UploadFailed;
     }
     // From the touch on the board may be erased (a SAM board's touch erases
     // its flash): quitting now asks first.
-    const auto toolRun = flashingToolRun();
+    const FlashingToolRun toolRun(_flashingToolRuns);
     bool flashed = false;
     if (!board->waitsForBootloader) {
-        _avrdude = std::make_shared<AvrdudeWrapper>();
-        const std::string path = pathOfSelectedPort().value_or(std::string());
-        flashed = _avrdude->startUpload(hexFile, path, getPIDVID(path));
+        const std::string path = port.currentOrEmpty();
+        flashed = runAvrdude(hexFile, path,
+                             usbIdentifierOf(SerialPortManager::sharedSerialPortManager().availablePorts(), path));
     } else {
         if (board->resetDelaySeconds && selected) {
-            resetUnlessRemoved(_portList, *selected, *board->resetDelaySeconds);
+            resetUnlessRemoved(_link, _clock, *selected, *board->resetDelaySeconds);
         }
-        const auto wanted = BoardTable::bootloaderIdentifiers(board->family);
-        flashed = waitForBootloaderAndFlash(hexFile, wanted, board->tool);
+        flashed = waitForBootloaderAndFlash(hexFile, BoardTable::bootloaderIdentifiers(board->family), board->tool);
     }
     return flashed ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;
 }
 
-bool MainViewController::waitForBootloaderAndFlash(const std::string& hexFile,
-                                                   const std::vector<CombinedUsbIdentifier>& wanted, FlashingTool tool)
+void FirmwareUploader::sendPrepareUpload(const std::optional<std::string>& path)
+{
+    auto port = path ? SerialPort::serialPortWithPath(*path) : nullptr;
+    _link.setSerial(port);
+    if (!port) {
+        return;
+    }
+    openControllerPort(*port);
+    if (!port->isOpen()) {
+        _link.noteOpenFailure(*port);
+    }
+    port->sendData(std::string_view("prepareUpload\n"));
+    port->close();
+}
+
+bool FirmwareUploader::runAvrdude(const std::string& hexFile, const std::string& path, CombinedUsbIdentifier code)
+{
+    auto avrdude = std::make_shared<AvrdudeWrapper>();
+    avrdude->setReportHandlers([this](const std::string& text) { _feedback.uploadState(text); },
+                               [this](int percent) { _feedback.uploadProgress(percent); });
+    {
+        std::lock_guard lock(_toolsMutex);
+        _avrdude = avrdude;
+    }
+    return avrdude->startUpload(hexFile, path, code);
+}
+
+bool FirmwareUploader::runBossac(const std::string& hexFile, const std::string& path)
+{
+    auto bossac = std::make_shared<BossacWrapper>(path);
+    bossac->setReportHandlers([this](const std::string& text) { _feedback.uploadState(text); },
+                              [this](int percent) { _feedback.uploadProgress(percent); });
+    {
+        std::lock_guard lock(_toolsMutex);
+        _bossac = bossac;
+    }
+    const ScopedObserver departure = endToolIfPortGoes(bossac, path);
+    return bossac->startUpload(hexFile);
+}
+
+bool FirmwareUploader::waitForBootloaderAndFlash(const std::string& hexFile,
+                                                 const std::vector<CombinedUsbIdentifier>& wanted, FlashingTool tool)
 {
     const auto start = _clock.now();
     long remaining = kReappearanceSeconds;
     while (remaining >= 1) {
-        postStatusText("Waiting for device to go into programming mode.. (" + std::to_string(remaining) + ")");
-        for (const auto& port : SerialPortManager::sharedSerialPortManager().availablePorts()) {
-            const CombinedUsbIdentifier code = getPIDVID(port->path());
+        _feedback.status("Waiting for device to go into programming mode.. (" + std::to_string(remaining) + ")");
+        const SerialPortList ports = SerialPortManager::sharedSerialPortManager().availablePorts();
+        for (const auto& port : ports) {
+            const CombinedUsbIdentifier code = usbIdentifierOf(ports, port->path());
             if (std::find(wanted.begin(), wanted.end(), code) == wanted.end()) {
                 continue;
             }
-            if (tool == FlashingTool::Bossac) {
-                auto bossac = std::make_shared<BossacWrapper>(port->path());
-                _bossac = bossac;
-                const ScopedObserver departure = endToolIfPortGoes(bossac, port->path());
-                return bossac->startUpload(hexFile);
-            }
-            _avrdude = std::make_shared<AvrdudeWrapper>();
-            return _avrdude->startUpload(hexFile, port->path(), code);
+            return tool == FlashingTool::Bossac ? runBossac(hexFile, port->path())
+                                                : runAvrdude(hexFile, port->path(), code);
         }
         _clock.sleepFor(Clock::Seconds(1.0));
         const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(_clock.now() - start).count();
         remaining = kReappearanceSeconds - elapsed;
     }
-    postStatusText("Unable to reset device into programming mode!");
+    _feedback.status("Unable to reset device into programming mode!");
     return false;
-}
-
-void MainViewController::loadFirmwareFile()
-{
-    if (!pathOfSelectedPort()) {
-        showAlert("Please select a device from the drop-down menu.");
-        return;
-    }
-    const auto file = _view.chooseFirmwareFile();
-    if (!file) {
-        return;
-    }
-    [[maybe_unused]] const auto title = _view.selectedPortTitle();
-    auto self = shared_from_this();
-    dispatch::globalQueue()->async([self, file = *file] {
-        self->toggleUI(false);
-        const UpdateOutcome outcome = self->flashFile(file);
-        self->toggleUI(true);
-        self->finishUpload(outcome);
-    });
-}
-
-void MainViewController::updateFromConfig(const Notification& /*notification*/)
-{
-    loadFirmwareFile();
 }
 
 } // namespace quendral

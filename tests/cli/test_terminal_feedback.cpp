@@ -1,18 +1,18 @@
-#include "terminal_main_view.h"
+#include "terminal_feedback.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <thread>
 
-using quendral::cli::TerminalMainView;
+using quendral::cli::TerminalFeedback;
 
 namespace {
 
-TerminalMainView::Options options(std::ostringstream& out, std::istringstream& in, bool interactive,
-                                  TerminalMainView::Answer answer = TerminalMainView::Answer::Ask)
+TerminalFeedback::Options options(std::ostringstream& out, std::istringstream& in, bool interactive,
+                                  TerminalFeedback::Answer answer = TerminalFeedback::Answer::Ask)
 {
-    TerminalMainView::Options o;
+    TerminalFeedback::Options o;
     o.out = &out;
     o.status = &out; // one stream: the order of everything shown is what these tests check
     o.in = &in;
@@ -24,35 +24,34 @@ TerminalMainView::Options options(std::ostringstream& out, std::istringstream& i
 
 } // namespace
 
-TEST(TerminalMainView, StatusTextsArePrintedOnTheirOwnLinesAndEmptyOnesSkipped)
+TEST(TerminalFeedback, StatusTextsArePrintedOnTheirOwnLinesAndEmptyOnesSkipped)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView view(options(out, in, false));
-    view.setStatusText("Waiting for device to boot.. (20)");
-    view.setStatusText("");
-    view.setStatusText("Please wait...");
+    TerminalFeedback view(options(out, in, false));
+    view.status("Waiting for device to boot.. (20)");
+    view.status("");
+    view.status("Please wait...");
     EXPECT_EQ(out.str(), "Waiting for device to boot.. (20)\nPlease wait...\n");
     EXPECT_EQ(view.statusTexts().size(), 3U);
 }
 
-TEST(TerminalMainView, StatusAndProgressGoToTheStatusStreamAlertsAndURLsToTheOutput)
+TEST(TerminalFeedback, StatusAndProgressGoToTheStatusStreamAlertsAndURLsToTheOutput)
 {
     std::ostringstream out;
     std::ostringstream status;
     std::istringstream in;
-    TerminalMainView::Options o;
+    TerminalFeedback::Options o;
     o.out = &out;
     o.status = &status;
     o.in = &in;
     o.progressBar = true;
-    TerminalMainView view(o);
-    view.setStatusText("Waiting for device to boot.. (20)");
-    view.setProgress(30);
-    view.showAlert("Could not get device IP configuration");
+    TerminalFeedback view(o);
+    view.status("Waiting for device to boot.. (20)");
+    view.uploadProgress(30);
+    view.alert("Could not get device IP configuration");
     view.openURL("http://192.168.10.99");
-    view.setStatusTextWithLink("A server error occured. Please go to the support website", 15,
-                               "https://support.example/");
+    view.statusWithLink("A server error occured. Please go to the support website", 15, "https://support.example/");
     EXPECT_EQ(out.str(), "Could not get device IP configuration\nhttp://192.168.10.99\n");
     // The alert ends the open progress bar on its own stream first.
     EXPECT_EQ(status.str(), "Waiting for device to boot.. (20)\n\r[############                            ] 30%\n"
@@ -60,76 +59,76 @@ TEST(TerminalMainView, StatusAndProgressGoToTheStatusStreamAlertsAndURLsToTheOut
                             "  support website: https://support.example/\n");
 }
 
-TEST(TerminalMainView, ProgressIsPercentLinesWithoutATerminal)
+TEST(TerminalFeedback, ProgressIsPercentLinesWithoutATerminal)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView view(options(out, in, false));
-    view.setProgress(0);
-    view.setProgress(40);
-    view.setProgress(40);
-    view.setProgress(100);
+    TerminalFeedback view(options(out, in, false));
+    view.uploadProgress(0);
+    view.uploadProgress(40);
+    view.uploadProgress(40);
+    view.uploadProgress(100);
     EXPECT_EQ(out.str(), "Progress: 0%\nProgress: 40%\nProgress: 100%\n");
 }
 
-TEST(TerminalMainView, ProgressIsABarOnATerminalAndTheNextLineStartsFresh)
+TEST(TerminalFeedback, ProgressIsABarOnATerminalAndTheNextLineStartsFresh)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView view(options(out, in, true));
-    view.setProgress(50);
-    view.setStatusText("Firmware successfully updated!");
+    TerminalFeedback view(options(out, in, true));
+    view.uploadProgress(50);
+    view.status("Firmware successfully updated!");
     const std::string text = out.str();
     EXPECT_EQ(text.rfind('\r', 0), 0U);
     EXPECT_NE(text.find("] 50%\nFirmware successfully updated!\n"), std::string::npos) << text;
 }
 
-TEST(TerminalMainView, AlertsArePrintedVerbatimAndRemembered)
+TEST(TerminalFeedback, AlertsArePrintedVerbatimAndRemembered)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView view(options(out, in, false));
+    TerminalFeedback view(options(out, in, false));
     const std::string message = "The connected controller is not fully registered yet. Please contact QUENDRAL "
                                 "Support and include the serial number of the unit, attaching the controller "
                                 "identification code:\n\n 0123456789abcdef0123456789abcdef";
-    view.showAlert(message);
+    view.alert(message);
     EXPECT_EQ(out.str(), message + "\n");
     EXPECT_EQ(view.alerts(), std::vector<std::string>{message});
 }
 
-TEST(TerminalMainView, DialogIsAnsweredByYesAndNoOptions)
+TEST(TerminalFeedback, DialogIsAnsweredByYesAndNoOptions)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView yes(options(out, in, false, TerminalMainView::Answer::Yes));
-    EXPECT_TRUE(yes.showDialog("Proceed?"));
-    TerminalMainView no(options(out, in, true, TerminalMainView::Answer::No));
-    EXPECT_FALSE(no.showDialog("Proceed?"));
+    TerminalFeedback yes(options(out, in, false, TerminalFeedback::Answer::Yes));
+    EXPECT_TRUE(yes.ask("Proceed?"));
+    TerminalFeedback no(options(out, in, true, TerminalFeedback::Answer::No));
+    EXPECT_FALSE(no.ask("Proceed?"));
 }
 
-TEST(TerminalMainView, DialogWithoutTerminalAndWithoutOptionIsNo)
+TEST(TerminalFeedback, DialogWithoutTerminalAndWithoutOptionIsNo)
 {
     std::ostringstream out;
     std::istringstream in("y\n");
-    TerminalMainView view(options(out, in, false));
-    EXPECT_FALSE(view.showDialog("Proceed?"));
+    TerminalFeedback view(options(out, in, false));
+    EXPECT_FALSE(view.ask("Proceed?"));
 }
 
-TEST(TerminalMainView, DialogOnATerminalReadsTheAnswer)
+TEST(TerminalFeedback, DialogOnATerminalReadsTheAnswer)
 {
     std::ostringstream out;
     std::istringstream in("y\nn\n");
-    TerminalMainView view(options(out, in, true));
-    EXPECT_TRUE(view.showDialog("first?"));
-    EXPECT_FALSE(view.showDialog("second?"));
-    EXPECT_FALSE(view.showDialog("input ended?"));
+    TerminalFeedback view(options(out, in, true));
+    EXPECT_TRUE(view.ask("first?"));
+    EXPECT_FALSE(view.ask("second?"));
+    EXPECT_FALSE(view.ask("input ended?"));
 }
 
-TEST(TerminalMainView, URLIsPrintedWithoutDesktopAndHandedOverWithOne)
+TEST(TerminalFeedback, URLIsPrintedWithoutDesktopAndHandedOverWithOne)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView plain(options(out, in, false));
+    TerminalFeedback plain(options(out, in, false));
     plain.openURL("https://config.example/?CID=abc");
     EXPECT_EQ(out.str(), "https://config.example/?CID=abc\n");
 
@@ -141,37 +140,22 @@ TEST(TerminalMainView, URLIsPrintedWithoutDesktopAndHandedOverWithOne)
         handed = url;
         return true;
     };
-    TerminalMainView desktop(o);
+    TerminalFeedback desktop(o);
     desktop.openURL("http://192.168.10.99");
     EXPECT_EQ(handed, "http://192.168.10.99");
     EXPECT_EQ(out2.str(), "Opened http://192.168.10.99\n");
 }
 
-TEST(TerminalMainView, PortMenuSelectsOnlyListedTitles)
+TEST(TerminalFeedback, StatusLinesFromSeveralThreadsAreNotInterleaved)
 {
     std::ostringstream out;
     std::istringstream in;
-    TerminalMainView view(options(out, in, false));
-    view.addPortMenuItem("ttyACM0");
-    view.selectPortMenuItem("ttyUSB9");
-    EXPECT_EQ(view.selectedPortTitle(), std::nullopt);
-    view.selectPortMenuItem("ttyACM0");
-    EXPECT_EQ(view.selectedPortTitle(), "ttyACM0");
-    view.removeAllPortMenuItems();
-    EXPECT_TRUE(view.portMenuTitles().empty());
-    EXPECT_EQ(view.selectedPortTitle(), std::nullopt);
-}
-
-TEST(TerminalMainView, StatusLinesFromSeveralThreadsAreNotInterleaved)
-{
-    std::ostringstream out;
-    std::istringstream in;
-    TerminalMainView view(options(out, in, false));
+    TerminalFeedback view(options(out, in, false));
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&view, t] {
             for (int i = 0; i < 100; ++i) {
-                view.setStatusText("thread " + std::to_string(t) + " line " + std::to_string(i));
+                view.status("thread " + std::to_string(t) + " line " + std::to_string(i));
             }
         });
     }

@@ -1,6 +1,4 @@
-// MainViewController: checking for, fetching, verifying, flashing and
-// reporting a firmware update.
-#include "controller/main_view_controller.h"
+#include "controller/update_job.h"
 
 #include "controller/firmware_file.h"
 #include "controller/firmware_image_check.h"
@@ -65,70 +63,48 @@ std::string refusalAlert(const std::string& description, const std::string& cid)
 
 } // namespace
 
-void MainViewController::checkForUpdate()
+UpdateJob::UpdateJob(ControllerLink& link, FirmwareUploader& uploader, OwnerFeedback& feedback, Clock& clock)
+    : _link(link), _uploader(uploader), _feedback(feedback), _clock(clock)
 {
-    Logger::log("User clicked check for update");
-    checkForUpdate(std::nullopt);
 }
 
-void MainViewController::checkForUpdate(const std::optional<std::string>& version)
+const BoardIdentification* UpdateJob::boardToUpdate(const std::string& path)
 {
-    Logger::log("Checking for update");
-    if (_appDelegate != nullptr) {
-        _appDelegate->closeSerialMonitor();
-    }
-    _view.setProgress(0.0);
-    _view.startProgressAnimation();
-
-    if (!pathOfSelectedPort()) {
-        showAlert("Please select a device from the drop-down menu.");
-        finishUpload(UpdateOutcome::NoPortSelected);
-        return;
-    }
-    toggleUI(false);
-    const CombinedUsbIdentifier code = identifySelectedBoard();
-    const BoardIdentification* board = BoardTable::find(code);
+    const BoardIdentification* board = BoardTable::find(FirmwareUploader::identifyBoard(path));
     if (board == nullptr || !board->updatePlatform) {
         Logger::log("Detected unsupported device");
-        _view.setStatusText("Check for updates is not supported for this device type.");
-        toggleUI(true);
-        finishUpload(UpdateOutcome::UnsupportedDevice);
-        return;
+        _feedback.status("Check for updates is not supported for this device type.");
+        return nullptr;
     }
     Logger::log("Detected KorbatekDue");
-    auto self = shared_from_this();
-    dispatch::globalQueue()->async([self, board, version] {
-        const UpdateOutcome outcome = self->runUpdateJob(*board, version);
-        self->finishUpload(outcome);
-    });
+    return board;
 }
 
-UpdateOutcome MainViewController::runUpdateJob(const BoardIdentification& board,
-                                               const std::optional<std::string>& version)
+UpdateOutcome UpdateJob::run(const PortPath& port, const BoardIdentification& board,
+                             const std::optional<std::string>& version, const UpdateServerClient& server)
 {
-    UpdateOutcome outcome = identifyForUpdate(board).value_or(UpdateOutcome::Updated);
+    UpdateOutcome outcome = identifyForUpdate(port, board).value_or(UpdateOutcome::Updated);
     if (outcome == UpdateOutcome::Updated) {
-        outcome = askServerAndInstall(board, version);
+        outcome = askServerAndInstall(port, board, version, server);
     }
     if (outcome == UpdateOutcome::UploadFailed) {
         Logger::log("Error: Upload failed");
-        dispatch::mainQueue()->sync([this] { _view.setStatusText("An error occured during firmware upload."); });
+        _feedback.status("An error occured during firmware upload.");
     }
-    toggleUI(true);
     return outcome;
 }
 
-std::optional<UpdateOutcome> MainViewController::identifyForUpdate(const BoardIdentification& board)
+std::optional<UpdateOutcome> UpdateJob::identifyForUpdate(const PortPath& port, const BoardIdentification& board)
 {
     noteServerProblem(std::nullopt);
     // A board in its boot loader cannot answer and counts as not identified.
-    if (!board.inBootloader && getCID()) {
+    if (!board.inBootloader && _link.getCID(port)) {
         return std::nullopt;
     }
-    if (portAccessDenied()) {
+    if (_link.portAccessDenied()) {
         return UpdateOutcome::PortAccessDenied; // told already, with the fix
     }
-    if (deviceMessage()) {
+    if (_link.deviceMessage()) {
         return UpdateOutcome::ControllerMessage; // getCID has shown it
     }
     // Asking makes sense only when there is something to install: without a
@@ -136,35 +112,36 @@ std::optional<UpdateOutcome> MainViewController::identifyForUpdate(const BoardId
     const auto intermediate = paths::resourceFolder() / ("intermediate_" + std::string(*board.updatePlatform) + ".hex");
     if (const auto problem = firmware::imageFileProblem(intermediate, board)) {
         Logger::log("ERROR, no usable intermediate firmware: " + *problem);
-        showAlert("The Controller did not identify itself. It needs the intermediate firmware first, but that "
-                  "firmware is not available here (" +
-                  *problem + "). Nothing was sent to the Controller. Please contact QUENDRAL Support.");
+        _feedback.alert("The Controller did not identify itself. It needs the intermediate firmware first, but that "
+                        "firmware is not available here (" +
+                        *problem + "). Nothing was sent to the Controller. Please contact QUENDRAL Support.");
         return UpdateOutcome::IntermediateUnavailable;
     }
     Logger::log("Going to upload the intermediate firmware");
-    if (!showDialog("An intermediate software version will be uploaded to your controller, then it will reboot, "
-                    "generate and install the final firmware version. Proceed?")) {
+    if (!_feedback.ask("An intermediate software version will be uploaded to your controller, then it will reboot, "
+                       "generate and install the final firmware version. Proceed?")) {
         Logger::log("User declined intermediate firmware");
         return UpdateOutcome::Declined;
     }
     Logger::log("User confirmed intermediate firmware");
-    if (!uploadSketch(intermediate.string())) {
+    if (_uploader.flashFile(port, intermediate.string()) != UpdateOutcome::Updated) {
         return UpdateOutcome::UploadFailed;
     }
     Logger::log("Finished uploading..");
-    if (!getCID()) {
+    if (!_link.getCID(port)) {
         Logger::log("ERROR, could not get controller info after installing intermediate firmware. Port showing up?");
         return UpdateOutcome::NotIdentifiedAfterIntermediate;
     }
     return std::nullopt;
 }
 
-UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification& board,
-                                                      const std::optional<std::string>& version)
+UpdateOutcome UpdateJob::askServerAndInstall(const PortPath& port, const BoardIdentification& board,
+                                             const std::optional<std::string>& version,
+                                             const UpdateServerClient& server)
 {
     const std::string platform(*board.updatePlatform);
     std::optional<ServerProblemReport> problem;
-    const auto answer = _updateServer.queryUpdate(deviceCID(), platform, currentVersion(), version, &problem);
+    const auto answer = server.queryUpdate(_link.deviceCID(), platform, _link.currentVersion(), version, &problem);
     noteServerProblem(problem);
     if (!answer) {
         Logger::log("Error requesting update");
@@ -172,8 +149,8 @@ UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification&
     }
     const auto status = answer->stringValue("status");
     const auto description = answer->stringValue("description");
-    Logger::log("Requesting update for CID " + orNull(deviceCID()) + " with current version " +
-                orNull(currentVersion()) + " andself-> new version " + orNull(version));
+    Logger::log("Requesting update for CID " + orNull(_link.deviceCID()) + " with current version " +
+                orNull(_link.currentVersion()) + " andself-> new version " + orNull(version));
     if (!status || !description) {
         noteServerProblem(ServerProblemReport{ServerProblem::NoStatusText, {}});
         return UpdateOutcome::IncompleteAnswer;
@@ -189,31 +166,31 @@ UpdateOutcome MainViewController::askServerAndInstall(const BoardIdentification&
             if (refusal->second.logLine) {
                 Logger::log(*refusal->second.logLine);
             }
-            showAlert(refusalAlert(*description, orNull(deviceCID())));
+            _feedback.alert(refusalAlert(*description, orNull(_link.deviceCID())));
             outcome = refusal->second.outcome;
         } else if (const auto message = answer->stringValue("msg"); *description == "message" && message) {
             Logger::log("Custom message: " + *message);
-            showAlert(*message);
+            _feedback.alert(*message);
             outcome = UpdateOutcome::ServerMessage;
         } else {
             noteServerProblem(*description == "message"
                                   ? ServerProblemReport{ServerProblem::MessageNotText, {}}
                                   : ServerProblemReport{ServerProblem::UnknownRefusal, *description});
         }
-        postStatusText("");
+        _feedback.status("");
         return outcome;
     }
-    postStatusText("Firmware upgrade file is being generated on the server. Please wait..");
+    _feedback.status("Firmware upgrade file is being generated on the server. Please wait..");
     Logger::log("Firmware being generated on server..");
-    return fetchAndInstall(board, ticket);
+    return fetchAndInstall(port, board, ticket, server);
 }
 
-UpdateOutcome MainViewController::fetchAndInstall(const BoardIdentification& board,
-                                                  const std::optional<TicketId>& ticket)
+UpdateOutcome UpdateJob::fetchAndInstall(const PortPath& port, const BoardIdentification& board,
+                                         const std::optional<TicketId>& ticket, const UpdateServerClient& server)
 {
     int rejected = 0;
     for (;;) {
-        const auto polled = _updateServer.queryTicket(ticket, deviceCID());
+        const auto polled = server.queryTicket(ticket, _link.deviceCID());
         if (const auto hexfile = polled ? polled->stringValue("hexfile") : std::nullopt) {
             const auto data = firmware::decodeBase64(*hexfile).value_or(std::vector<std::uint8_t>());
             const std::string digest = firmware::md5Hex(data);
@@ -224,7 +201,7 @@ UpdateOutcome MainViewController::fetchAndInstall(const BoardIdentification& boa
                 const auto problem = firmware::imageProblem(data, board);
                 if (!problem) {
                     Logger::log("Received firmware!");
-                    return installDownloaded(data, ticket);
+                    return installDownloaded(port, data, ticket, server);
                 }
                 Logger::log("Received firmware fails its check: " + *problem);
             } else {
@@ -235,39 +212,37 @@ UpdateOutcome MainViewController::fetchAndInstall(const BoardIdentification& boa
                 continue;
             }
             Logger::log("Failed checksum, aborting update");
-            postStatusText("Checksum did not match on received data. Please contact support.");
+            _feedback.status("Checksum did not match on received data. Please contact support.");
             return UpdateOutcome::ChecksumFailed;
         }
         const auto pollStatus = polled ? polled->stringValue("status") : std::nullopt;
         const auto pollDescription = polled ? polled->stringValue("description") : std::nullopt;
         if (pollStatus == "error" && pollDescription != "internal") {
             Logger::log("ERROR, firmware generation failed server-side");
-            dispatch::mainQueue()->sync([this] {
-                _view.setStatusTextWithLink("A server error occured. Please go to the support website", 15,
-                                            QUENDRAL_SUPPORT_URL);
-            });
+            _feedback.statusWithLink("A server error occured. Please go to the support website", 15,
+                                     QUENDRAL_SUPPORT_URL);
             return UpdateOutcome::ServerFailed;
         }
         if (pollStatus == "error" && pollDescription == "connection") {
             // Unreachable after the test above ("internal" is the only error
             // left here); kept in the order the job has always tested.
-            dispatch::mainQueue()->sync([this] {
-                _view.setStatusText("Could not connect to the update server. Please check your internet connection.");
-            });
+            _feedback.status("Could not connect to the update server. Please check your internet connection.");
         }
         _clock.sleepFor(Clock::Seconds(1.0));
     }
 }
 
-UpdateOutcome MainViewController::installDownloaded(const std::vector<std::uint8_t>& data,
-                                                    const std::optional<TicketId>& ticket)
+UpdateOutcome UpdateJob::installDownloaded(const PortPath& port, const std::vector<std::uint8_t>& data,
+                                           const std::optional<TicketId>& ticket, const UpdateServerClient& server)
 {
     UpdateOutcome outcome = UpdateOutcome::FlashLockTimedOut;
     // The file has one path for the whole computer: from its write until it
     // is deleted, no other update may replace or delete it under our tool.
     if (auto lock = waitForFlashLock()) {
         if (firmware::writeAtomically(kDownloadedFirmware, data)) {
-            outcome = uploadSketch(kDownloadedFirmware) ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;
+            outcome = _uploader.flashFile(port, kDownloadedFirmware) == UpdateOutcome::Updated
+                          ? UpdateOutcome::Updated
+                          : UpdateOutcome::UploadFailed;
             ::unlink(kDownloadedFirmware);
         } else {
             Logger::log(std::string("ERROR, could not write ") + kDownloadedFirmware + ": " + std::strerror(errno));
@@ -277,18 +252,18 @@ UpdateOutcome MainViewController::installDownloaded(const std::vector<std::uint8
     // A file that could not be written is reported as a success: so it has
     // always been. Only a failed tool or a board never touched says otherwise.
     const bool success = outcome == UpdateOutcome::Updated || outcome == UpdateOutcome::FirmwareNotWritten;
-    (void)_updateServer.reportUpdateStatus(ticket, deviceCID(), success);
+    (void)server.reportUpdateStatus(ticket, _link.deviceCID(), success);
     return outcome;
 }
 
-std::optional<ComputerWideLock> MainViewController::waitForFlashLock()
+std::optional<ComputerWideLock> UpdateJob::waitForFlashLock()
 {
     auto lock = ComputerWideLock::tryAcquire(kFlashLockName);
     if (lock) {
         return lock;
     }
     Logger::log("Another firmware update on this computer is flashing; waiting for it to finish");
-    postStatusText("Waiting for another firmware update on this computer to finish..");
+    _feedback.status("Waiting for another firmware update on this computer to finish..");
     const auto start = _clock.now();
     while (_clock.now() - start < kFlashLockPatience) {
         _clock.sleepFor(Clock::Seconds(0.5));
@@ -297,27 +272,21 @@ std::optional<ComputerWideLock> MainViewController::waitForFlashLock()
         }
     }
     Logger::log("ERROR, the other firmware update on this computer did not finish in time; nothing was flashed");
-    postStatusText("Another firmware update on this computer did not finish in time. Nothing was flashed; please "
-                   "try again.");
+    _feedback.status("Another firmware update on this computer did not finish in time. Nothing was flashed; please "
+                     "try again.");
     return std::nullopt;
 }
 
-void MainViewController::finishUpload(UpdateOutcome outcome)
+std::optional<ServerProblemReport> UpdateJob::serverProblem() const
 {
-    std::function<void(UpdateOutcome)> handler;
-    {
-        std::lock_guard lock(_serialMutex);
-        handler = _onUpdateFinished;
-    }
-    if (handler) {
-        handler(outcome);
-    }
+    std::lock_guard lock(_problemMutex);
+    return _serverProblem;
 }
 
-void MainViewController::setUpdateFinishedHandler(std::function<void(UpdateOutcome)> handler)
+void UpdateJob::noteServerProblem(std::optional<ServerProblemReport> problem)
 {
-    std::lock_guard lock(_serialMutex);
-    _onUpdateFinished = std::move(handler);
+    std::lock_guard lock(_problemMutex);
+    _serverProblem = std::move(problem);
 }
 
 } // namespace quendral

@@ -1,5 +1,4 @@
-// MainViewController: the Controller text protocol's procedures.
-#include "controller/main_view_controller.h"
+#include "controller/controller_link.h"
 
 #include "controller/controller_port.h"
 #include "controller/port_access.h"
@@ -21,7 +20,26 @@ std::string withCount(const char* text, long count)
 
 } // namespace
 
-long MainViewController::remainingCount(Clock::TimePoint start) const
+std::shared_ptr<ControllerLink> ControllerLink::create(OwnerFeedback& feedback, Clock& clock)
+{
+    return std::make_shared<ControllerLink>(feedback, clock);
+}
+
+ControllerLink::ControllerLink(OwnerFeedback& feedback, Clock& clock) : _feedback(feedback), _clock(clock) {}
+
+SerialPort::Ptr ControllerLink::serial() const
+{
+    std::lock_guard lock(_serialMutex);
+    return _serial;
+}
+
+void ControllerLink::setSerial(const SerialPort::Ptr& port)
+{
+    std::lock_guard lock(_serialMutex);
+    _serial = port;
+}
+
+long ControllerLink::remainingCount(Clock::TimePoint start) const
 {
     // 20 plus the (negative) time since the start, truncated toward zero: the
     // count follows the clock, so a slow pass skips numbers.
@@ -29,7 +47,7 @@ long MainViewController::remainingCount(Clock::TimePoint start) const
     return kWaitCount + static_cast<long>(std::trunc(sinceStart));
 }
 
-bool MainViewController::bringSerialToPath(const std::string& path)
+bool ControllerLink::bringSerialToPath(const std::string& path)
 {
     const SerialPort::Ptr port = serial();
     if (port && port->path() != path && port->isOpen()) {
@@ -39,7 +57,7 @@ bool MainViewController::bringSerialToPath(const std::string& path)
     return port && port->isOpen();
 }
 
-void MainViewController::openPortForProtocol(const std::string& path, bool logOpening)
+void ControllerLink::openPortForProtocol(const std::string& path, bool logOpening)
 {
     if (logOpening) {
         Logger::log("Opening port..");
@@ -65,34 +83,29 @@ void MainViewController::openPortForProtocol(const std::string& path, bool logOp
     port->setDelegate(shared_from_this());
 }
 
-void MainViewController::noteOpenFailure(const SerialPort& port)
+void ControllerLink::noteOpenFailure(const SerialPort& port)
 {
     if (!port.openWasDenied() || _accessDenied.exchange(true)) {
         return;
     }
     Logger::log("ERROR, permission denied on " + port.path());
-    showAlert(portAccessDeniedText(port.path()));
+    _feedback.alert(portAccessDeniedText(port.path()));
 }
 
-void MainViewController::beginPortUse()
-{
-    _accessDenied = false;
-}
-
-bool MainViewController::sendCommand(const char* command)
+bool ControllerLink::sendCommand(const char* command)
 {
     const SerialPort::Ptr port = serial();
     return port && port->sendData(std::string_view(command));
 }
 
-void MainViewController::closeSerial()
+void ControllerLink::closeSerial()
 {
     if (const SerialPort::Ptr port = serial()) {
         port->close();
     }
 }
 
-bool MainViewController::requestCID(const std::string& path)
+bool ControllerLink::requestCID(const std::string& path)
 {
     if (!bringSerialToPath(path)) {
         openPortForProtocol(path, true);
@@ -106,7 +119,7 @@ bool MainViewController::requestCID(const std::string& path)
     return true;
 }
 
-std::optional<std::string> MainViewController::getCID()
+std::optional<std::string> ControllerLink::getCID(const PortPath& selected)
 {
     _state.setDeviceCID(std::nullopt);
     _state.setCurrentVersion(std::nullopt);
@@ -117,36 +130,36 @@ std::optional<std::string> MainViewController::getCID()
     _state.setSkipWait(false);
 
     while (count > 0 && !_state.skipWait() && !_accessDenied) {
-        postStatusText(withCount("Waiting for device to boot..", count));
-        if (!requestCID(pathOfSelectedPort().value_or("")) && _accessDenied) {
+        _feedback.status(withCount("Waiting for device to boot..", count));
+        if (!requestCID(selected.currentOrEmpty()) && _accessDenied) {
             break;
         }
         _clock.sleepFor(Clock::Seconds(1.0));
         const auto message = _state.deviceMessage();
         if ((_state.deviceCID() && _state.currentVersion()) || message) {
             if (message) {
-                showAlert(*message);
+                _feedback.alert(*message);
             }
             break;
         }
         count = remainingCount(start);
     }
 
-    postStatusText("Please wait...");
+    _feedback.status("Please wait...");
     closeSerial();
     _clock.sleepFor(Clock::Seconds(1.0));
-    postStatusText("");
+    _feedback.status("");
     return _state.deviceCID();
 }
 
-std::optional<std::string> MainViewController::getIP()
+std::optional<std::string> ControllerLink::getIP(const PortPath& selected)
 {
     _state.setDeviceIP(std::nullopt);
     beginPortUse();
     const Clock::TimePoint start = _clock.now();
     long count = kWaitCount;
 
-    const std::string path = pathOfSelectedPort().value_or("");
+    const std::string path = selected.currentOrEmpty();
     if (bringSerialToPath(path)) {
         return _state.deviceIP();
     }
@@ -162,7 +175,7 @@ std::optional<std::string> MainViewController::getIP()
     openPortForProtocol(path, false);
 
     while (count > 0 && !_state.skipWait() && !_accessDenied) {
-        postStatusText(withCount("Waiting for device to enter configuration mode..", count));
+        _feedback.status(withCount("Waiting for device to enter configuration mode..", count));
         _clock.sleepFor(Clock::Seconds(1.0));
         if (_state.deviceIP()) {
             break;
@@ -170,13 +183,13 @@ std::optional<std::string> MainViewController::getIP()
         count = remainingCount(start);
     }
 
-    postStatusText("Please wait...");
+    _feedback.status("Please wait...");
     closeSerial();
-    postStatusText("");
+    _feedback.status("");
     return _state.deviceIP();
 }
 
-std::vector<std::string> MainViewController::getIPConfig()
+std::vector<std::string> ControllerLink::getIPConfig(const PortPath& selected)
 {
     const Clock::TimePoint start = _clock.now();
     long count = kWaitCount;
@@ -184,7 +197,7 @@ std::vector<std::string> MainViewController::getIPConfig()
     _state.setDumpingIP(false);
     beginPortUse();
 
-    const std::string path = pathOfSelectedPort().value_or("");
+    const std::string path = selected.currentOrEmpty();
     if (bringSerialToPath(path)) {
         return _state.ipDump();
     }
@@ -192,7 +205,7 @@ std::vector<std::string> MainViewController::getIPConfig()
     sendCommand("dumpIP\n");
 
     while (count > 0 && !_state.skipWait() && !_accessDenied) {
-        postStatusText(withCount("Waiting for controller to send IP configuration..", count));
+        _feedback.status(withCount("Waiting for controller to send IP configuration..", count));
         _clock.sleepFor(Clock::Seconds(1.0));
         if (_state.ipDumpCount() > 0 && !_state.dumpingIP()) {
             break;
@@ -200,20 +213,20 @@ std::vector<std::string> MainViewController::getIPConfig()
         count = remainingCount(start);
     }
 
-    postStatusText("Please wait...");
+    _feedback.status("Please wait...");
     closeSerial();
-    postStatusText("");
+    _feedback.status("");
     // As far as it came: a dump cut off by the time-out still counts.
     return _state.ipDump();
 }
 
-std::optional<std::string> MainViewController::toggleWebconfig()
+std::optional<std::string> ControllerLink::toggleWebconfig(const PortPath& selected)
 {
     _state.setDeviceIP(std::nullopt);
     beginPortUse();
     const long count = kWaitCount; // shown, never counted down
 
-    const std::string path = pathOfSelectedPort().value_or("");
+    const std::string path = selected.currentOrEmpty();
     if (!bringSerialToPath(path)) {
         openPortForProtocol(path, false);
         sendCommand("webconfig\n");
@@ -222,11 +235,27 @@ std::optional<std::string> MainViewController::toggleWebconfig()
         closeSerial();
         return std::nullopt;
     }
-    // Straight from the calling thread, unlike the other procedures.
-    _view.setStatusText(withCount("Waiting for device ..", count));
+    _feedback.status(withCount("Waiting for device ..", count));
     _clock.sleepFor(Clock::Seconds(3.0));
     closeSerial();
     return _state.deviceIP();
 }
+
+} // namespace quendral
+
+namespace quendral {
+
+bool ControllerLink::respondsTo(SerialPortDelegateCallback callback) const
+{
+    return callback == SerialPortDelegateCallback::DidReceiveData ||
+           callback == SerialPortDelegateCallback::WasRemovedFromSystem;
+}
+
+void ControllerLink::serialPortDidReceiveData(const std::shared_ptr<SerialPort>& /*port*/, const SerialData& data)
+{
+    _parser.receive(data);
+}
+
+void ControllerLink::serialPortWasRemovedFromSystem(const std::shared_ptr<SerialPort>& /*port*/) {}
 
 } // namespace quendral

@@ -1,23 +1,26 @@
 #pragma once
-// The main window as a terminal sees it: status texts and alerts are printed
-// as lines, progress is a bar on a terminal and percentage lines otherwise,
-// questions are asked on the terminal or answered by --yes/--no.
+// What the core tells the owner, on a terminal: status texts and alerts are
+// printed as lines, progress is a bar on a terminal and percentage lines
+// otherwise, questions are asked on the terminal or answered by --yes/--no.
+// Safe to call from any thread: each report is printed whole, in call order.
 //
 // Two streams: what the window shows only while work goes on (status texts,
 // progress) goes to `status`, standard error by default; what the user has to
 // read or a script wants (alerts, questions, opened URLs) goes to `out`. So
 // `quendral-cli ip > settings.txt` keeps only the settings.
-#include "controller/main_view.h"
+#include "controller/owner_feedback.h"
 
-#include <array>
 #include <cstdio>
 #include <functional>
 #include <iosfwd>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace quendral::cli {
 
-class TerminalMainView final : public MainView {
+class TerminalFeedback final : public OwnerFeedback {
 public:
     enum class Answer { Ask, Yes, No };
 
@@ -31,32 +34,19 @@ public:
         bool desktop = false;           // a desktop session can open URLs
         // Opens a URL on the desktop; true when it was handed over.
         std::function<bool(const std::string&)> openOnDesktop;
-        std::optional<std::string> firmwareFile; // what the file panel "chooses"
     };
 
-    explicit TerminalMainView(Options options);
+    explicit TerminalFeedback(Options options);
 
-    void setStatusText(const std::string& text) override;
-    void setStatusTextWithLink(const std::string& text, std::size_t linkLength, const std::string& url) override;
-    void setProgress(double percent) override;
-    void startProgressAnimation() override;
+    void status(std::string text) override;
+    void statusWithLink(std::string text, std::size_t linkLength, std::string url) override;
+    void alert(const std::string& message) override;
+    bool ask(const std::string& message) override;
+    void uploadBegins() override;
+    void uploadState(std::string text) override;
+    void uploadProgress(int percent) override;
 
-    void setControlEnabled(Control control, bool enabled) override;
-    [[nodiscard]] bool isControlEnabled(Control control) const override;
-
-    [[nodiscard]] std::vector<std::string> portMenuTitles() const override;
-    [[nodiscard]] std::optional<std::string> selectedPortTitle() const override;
-    void removeAllPortMenuItems() override;
-    void addPortMenuItem(const std::string& title) override;
-    void selectPortMenuItem(const std::string& title) override;
-
-    void showAlert(const std::string& message) override;
-    bool showDialog(const std::string& message) override;
-    std::optional<std::string> askForText(const std::string& message, const std::string& informativeText) override;
-    bool showDriverAlert(const std::string& message, const std::string& informativeText,
-                         const std::string& defaultButton, const std::string& alternateButton) override;
-    std::optional<std::string> chooseFirmwareFile() override;
-
+    // Prints the URL, or hands it to the desktop's browser where there is one.
     void openURL(const std::string& url) override;
 
     // Every alert shown so far, in order (the exit code depends on them).
@@ -71,9 +61,6 @@ private:
 
     Options _options;
     mutable std::mutex _mutex;
-    std::array<bool, kControlCount> _enabled{};
-    std::vector<std::string> _titles;
-    std::optional<std::string> _selected;
     std::vector<std::string> _alerts;
     std::vector<std::string> _statusTexts;
     std::vector<std::string> _openedURLs;

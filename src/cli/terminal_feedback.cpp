@@ -1,4 +1,4 @@
-#include "terminal_main_view.h"
+#include "terminal_feedback.h"
 
 #include "log/visible_text.h"
 
@@ -20,9 +20,8 @@ std::string progressBar(int percent)
 
 } // namespace
 
-TerminalMainView::TerminalMainView(Options options) : _options(std::move(options))
+TerminalFeedback::TerminalFeedback(Options options) : _options(std::move(options))
 {
-    _enabled.fill(true);
     if (_options.out == nullptr) {
         _options.out = &std::cout;
     }
@@ -34,7 +33,7 @@ TerminalMainView::TerminalMainView(Options options) : _options(std::move(options
     }
 }
 
-void TerminalMainView::endProgressLine()
+void TerminalFeedback::endProgressLine()
 {
     if (_progressLineOpen) {
         *_options.status << '\n';
@@ -44,19 +43,19 @@ void TerminalMainView::endProgressLine()
 
 // Alerts, status texts and URLs carry peer text (a server's message, a
 // Controller's identifier or address): printed made visible.
-void TerminalMainView::printLine(const std::string& line)
+void TerminalFeedback::printLine(const std::string& line)
 {
     endProgressLine();
     *_options.out << visibleText(line) << '\n' << std::flush;
 }
 
-void TerminalMainView::printStatusLine(const std::string& line)
+void TerminalFeedback::printStatusLine(const std::string& line)
 {
     endProgressLine();
     *_options.status << visibleText(line) << '\n' << std::flush;
 }
 
-void TerminalMainView::setStatusText(const std::string& text)
+void TerminalFeedback::status(std::string text)
 {
     std::lock_guard lock(_mutex);
     _statusTexts.push_back(text);
@@ -66,7 +65,7 @@ void TerminalMainView::setStatusText(const std::string& text)
     }
 }
 
-void TerminalMainView::setStatusTextWithLink(const std::string& text, std::size_t linkLength, const std::string& url)
+void TerminalFeedback::statusWithLink(std::string text, std::size_t linkLength, std::string url)
 {
     std::lock_guard lock(_mutex);
     _statusTexts.push_back(text);
@@ -75,10 +74,10 @@ void TerminalMainView::setStatusTextWithLink(const std::string& text, std::size_
     printStatusLine("  " + linked + ": " + url);
 }
 
-void TerminalMainView::setProgress(double percent)
+void TerminalFeedback::uploadProgress(int percent)
 {
     std::lock_guard lock(_mutex);
-    const int value = std::clamp(static_cast<int>(percent), 0, 100);
+    const int value = std::clamp(percent, 0, 100);
     if (value == _lastProgress) {
         return;
     }
@@ -91,65 +90,23 @@ void TerminalMainView::setProgress(double percent)
     }
 }
 
-void TerminalMainView::startProgressAnimation()
+// A new upload: the progress goes back to 0 and its next value is shown
+// whatever it is (there is no serial monitor to close).
+void TerminalFeedback::uploadBegins()
 {
+    uploadProgress(0);
     std::lock_guard lock(_mutex);
     _lastProgress = -1;
 }
 
-void TerminalMainView::setControlEnabled(Control control, bool enabled)
-{
-    std::lock_guard lock(_mutex);
-    _enabled.at(static_cast<std::size_t>(control)) = enabled;
-}
-
-bool TerminalMainView::isControlEnabled(Control control) const
-{
-    std::lock_guard lock(_mutex);
-    return _enabled.at(static_cast<std::size_t>(control));
-}
-
-std::vector<std::string> TerminalMainView::portMenuTitles() const
-{
-    std::lock_guard lock(_mutex);
-    return _titles;
-}
-
-std::optional<std::string> TerminalMainView::selectedPortTitle() const
-{
-    std::lock_guard lock(_mutex);
-    return _selected;
-}
-
-void TerminalMainView::removeAllPortMenuItems()
-{
-    std::lock_guard lock(_mutex);
-    _titles.clear();
-    _selected.reset();
-}
-
-void TerminalMainView::addPortMenuItem(const std::string& title)
-{
-    std::lock_guard lock(_mutex);
-    _titles.push_back(title);
-}
-
-void TerminalMainView::selectPortMenuItem(const std::string& title)
-{
-    std::lock_guard lock(_mutex);
-    if (std::find(_titles.begin(), _titles.end(), title) != _titles.end()) {
-        _selected = title;
-    }
-}
-
-void TerminalMainView::showAlert(const std::string& message)
+void TerminalFeedback::alert(const std::string& message)
 {
     std::lock_guard lock(_mutex);
     _alerts.push_back(message);
     printLine(message);
 }
 
-bool TerminalMainView::showDialog(const std::string& message)
+bool TerminalFeedback::ask(const std::string& message)
 {
     std::lock_guard lock(_mutex);
     printLine(message);
@@ -176,38 +133,12 @@ bool TerminalMainView::showDialog(const std::string& message)
     return reply == "y" || reply == "Y" || reply == "yes" || reply == "Yes";
 }
 
-std::optional<std::string> TerminalMainView::askForText(const std::string& message, const std::string& informativeText)
+void TerminalFeedback::uploadState(std::string text)
 {
-    std::lock_guard lock(_mutex);
-    printLine(message);
-    printLine(informativeText);
-    if (!_options.interactive) {
-        return std::nullopt;
-    }
-    std::string reply;
-    if (!std::getline(*_options.in, reply)) {
-        return std::nullopt;
-    }
-    return reply;
+    status(std::move(text));
 }
 
-bool TerminalMainView::showDriverAlert(const std::string& message, const std::string& informativeText,
-                                       const std::string& /*defaultButton*/, const std::string& /*alternateButton*/)
-{
-    std::lock_guard lock(_mutex);
-    _alerts.push_back(message);
-    printLine(message);
-    printLine(informativeText);
-    return false;
-}
-
-std::optional<std::string> TerminalMainView::chooseFirmwareFile()
-{
-    std::lock_guard lock(_mutex);
-    return _options.firmwareFile;
-}
-
-void TerminalMainView::openURL(const std::string& url)
+void TerminalFeedback::openURL(const std::string& url)
 {
     std::lock_guard lock(_mutex);
     _openedURLs.push_back(url);
@@ -218,19 +149,19 @@ void TerminalMainView::openURL(const std::string& url)
     printLine(url);
 }
 
-std::vector<std::string> TerminalMainView::alerts() const
+std::vector<std::string> TerminalFeedback::alerts() const
 {
     std::lock_guard lock(_mutex);
     return _alerts;
 }
 
-std::vector<std::string> TerminalMainView::statusTexts() const
+std::vector<std::string> TerminalFeedback::statusTexts() const
 {
     std::lock_guard lock(_mutex);
     return _statusTexts;
 }
 
-std::vector<std::string> TerminalMainView::openedURLs() const
+std::vector<std::string> TerminalFeedback::openedURLs() const
 {
     std::lock_guard lock(_mutex);
     return _openedURLs;

@@ -1,0 +1,36 @@
+#pragma once
+// The port a piece of work talks to. Usually one device path. A board that
+// resets into its boot loader, or onto new firmware, comes back on a node of
+// its own choosing, so a front end may hand in a look-up instead, asked again
+// at every step (the window's is its port menu's selection).
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace quendral {
+
+class PortPath {
+public:
+    using LookUp = std::function<std::optional<std::string>()>;
+
+    // A fixed path.
+    PortPath(std::string path) // NOLINT(google-explicit-constructor): a path is a PortPath
+        : _lookUp([path = std::move(path)]() -> std::optional<std::string> { return path; })
+    {
+    }
+    PortPath(const char* path) : PortPath(std::string(path)) {} // NOLINT(google-explicit-constructor)
+    // A look-up; none when no port is chosen (any more).
+    static PortPath following(LookUp lookUp) { return PortPath(std::move(lookUp), 0); }
+
+    [[nodiscard]] std::optional<std::string> current() const { return _lookUp(); }
+    // The current path, or "" (which opens nothing) when there is none.
+    [[nodiscard]] std::string currentOrEmpty() const { return current().value_or(std::string()); }
+
+private:
+    PortPath(LookUp lookUp, int /*tag*/) : _lookUp(std::move(lookUp)) {}
+
+    LookUp _lookUp;
+};
+
+} // namespace quendral
