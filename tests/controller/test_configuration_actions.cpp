@@ -189,6 +189,31 @@ TEST_F(ConfigurationActionsTest, WebConfigWithASilentControllerReportsTheErrorAf
     EXPECT_LT(clock.elapsedSeconds(), 4.0);
 }
 
+// Alerts, status texts, pages and controls of every button's work reach the
+// window on its main thread, whether the Controller answers or not.
+TEST_F(ConfigurationActionsTest, EveryActionTellsTheWindowOnlyOnItsMainThread)
+{
+    simulator->setAddress("192.168.10.99");
+    int ends = 0;
+    const auto run = [&](void (MainViewController::*action)()) {
+        ((*controller).*action)();
+        ASSERT_TRUE(waitFor([&] { return app.menuEnables() > ends; }, 60000ms));
+        ends = app.menuEnables();
+        ASSERT_TRUE(waitFor([&] { return !controller->serial() || !controller->serial()->isOpen(); }));
+        dispatch::RunLoop::main().drain();
+    };
+    for (const bool silent : {false, true}) {
+        simulator->setSilent(silent);
+        for (const auto action : {&MainViewController::configureController, &MainViewController::localConfig,
+                                  &MainViewController::webConfig, &MainViewController::ipConfig}) {
+            ASSERT_NO_FATAL_FAILURE(run(action));
+        }
+    }
+    EXPECT_FALSE(view.alerts().empty());
+    EXPECT_FALSE(view.urls().empty());
+    EXPECT_EQ(view.callsOffTheMainThread(), std::vector<std::string>{});
+}
+
 TEST_F(ConfigurationActionsTest, ToggleUISetsTheControlsAndTheMenuItem)
 {
     controller->toggleUI(false);

@@ -60,4 +60,24 @@ TEST(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRuns
                              "andself-> new version (null)"));
 }
 
+// The window is told everything about a whole update (status texts, the
+// "Proceed?"-free road, progress, the controls) on its main thread: the job's
+// thread never touches it.
+TEST(UpdateSession, AWholeUpdateTellsTheWindowOnlyOnItsMainThread)
+{
+    ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+    ScopedLog log;
+    LabResources resources;
+    RoadRun run({}, systemClock());
+    ASSERT_TRUE(run.prepare()) << run.problem;
+    run.openWindow();
+
+    run.pressUpdate();
+    ASSERT_TRUE(run.waitForEnd(kJobBound));
+    ASSERT_EQ(run.outcome.load(), UpdateOutcome::Updated) << log.text();
+    dispatch::RunLoop::main().drain();
+    EXPECT_FALSE(run.view.statusTexts().empty());
+    EXPECT_EQ(run.view.callsOffTheMainThread(), std::vector<std::string>{});
+}
+
 } // namespace quendral::test
