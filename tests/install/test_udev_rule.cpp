@@ -6,11 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -102,9 +103,9 @@ bool isMatch(const RuleItem& item)
 
 std::string hex4(std::uint16_t value)
 {
-    char text[5];
-    std::snprintf(text, sizeof text, "%04x", value);
-    return text;
+    std::ostringstream text;
+    text << std::hex << std::setw(4) << std::setfill('0') << value;
+    return text.str();
 }
 
 } // namespace
