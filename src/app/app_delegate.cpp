@@ -1,5 +1,6 @@
 #include "app_delegate.h"
 
+#include "about_box.h"
 #include "controller/main_view_controller.h"
 #include "host_window.h"
 #include "log/logger.h"
@@ -96,6 +97,7 @@ void AppDelegate::buildMenus()
     QAction* quit = file->addAction(QStringLiteral("Quit"));
     quit->setShortcut(QKeySequence::Quit);
     connect(quit, &QAction::triggered, this, &AppDelegate::quit);
+    addHelpMenu(*_mainWindow->menuBar(), _mainWindow.get());
 }
 
 void AppDelegate::connectButtons()

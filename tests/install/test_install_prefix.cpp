@@ -37,8 +37,9 @@ TEST(InstallPrefix, InstalledCommandLineTakesItsToolsFromItsOwnPrefix)
 {
     TempDir dir;
     const auto prefix = std::filesystem::canonical(dir.path()) / "prefix";
-    const auto install = runShellCommand(environment("QUENDRAL_CMAKE") + " --install " +
-                                    environment("QUENDRAL_TEST_BUILD_DIR") + " --prefix " + prefix.string() + " 2>&1");
+    const auto install =
+        runShellCommand(environment("QUENDRAL_CMAKE") + " --install " + environment("QUENDRAL_TEST_BUILD_DIR") +
+                        " --prefix " + prefix.string() + " 2>&1");
     ASSERT_EQ(install.exitCode, 0) << install.output;
 
     const auto resources = prefix / "share" / "quendral-firmware-updater";
@@ -52,9 +53,44 @@ TEST(InstallPrefix, InstalledCommandLineTakesItsToolsFromItsOwnPrefix)
     const auto data = dir.path() / "data";
     std::filesystem::create_directories(data);
     const auto run =
-        runShellCommand("env XDG_DATA_HOME=" + data.string() + " " + (prefix / "bin" / "quendral-cli").string() + " flash " +
-                   (dir.path() / "firmware.hex").string() + " -p ttyQUENDRALNONE 2>&1");
+        runShellCommand("env XDG_DATA_HOME=" + data.string() + " " + (prefix / "bin" / "quendral-cli").string() +
+                        " flash " + (dir.path() / "firmware.hex").string() + " -p ttyQUENDRALNONE 2>&1");
     EXPECT_EQ(run.exitCode, 1) << run.output;
     const auto log = contentsOf(data / "QuendralFirmwareUpdater" / "log.txt");
     EXPECT_NE(log.find("Flashing tools from " + resources.string() + "\n"), std::string::npos) << log;
+}
+
+// The intermediate firmware is the maker's file, named when the package is
+// made; a tree configured without one installs none (the package's file list
+// is checked in tests/package).
+TEST(InstallPrefix, TheIntermediateFirmwareTheMakerNamesGoesIntoTheResourceFolder)
+{
+    TempDir dir;
+    const auto firmware = dir.path() / "makers-intermediate.hex";
+    std::ofstream(firmware) << ":0400000001020304F2\n:00000001FF\n";
+    const auto tree = dir.path() / "tree";
+    const auto configure = runShellCommand(
+        environment("QUENDRAL_CMAKE") + " -S " + environment("QUENDRAL_TEST_SOURCE_DIR") + " -B " + tree.string() +
+        " -DQUENDRAL_BUILD_GUI=OFF -DQUENDRAL_INTERMEDIATE_FIRMWARE_DUE=" + firmware.string() + " 2>&1");
+    ASSERT_EQ(configure.exitCode, 0) << configure.output;
+
+    const auto prefix = dir.path() / "prefix";
+    const auto install = runShellCommand(environment("QUENDRAL_CMAKE") + " --install " + tree.string() +
+                                         " --component resource-folder --prefix " + prefix.string() + " 2>&1");
+    ASSERT_EQ(install.exitCode, 0) << install.output;
+    const auto installed = prefix / "share" / "quendral-firmware-updater" / "intermediate_due.hex";
+    EXPECT_EQ(contentsOf(installed), contentsOf(firmware));
+    EXPECT_EQ(std::filesystem::read_symlink(installed.parent_path() / "bossac"), "/usr/bin/bossac");
+}
+
+TEST(InstallPrefix, AnIntermediateFirmwareThatIsNotThereStopsTheConfiguration)
+{
+    TempDir dir;
+    const auto configure = runShellCommand(
+        environment("QUENDRAL_CMAKE") + " -S " + environment("QUENDRAL_TEST_SOURCE_DIR") + " -B " +
+        (dir.path() / "tree").string() + " -DQUENDRAL_BUILD_GUI=OFF -DQUENDRAL_INTERMEDIATE_FIRMWARE_DUE=" +
+        (dir.path() / "missing.hex").string() + " 2>&1");
+    EXPECT_NE(configure.exitCode, 0) << configure.output;
+    EXPECT_NE(configure.output.find("QUENDRAL_INTERMEDIATE_FIRMWARE_DUE: no such file"), std::string::npos)
+        << configure.output;
 }
