@@ -1,7 +1,6 @@
 #include "qt_main_view.h"
 
 #include "controller/keyboard_shortcuts.h"
-#include "platform/dispatch.h"
 #include "ui_MasterView.h"
 
 #include <QApplication>
@@ -29,16 +28,6 @@ QString qs(const std::string& text)
 // Every text a box or label here shows may come from a peer (a server's
 // message, a Controller's answer) and is set as plain text: Qt would take
 // text that looks like markup for rich text, links and images included.
-
-// Runs `work` on the main thread and hands back its result; inline when
-// already there, otherwise the calling thread waits while the window keeps
-// painting (the modal loop runs on the main thread).
-template <typename Result, typename Work> Result onMainThread(Work work)
-{
-    Result result{};
-    dispatch::mainQueue()->sync([&] { result = work(); });
-    return result;
-}
 
 } // namespace
 
@@ -125,27 +114,23 @@ QtMainView::~QtMainView() = default;
 
 void QtMainView::setStatusText(const std::string& text)
 {
-    dispatch::mainQueue()->async([this, text] {
-        _ui->uploadState->setTextFormat(Qt::PlainText);
-        _ui->uploadState->setText(qs(text));
-    });
+    _ui->uploadState->setTextFormat(Qt::PlainText);
+    _ui->uploadState->setText(qs(text));
 }
 
 void QtMainView::setStatusTextWithLink(const std::string& text, std::size_t linkLength, const std::string& url)
 {
-    dispatch::mainQueue()->async([this, text, linkLength, url] {
-        const QString all = qs(text);
-        const auto split = all.size() - static_cast<qsizetype>(std::min<std::size_t>(linkLength, all.size()));
-        const QString html = all.left(split).toHtmlEscaped() + QStringLiteral("<a href=\"") + qs(url).toHtmlEscaped() +
-                             QStringLiteral("\">") + all.mid(split).toHtmlEscaped() + QStringLiteral("</a>");
-        _ui->uploadState->setTextFormat(Qt::RichText);
-        _ui->uploadState->setText(html);
-    });
+    const QString all = qs(text);
+    const auto split = all.size() - static_cast<qsizetype>(std::min<std::size_t>(linkLength, all.size()));
+    const QString html = all.left(split).toHtmlEscaped() + QStringLiteral("<a href=\"") + qs(url).toHtmlEscaped() +
+                         QStringLiteral("\">") + all.mid(split).toHtmlEscaped() + QStringLiteral("</a>");
+    _ui->uploadState->setTextFormat(Qt::RichText);
+    _ui->uploadState->setText(html);
 }
 
 void QtMainView::setProgress(double percent)
 {
-    dispatch::mainQueue()->async([this, percent] { _ui->uploadProgress->setValue(static_cast<int>(percent)); });
+    _ui->uploadProgress->setValue(static_cast<int>(percent));
 }
 
 void QtMainView::startProgressAnimation()
@@ -244,88 +229,77 @@ void QtMainView::selectPortMenuItem(const std::string& title)
 
 void QtMainView::showAlert(const std::string& message)
 {
-    onMainThread<bool>([this, &message] {
-        QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
-        box.setTextFormat(Qt::PlainText);
-        box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
-        box.exec();
-        return true;
-    });
+    QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+    box.setTextFormat(Qt::PlainText);
+    box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
+    box.exec();
 }
 
 bool QtMainView::showDialog(const std::string& message)
 {
-    return onMainThread<bool>([this, &message] {
-        QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
-        box.setTextFormat(Qt::PlainText);
-        QPushButton* ok = box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
-        box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
-        box.setDefaultButton(ok);
-        box.exec();
-        return box.clickedButton() == ok;
-    });
+    QMessageBox box(QMessageBox::NoIcon, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+    box.setTextFormat(Qt::PlainText);
+    QPushButton* ok = box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
+    box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    box.setDefaultButton(ok);
+    box.exec();
+    return box.clickedButton() == ok;
 }
 
 std::optional<std::string> QtMainView::askForText(const std::string& message, const std::string& informativeText)
 {
-    return onMainThread<std::optional<std::string>>([this, &message, &informativeText]() -> std::optional<std::string> {
-        QDialog dialog(this);
-        dialog.setWindowTitle(window()->windowTitle());
-        auto* layout = new QVBoxLayout(&dialog);
-        auto* title = new QLabel(qs(message), &dialog);
-        title->setTextFormat(Qt::PlainText);
-        QFont bold = title->font();
-        bold.setBold(true);
-        title->setFont(bold);
-        layout->addWidget(title);
-        auto* informative = new QLabel(qs(informativeText), &dialog);
-        informative->setTextFormat(Qt::PlainText);
-        layout->addWidget(informative);
-        auto* field = new QLineEdit(&dialog);
-        field->setFixedSize(300, 24);
-        layout->addWidget(field);
-        auto* buttons = new QDialogButtonBox(&dialog);
-        buttons->addButton(QStringLiteral("Ok"), QDialogButtonBox::AcceptRole);
-        buttons->addButton(QStringLiteral("Cancel"), QDialogButtonBox::RejectRole);
-        connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
-        connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
-        layout->addWidget(buttons);
-        if (dialog.exec() != QDialog::Accepted) {
-            return std::nullopt;
-        }
-        return field->text().toStdString();
-    });
+    QDialog dialog(this);
+    dialog.setWindowTitle(window()->windowTitle());
+    auto* layout = new QVBoxLayout(&dialog);
+    auto* title = new QLabel(qs(message), &dialog);
+    title->setTextFormat(Qt::PlainText);
+    QFont bold = title->font();
+    bold.setBold(true);
+    title->setFont(bold);
+    layout->addWidget(title);
+    auto* informative = new QLabel(qs(informativeText), &dialog);
+    informative->setTextFormat(Qt::PlainText);
+    layout->addWidget(informative);
+    auto* field = new QLineEdit(&dialog);
+    field->setFixedSize(300, 24);
+    layout->addWidget(field);
+    auto* buttons = new QDialogButtonBox(&dialog);
+    buttons->addButton(QStringLiteral("Ok"), QDialogButtonBox::AcceptRole);
+    buttons->addButton(QStringLiteral("Cancel"), QDialogButtonBox::RejectRole);
+    connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+    connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+    layout->addWidget(buttons);
+    if (dialog.exec() != QDialog::Accepted) {
+        return std::nullopt;
+    }
+    return field->text().toStdString();
 }
 
 bool QtMainView::showDriverAlert(const std::string& message, const std::string& informativeText,
                                  const std::string& defaultButton, const std::string& alternateButton)
 {
-    return onMainThread<bool>([&, this] {
-        QMessageBox box(QMessageBox::Warning, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
-        box.setTextFormat(Qt::PlainText);
-        box.setInformativeText(qs(informativeText));
-        QPushButton* first = box.addButton(qs(defaultButton), QMessageBox::AcceptRole);
-        box.addButton(qs(alternateButton), QMessageBox::RejectRole);
-        box.exec();
-        return box.clickedButton() == first;
-    });
+    QMessageBox box(QMessageBox::Warning, window()->windowTitle(), qs(message), QMessageBox::NoButton, this);
+    box.setTextFormat(Qt::PlainText);
+    box.setInformativeText(qs(informativeText));
+    QPushButton* first = box.addButton(qs(defaultButton), QMessageBox::AcceptRole);
+    box.addButton(qs(alternateButton), QMessageBox::RejectRole);
+    box.exec();
+    return box.clickedButton() == first;
 }
 
 std::optional<std::string> QtMainView::chooseFirmwareFile()
 {
-    return onMainThread<std::optional<std::string>>([this]() -> std::optional<std::string> {
-        const QString file = QFileDialog::getOpenFileName(this, QStringLiteral("Choose a firmware file"), QString(),
-                                                          QStringLiteral("Firmware (*.hex)"));
-        if (file.isEmpty()) {
-            return std::nullopt;
-        }
-        return file.toStdString();
-    });
+    const QString file = QFileDialog::getOpenFileName(this, QStringLiteral("Choose a firmware file"), QString(),
+                                                      QStringLiteral("Firmware (*.hex)"));
+    if (file.isEmpty()) {
+        return std::nullopt;
+    }
+    return file.toStdString();
 }
 
 void QtMainView::openURL(const std::string& url)
 {
-    dispatch::mainQueue()->async([url] { QDesktopServices::openUrl(QUrl(qs(url))); });
+    QDesktopServices::openUrl(QUrl(qs(url)));
 }
 
 } // namespace quendral::app

@@ -3,10 +3,9 @@
 // terminal front end and the tests each implement it; the controller never
 // touches a widget.
 //
-// Threading: every method is called on the main queue unless its comment says
-// otherwise. showAlert/showDialog are called from background work and block
-// that caller until the user has answered (the implementation hops to the main
-// thread itself, running inline when already there).
+// Threading: every method is called on the main queue (the controller's work
+// reaches the view through ViewFeedback, which makes that hop), except the
+// two reads of the port menu that say otherwise.
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -33,9 +32,6 @@ public:
     virtual ~MainView() = default;
 
     // --- status line ("uploadState") and progress bar ("uploadProgress") ---
-    // The waiting procedures and the upload driver also call setStatusText from a
-    // background thread where the system does so on purpose; implementations must
-    // be safe to call from any thread.
     virtual void setStatusText(const std::string& text) = 0;
     // The server-error text whose last `linkLength` characters link to `url`.
     virtual void setStatusTextWithLink(const std::string& text, std::size_t linkLength, const std::string& url) = 0;
@@ -54,7 +50,7 @@ public:
     virtual void addPortMenuItem(const std::string& title) = 0;
     virtual void selectPortMenuItem(const std::string& title) = 0;
 
-    // --- modal messages; called from any thread, block until answered ---
+    // --- modal messages; block until answered ---
     virtual void showAlert(const std::string& message) = 0;
     // "Ok"/"Cancel"; true for "Ok".
     virtual bool showDialog(const std::string& message) = 0;

@@ -81,19 +81,25 @@ public:
     // --- port list (port_list.cpp) ----------------------------------------------
     // The device path of the port selected in the port menu, looked up afresh
     // on every call (from background threads too).
-    [[nodiscard]] virtual std::optional<std::string> pathOfSelectedPort() const;
-    [[nodiscard]] std::optional<std::string> pathOfSerialPortWithName(const std::string& name) const;
-    [[nodiscard]] CombinedUsbIdentifier getPIDVID(const std::string& path) const;
+    [[nodiscard]] std::optional<std::string> pathOfSelectedPort() const { return _portList.pathOfSelectedPort(); }
+    [[nodiscard]] std::optional<std::string> pathOfSerialPortWithName(const std::string& name) const
+    {
+        return _portList.pathOfSerialPortWithName(name);
+    }
+    [[nodiscard]] CombinedUsbIdentifier getPIDVID(const std::string& path) const { return _portList.getPIDVID(path); }
     // Rebuilds the port menu on the main queue.
-    void updateSerialPorts();
+    void updateSerialPorts() { _portList.updateSerialPorts(); }
     // The 1200-baud touch; blocks (background only). The port becomes `serial`.
     void resetDevice(const std::string& path, int delay) { _portList.resetDevice(path, delay); }
     [[nodiscard]] static bool isFTDIInstalled() { return PortList::isFTDIInstalled(); }
-    void alertDidClose(int returnCode);
+    void alertDidClose(int returnCode) { _portList.alertDidClose(returnCode); }
     // The view's loading: the port manager's notifications rebuild the menu;
     // the driver check warns when the FTDI driver is missing.
-    void observePortChanges();
-    void warnIfFTDIDriverMissing();
+    void observePortChanges() { _portList.observePortChanges(); }
+    void warnIfFTDIDriverMissing()
+    {
+        _portList.warnIfFTDIDriverMissing(_ftdiDriverCheck ? _ftdiDriverCheck() : isFTDIInstalled());
+    }
     // Replaces the driver check viewDidLoad runs. Linux always has the FTDI
     // driver, so only a test can show the warning path through the window.
     void setFTDIDriverCheck(std::function<bool()> check) { _ftdiDriverCheck = std::move(check); }

@@ -1,7 +1,6 @@
 #include "controller/port_list.h"
 
 #include "controller/bootloader_touch.h"
-#include "controller/main_view_controller.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
 
@@ -214,43 +213,6 @@ void PortList::alertDidClose(int returnCode)
 std::string PortList::ftdiDriverDownloadURL()
 {
     return QUENDRAL_FTDI_DRIVER_URL;
-}
-
-// --- MainViewController's port list -------------------------------------------------------
-
-std::optional<std::string> MainViewController::pathOfSelectedPort() const
-{
-    return _portList.pathOfSelectedPort();
-}
-
-std::optional<std::string> MainViewController::pathOfSerialPortWithName(const std::string& name) const
-{
-    return _portList.pathOfSerialPortWithName(name);
-}
-
-CombinedUsbIdentifier MainViewController::getPIDVID(const std::string& path) const
-{
-    return _portList.getPIDVID(path);
-}
-
-void MainViewController::updateSerialPorts()
-{
-    _portList.updateSerialPorts();
-}
-
-void MainViewController::alertDidClose(int returnCode)
-{
-    _portList.alertDidClose(returnCode);
-}
-
-void MainViewController::observePortChanges()
-{
-    _portList.observePortChanges();
-}
-
-void MainViewController::warnIfFTDIDriverMissing()
-{
-    _portList.warnIfFTDIDriverMissing(_ftdiDriverCheck ? _ftdiDriverCheck() : isFTDIInstalled());
 }
 
 } // namespace quendral

@@ -20,35 +20,14 @@ namespace quendral::test {
 
 using namespace std::chrono_literals;
 
-// The port list is not part of these tests: the selected path is set by hand.
-class MainViewControllerWithSelection : public MainViewController {
-public:
-    using MainViewController::MainViewController;
-
-    [[nodiscard]] std::optional<std::string> pathOfSelectedPort() const override
-    {
-        std::lock_guard lock(_selectionMutex);
-        return _selection;
-    }
-    void select(std::optional<std::string> path)
-    {
-        std::lock_guard lock(_selectionMutex);
-        _selection = std::move(path);
-    }
-
-private:
-    mutable std::mutex _selectionMutex;
-    std::optional<std::string> _selection;
-};
-
 class ProtocolTestBed : public UmockdevTest {
 protected:
     void SetUp() override
     {
         ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
         plugSimulatedController({}, clock);
-        controller = std::make_shared<MainViewControllerWithSelection>(view, nullptr, clock);
-        controller->select("/dev/ttyACM0");
+        controller = MainViewController::create(view, nullptr, clock);
+        selectPort("ttyACM0");
     }
 
     void TearDown() override
@@ -59,6 +38,16 @@ protected:
         }
         UmockdevTest::TearDown();
         dispatch::RunLoop::main().drain();
+    }
+
+    // The port menu's selection, as the owner makes it (none: nothing selected).
+    void selectPort(const std::optional<std::string>& title)
+    {
+        view.removeAllPortMenuItems();
+        if (title) {
+            view.addPortMenuItem(*title);
+            view.selectPortMenuItem(*title);
+        }
     }
 
     // Runs a waiting procedure on the global queue, as the actions do, while
@@ -91,7 +80,7 @@ protected:
 
     FastForwardClock clock;
     RecordingMainView view;
-    std::shared_ptr<MainViewControllerWithSelection> controller;
+    std::shared_ptr<MainViewController> controller;
 };
 
 } // namespace quendral::test

@@ -14,8 +14,8 @@ protected:
     void SetUp() override
     {
         ProtocolTestBed::SetUp();
-        controller = std::make_shared<MainViewControllerWithSelection>(view, &app, clock);
-        controller->select("/dev/ttyACM0");
+        controller = MainViewController::create(view, &app, clock);
+        selectPort("ttyACM0");
         simulator->setTrailer("\n");
         simulator->start();
         Logger::reset();
@@ -54,7 +54,7 @@ protected:
 
 TEST_F(ConfigurationActionsTest, WithNoPortEveryActionLogsAndAlertsWithoutDisablingControls)
 {
-    controller->select(std::nullopt);
+    selectPort(std::nullopt);
     controller->openSerialMonitor();
     controller->ipConfig();
     controller->configureController();

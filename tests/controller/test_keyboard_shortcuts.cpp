@@ -15,8 +15,8 @@ protected:
     void SetUp() override
     {
         ProtocolTestBed::SetUp();
-        controller = std::make_shared<MainViewControllerWithSelection>(view, &app, clock);
-        controller->select("/dev/ttyACM0");
+        controller = MainViewController::create(view, &app, clock);
+        selectPort("ttyACM0");
     }
 
     RecordingApplicationDelegate app;

@@ -149,8 +149,7 @@ TEST_F(TextProtocol, GetCIDCountFollowsTheClockAndSkipsNumbersAfterASlowPass)
     simulator->setSilent(true);
     simulator->start();
     ClockWithASlowSleep slowClock(clock, 2, Clock::Seconds(2.5));
-    auto slowController = std::make_shared<MainViewControllerWithSelection>(view, nullptr, slowClock);
-    slowController->select("/dev/ttyACM0");
+    auto slowController = MainViewController::create(view, nullptr, slowClock);
 
     const OptionalText cid = runInBackground<OptionalText>([&] { return slowController->getCID(); });
 
@@ -166,7 +165,7 @@ TEST_F(TextProtocol, GetCIDCountFollowsTheClockAndSkipsNumbersAfterASlowPass)
 
 TEST_F(TextProtocol, GetCIDWithoutASelectedPortTriesEverySecondAndGivesUp)
 {
-    controller->select(std::nullopt);
+    selectPort(std::nullopt);
     simulator->start();
     const OptionalText cid = runInBackground<OptionalText>([&] { return controller->getCID(); });
     EXPECT_EQ(cid, std::nullopt);

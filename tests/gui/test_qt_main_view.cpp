@@ -1,3 +1,4 @@
+#include "controller/view_feedback.h"
 #include "gui_test_support.h"
 #include "qt_main_view.h"
 #include "ui_MasterView.h"
@@ -8,13 +9,17 @@
 #include <thread>
 
 using quendral::Control;
+using quendral::ViewFeedback;
 using quendral::app::QtMainView;
 using namespace quendral::test;
 
+// The core's work talks to the window from its own thread through ViewFeedback,
+// which brings each report to the main thread, where the view lives.
 TEST(QtMainView, StatusTextSetFromABackgroundThreadAppearsOnTheMainThread)
 {
     QtMainView view;
-    std::thread([&] { view.setStatusText("Waiting for device to boot.. (20)"); }).join();
+    ViewFeedback feedback(view, nullptr, ViewFeedback::ToolReports::Shown);
+    std::thread([&] { feedback.status("Waiting for device to boot.. (20)"); }).join();
     EXPECT_TRUE(spinUntil([&] { return view.ui().uploadState->text() == "Waiting for device to boot.. (20)"; }));
 }
 
@@ -35,8 +40,9 @@ TEST(QtMainView, AlertFromABackgroundThreadBlocksItUntilOkIsClicked)
     view.show();
     std::atomic<bool> returned{false};
     MessageBoxAnswerer answerer("Ok");
+    ViewFeedback feedback(view, nullptr, ViewFeedback::ToolReports::Shown);
     std::thread worker([&] {
-        view.showAlert("Could not get device IP. Please contact support.");
+        feedback.alert("Could not get device IP. Please contact support.");
         returned = true;
     });
     EXPECT_TRUE(spinUntil([&] { return returned.load(); }));
@@ -51,8 +57,9 @@ TEST(QtMainView, AlertBlocksItsCallerWhileNobodyAnswers)
     QtMainView view;
     view.show();
     std::atomic<bool> returned{false};
+    ViewFeedback feedback(view, nullptr, ViewFeedback::ToolReports::Shown);
     std::thread worker([&] {
-        view.showAlert("Please select a device from the drop-down menu.");
+        feedback.alert("Please select a device from the drop-down menu.");
         returned = true;
     });
     // Give the alert time to come up and stay; nobody clicks.
@@ -73,7 +80,8 @@ TEST(QtMainView, DialogAnswersTrueForOkAndFalseForCancel)
     for (const auto& [button, expected] : {std::pair{QString("Ok"), true}, std::pair{QString("Cancel"), false}}) {
         MessageBoxAnswerer answerer(button);
         std::atomic<int> answer{-1};
-        std::thread worker([&] { answer = view.showDialog("Proceed?") ? 1 : 0; });
+        ViewFeedback feedback(view, nullptr, ViewFeedback::ToolReports::Shown);
+        std::thread worker([&] { answer = feedback.ask("Proceed?") ? 1 : 0; });
         EXPECT_TRUE(spinUntil([&] { return answer.load() != -1; }));
         worker.join();
         EXPECT_EQ(answer.load(), expected ? 1 : 0) << button.toStdString();

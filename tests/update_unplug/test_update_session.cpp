@@ -26,20 +26,28 @@ std::vector<std::string> reportedVersions(const std::vector<nlohmann::json>& bod
     return versions;
 }
 
-} // namespace
+// The window on the lab's KorbatekDue, after one update that ended on the new firmware.
+class UpdateSession : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
+        ASSERT_TRUE(run.prepare()) << run.problem;
+        run.openWindow();
+        run.pressUpdate();
+        ASSERT_TRUE(run.waitForEnd(kJobBound));
+        ASSERT_EQ(run.outcome.load(), UpdateOutcome::Updated) << log.text();
+    }
 
-TEST(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRunsNow)
-{
-    ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
     ScopedLog log;
     LabResources resources;
-    RoadRun run({}, systemClock());
-    ASSERT_TRUE(run.prepare()) << run.problem;
-    run.openWindow();
+    RoadRun run{{}, systemClock()};
+};
 
-    run.pressUpdate();
-    ASSERT_TRUE(run.waitForEnd(kJobBound));
-    ASSERT_EQ(run.outcome.load(), UpdateOutcome::Updated);
+} // namespace
+
+TEST_F(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRunsNow)
+{
     ASSERT_TRUE(RoadRun::waitForPortsClosed());
     // The owner presses again once the board runs its new firmware (after
     // bossac's reset it is in its boot loader for a moment).
@@ -63,18 +71,8 @@ TEST(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRuns
 // The window is told everything about a whole update (status texts, the
 // "Proceed?"-free road, progress, the controls) on its main thread: the job's
 // thread never touches it.
-TEST(UpdateSession, AWholeUpdateTellsTheWindowOnlyOnItsMainThread)
+TEST_F(UpdateSession, AWholeUpdateTellsTheWindowOnlyOnItsMainThread)
 {
-    ASSERT_TRUE(sim::UmockdevTestbed::isAvailable()) << "run under umockdev-wrapper";
-    ScopedLog log;
-    LabResources resources;
-    RoadRun run({}, systemClock());
-    ASSERT_TRUE(run.prepare()) << run.problem;
-    run.openWindow();
-
-    run.pressUpdate();
-    ASSERT_TRUE(run.waitForEnd(kJobBound));
-    ASSERT_EQ(run.outcome.load(), UpdateOutcome::Updated) << log.text();
     dispatch::RunLoop::main().drain();
     EXPECT_FALSE(run.view.statusTexts().empty());
     EXPECT_EQ(run.view.callsOffTheMainThread(), std::vector<std::string>{});

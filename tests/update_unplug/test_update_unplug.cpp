@@ -6,6 +6,7 @@
 #include "road_world.h"
 #include "road_world_environment.h"
 
+#include "../support/captured_console.h"
 #include "../support/child_processes.h"
 #include "../support/descriptors.h"
 #include "../support/fast_forward_clock.h"
@@ -193,16 +194,19 @@ protected:
     }
 
     // Notes the downloaded firmware file while `text` is shown (the job has it then).
-    void watchDownloadAt(const std::string& text)
+    // Notes the downloaded file as the upload of it begins (synchronously, on
+    // the job's thread, while the tool has it).
+    void watchDownload()
     {
         downloadWatched = true;
-        run->view.onStatusText([this, text](const std::string& shown) {
+        console.onceWritten(std::string("Uploading firmware ") + kDownloadedFirmware, [this] {
             struct stat file {};
-            if (shown == text && ::stat(kDownloadedFirmware, &file) == 0) {
+            if (::stat(kDownloadedFirmware, &file) == 0) {
                 std::lock_guard lock(downloadMutex);
                 downloaded = file;
             }
         });
+        Logger::setConsole(&console);
     }
 
     void expectReportedFailure() const
@@ -232,6 +236,7 @@ protected:
     void unplugWhileBossacWrites(const std::function<void()>& beforeUnplug);
 
     FastForwardClock clock{4.0};
+    CapturedConsole console; // outlives the log, which gives the logger its console back
     ScopedLog log;
     LabResources resources;
     std::unique_ptr<RoadRun> run;
@@ -273,7 +278,7 @@ TEST_F(UpdateUnplug, WhileTheJobPollsForTheTicketTheDownloadedFileFindsNoBoardAn
 {
     // The server keeps generating until the test lets it finish.
     start({"--polls", "100000"});
-    watchDownloadAt(kUnidentified);
+    watchDownload();
     run->view.onStatusText([this](const std::string& text) {
         if (text == kGenerating && !run->due.unplugged()) {
             run->due.unplug();
@@ -308,7 +313,7 @@ TEST_F(UpdateUnplug, WhileTheJobPollsForTheTicketTheDownloadedFileFindsNoBoardAn
 TEST_F(UpdateUnplug, DuringTheTouchTheBoardNeverComesBackAndTheWaitGivesUp)
 {
     start({"--polls", "1"});
-    watchDownloadAt(kWaitingForBootLoader);
+    watchDownload();
     run->due.unplugAt(Moment::AtTouch);
     pressUpdateUntilTheEnd();
 
@@ -322,7 +327,7 @@ TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
     // Identification is over once the server is asked; the next close of the
     // board's port is the one after "prepareUpload", right before the touch.
     start({"--polls", "1"});
-    watchDownloadAt(kWaitingForBootLoader);
+    watchDownload();
     run->view.onStatusText([this](const std::string& text) {
         if (text == kGenerating) {
             run->due.unplugAt(Moment::AtNextClose);
@@ -337,7 +342,7 @@ TEST_F(UpdateUnplug, RightBeforeTheTouchTheBoardIsGoneAndTheWaitGivesUp)
 TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
 {
     start({"--polls", "1"});
-    watchDownloadAt(kWaitingForBootLoader);
+    watchDownload();
     run->due.unplugAt(Moment::DuringReset);
     pressUpdateUntilTheEnd();
 
@@ -353,7 +358,7 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
 void UpdateUnplug::unplugWhileBossacWrites(const std::function<void()>& beforeUnplug)
 {
     start({"--polls", "1"});
-    watchDownloadAt(kWriting);
+    watchDownload();
     int eventFdsWhileWriting = -1;
     run->view.onStatusText([&](const std::string& text) {
         if (text == kWriting && !run->due.unplugged()) {
