@@ -10,13 +10,14 @@
 namespace quendral::firmware {
 namespace {
 
+// The record types of the format, in the order of their numbers 00 to 05.
 enum RecordType : int {
-    kData = 0,
-    kEndOfFile = 1,
-    kExtendedSegmentAddress = 2,
-    kStartSegmentAddress = 3,
-    kExtendedLinearAddress = 4,
-    kStartLinearAddress = 5,
+    kData,
+    kEndOfFile,
+    kExtendedSegmentAddress,
+    kStartSegmentAddress,
+    kExtendedLinearAddress,
+    kStartLinearAddress,
 };
 
 int hexDigit(std::uint8_t c)

@@ -163,12 +163,6 @@ void SerialPort::setIOKitDevice(const DeviceHandle& device)
 
 // --- line settings -------------------------------------------------------------
 
-unsigned long SerialPort::baudRate() const
-{
-    std::lock_guard lock(_mutex);
-    return _baudRate;
-}
-
 void SerialPort::setBaudRate(unsigned long baudRate)
 {
     {
@@ -181,22 +175,10 @@ void SerialPort::setBaudRate(unsigned long baudRate)
     setPortOptions();
 }
 
-bool SerialPort::allowsNonStandardBaudRates() const
-{
-    std::lock_guard lock(_mutex);
-    return _allowsNonStandardBaudRates;
-}
-
 void SerialPort::setAllowsNonStandardBaudRates(bool allows)
 {
     std::lock_guard lock(_mutex);
     _allowsNonStandardBaudRates = allows;
-}
-
-std::uint64_t SerialPort::numberOfStopBits() const
-{
-    std::lock_guard lock(_mutex);
-    return _numberOfStopBits;
 }
 
 void SerialPort::setNumberOfStopBits(std::uint64_t stopBits)
@@ -211,12 +193,6 @@ void SerialPort::setNumberOfStopBits(std::uint64_t stopBits)
     setPortOptions();
 }
 
-bool SerialPort::shouldEchoReceivedData() const
-{
-    std::lock_guard lock(_mutex);
-    return _shouldEchoReceivedData;
-}
-
 void SerialPort::setShouldEchoReceivedData(bool echo)
 {
     {
@@ -227,12 +203,6 @@ void SerialPort::setShouldEchoReceivedData(bool echo)
         _shouldEchoReceivedData = echo;
     }
     setPortOptions();
-}
-
-SerialPortParity SerialPort::parity() const
-{
-    std::lock_guard lock(_mutex);
-    return _parity;
 }
 
 void SerialPort::setParity(std::uint64_t parity)
@@ -246,24 +216,6 @@ void SerialPort::setParity(std::uint64_t parity)
         _parity = value;
     }
     setPortOptions();
-}
-
-bool SerialPort::usesRTSCTSFlowControl() const
-{
-    std::lock_guard lock(_mutex);
-    return _usesRTSCTSFlowControl;
-}
-
-bool SerialPort::usesDTRDSRFlowControl() const
-{
-    std::lock_guard lock(_mutex);
-    return _usesDTRDSRFlowControl;
-}
-
-bool SerialPort::usesDCDOutputFlowControl() const
-{
-    std::lock_guard lock(_mutex);
-    return _usesDCDOutputFlowControl;
 }
 
 void SerialPort::setUsesRTSCTSFlowControl(bool uses)
@@ -355,12 +307,6 @@ void SerialPort::setDCD(bool on)
 {
     _dcd.store(on);
     notifyPropertyObservers(SerialPortProperty::DCD);
-}
-
-termios SerialPort::originalPortAttributes() const
-{
-    std::lock_guard lock(_mutex);
-    return _originalPortAttributes;
 }
 
 // --- delegate and observers ----------------------------------------------------

@@ -20,6 +20,7 @@
 //
 // Everything here may be called from any thread; the settings are guarded.
 #include "platform/dispatch.h"
+#include "platform/locked.h"
 #include "platform/observer_list.h"
 #include "serial/device_registry.h"
 #include "serial/serial_port_delegate.h"
@@ -121,24 +122,24 @@ public:
     void cleanup();
 
     // --- line settings (stored while closed, applied at the next open) -----
-    [[nodiscard]] unsigned long baudRate() const;
+    [[nodiscard]] unsigned long baudRate() const { return lockedCopy(_mutex, _baudRate); }
     void setBaudRate(unsigned long baudRate);
-    [[nodiscard]] bool allowsNonStandardBaudRates() const;
+    [[nodiscard]] bool allowsNonStandardBaudRates() const { return lockedCopy(_mutex, _allowsNonStandardBaudRates); }
     void setAllowsNonStandardBaudRates(bool allows);
-    [[nodiscard]] std::uint64_t numberOfStopBits() const;
+    [[nodiscard]] std::uint64_t numberOfStopBits() const { return lockedCopy(_mutex, _numberOfStopBits); }
     void setNumberOfStopBits(std::uint64_t stopBits);
-    [[nodiscard]] bool shouldEchoReceivedData() const;
+    [[nodiscard]] bool shouldEchoReceivedData() const { return lockedCopy(_mutex, _shouldEchoReceivedData); }
     void setShouldEchoReceivedData(bool echo);
-    [[nodiscard]] SerialPortParity parity() const;
+    [[nodiscard]] SerialPortParity parity() const { return lockedCopy(_mutex, _parity); }
     // Anything but none, odd or even is stored as none.
     void setParity(std::uint64_t parity);
     void setParity(SerialPortParity parity) { setParity(static_cast<std::uint64_t>(parity)); }
-    [[nodiscard]] bool usesRTSCTSFlowControl() const;
+    [[nodiscard]] bool usesRTSCTSFlowControl() const { return lockedCopy(_mutex, _usesRTSCTSFlowControl); }
     void setUsesRTSCTSFlowControl(bool uses);
     // No Linux equivalent: stored without effect.
-    [[nodiscard]] bool usesDTRDSRFlowControl() const;
+    [[nodiscard]] bool usesDTRDSRFlowControl() const { return lockedCopy(_mutex, _usesDTRDSRFlowControl); }
     void setUsesDTRDSRFlowControl(bool uses);
-    [[nodiscard]] bool usesDCDOutputFlowControl() const;
+    [[nodiscard]] bool usesDCDOutputFlowControl() const { return lockedCopy(_mutex, _usesDCDOutputFlowControl); }
     void setUsesDCDOutputFlowControl(bool uses);
 
     // --- modem lines ----------------------------------------------------------
@@ -169,7 +170,7 @@ public:
     // The serial queue on which packet and request work runs.
     [[nodiscard]] const dispatch::QueuePtr& requestHandlingQueue() const { return _requestHandlingQueue; }
     // The termios record found at open (restored on close).
-    [[nodiscard]] termios originalPortAttributes() const;
+    [[nodiscard]] termios originalPortAttributes() const { return lockedCopy(_mutex, _originalPortAttributes); }
 
     // --- packets (serial_port_packets.cpp) --------------------------------
     // Listening changes the descriptor list on requestHandlingQueue and waits

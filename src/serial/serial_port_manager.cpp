@@ -210,19 +210,7 @@ void SerialPortManager::systemDidWake()
     }
 }
 
-SerialPortList SerialPortManager::portsToReopenAfterSleep() const
-{
-    std::lock_guard lock(_mutex);
-    return _portsToReopenAfterSleep;
-}
-
 // --- the observable list ------------------------------------------------------------------
-
-SerialPortList SerialPortManager::availablePorts() const
-{
-    std::lock_guard lock(_mutex);
-    return _availablePorts;
-}
 
 std::size_t SerialPortManager::countOfAvailablePorts() const
 {

@@ -15,6 +15,7 @@
 // availablePorts may be read from any thread (background work asks for paths
 // and identities while the main queue changes the list); changes are made on
 // the main queue only, and list observers hear them there.
+#include "platform/locked.h"
 #include "platform/observer_list.h"
 #include "serial/device_registry.h"
 #include "serial/serial_port.h"
@@ -66,7 +67,7 @@ public:
 
     // --- the list --------------------------------------------------------------
     // A copy; its order is the order of the registry at enumeration, then of arrival.
-    [[nodiscard]] SerialPortList availablePorts() const;
+    [[nodiscard]] SerialPortList availablePorts() const { return lockedCopy(_mutex, _availablePorts); }
     [[nodiscard]] std::size_t countOfAvailablePorts() const;
     [[nodiscard]] SerialPort::Ptr objectInAvailablePortsAtIndex(std::size_t index) const;
     void insertObjectInAvailablePortsAtIndex(const SerialPort::Ptr& port, std::size_t index);
@@ -83,7 +84,10 @@ public:
     // --- sleep and wake (not wired to the system; callable) ---------------------
     void systemWillSleep();
     void systemDidWake();
-    [[nodiscard]] SerialPortList portsToReopenAfterSleep() const;
+    [[nodiscard]] SerialPortList portsToReopenAfterSleep() const
+    {
+        return lockedCopy(_mutex, _portsToReopenAfterSleep);
+    }
 
     // --- registry events, normally delivered by the watcher thread ---------------
     // Run on the main queue.
