@@ -285,7 +285,7 @@ int CliSession::update()
         return exitCodeFor(UpdateOutcome::UnsupportedDevice);
     }
     UpdateOutcome outcome = UpdateOutcome::UploadFailed;
-    runInBackground([&] { outcome = job.run(*_port, *board, _invocation.version, server); });
+    runInBackground([&] { outcome = job.run(*_port, *board, _invocation.build, server); });
     // The window shows its own texts for an answer it cannot use, or none at
     // all; a script gets the reason.
     const auto problem = job.serverProblem();
@@ -455,6 +455,44 @@ constexpr auto kMonitorQuietTime = 1s;
 constexpr char kLeaveKey = 0x1d; // Ctrl-]
 constexpr auto kMonitorLingerLimit = 10s;
 
+// Standard input as the monitor's line editor. On a terminal the line is
+// edited as in the window's input field (the terminal's own line editing and
+// echo) and sent on Enter; Ctrl-] is made an end-of-line character so that it
+// arrives at once, alone, and leaves. The terminal is left as it was found.
+class MonitorTerminal {
+public:
+    MonitorTerminal() : _terminal(::isatty(STDIN_FILENO) != 0)
+    {
+        if (_terminal) {
+            ::tcgetattr(STDIN_FILENO, &_saved);
+            termios lineMode = _saved;
+            lineMode.c_lflag |= ICANON | ECHO;
+            lineMode.c_cc[VEOL] = kLeaveKey;
+            ::tcsetattr(STDIN_FILENO, TCSANOW, &lineMode);
+        }
+    }
+    ~MonitorTerminal() { restore(); }
+    MonitorTerminal(const MonitorTerminal&) = delete;
+    MonitorTerminal& operator=(const MonitorTerminal&) = delete;
+
+    [[nodiscard]] bool isTerminal() const { return _terminal; }
+    void restore()
+    {
+        if (_terminal && !_restored) {
+            ::tcsetattr(STDIN_FILENO, TCSANOW, &_saved);
+            _restored = true;
+        }
+    }
+    // After Ctrl-]: the terminal typed on echoed "^]" there; end that line
+    // where it is, so the shell's prompt starts on a line of its own.
+    static void endEchoedLine() { [[maybe_unused]] const auto written = ::write(STDIN_FILENO, "\n", 1); }
+
+private:
+    bool _terminal;
+    bool _restored = false;
+    termios _saved{};
+};
+
 } // namespace
 
 int CliSession::monitor()
@@ -473,26 +511,20 @@ int CliSession::monitor()
         std::cerr << "quendral-cli: could not open " << path << "\n";
         return kFailure;
     }
-    // On a terminal the line is edited as in the window's input field (the
-    // terminal's own line editing and echo) and sent on Enter; Ctrl-] is made
-    // an end-of-line character so that it arrives at once, alone, and leaves.
-    const bool terminal = ::isatty(STDIN_FILENO) != 0;
-    termios saved{};
+    MonitorTerminal lineEditor;
+    const bool terminal = lineEditor.isTerminal();
     if (terminal) {
-        ::tcgetattr(STDIN_FILENO, &saved);
-        termios lineMode = saved;
-        lineMode.c_lflag |= ICANON | ECHO;
-        lineMode.c_cc[VEOL] = kLeaveKey;
-        ::tcsetattr(STDIN_FILENO, TCSANOW, &lineMode);
         std::cerr << "Serial monitor on " << path << " at 115200 baud. Enter sends a line, Ctrl-] leaves.\n";
     }
     std::atomic<bool> done{false};
+    std::atomic<bool> leftByKey{false};
     std::thread input([&] {
         // Lines go out as the window sends them: the text, then one line feed.
         std::string line;
         char c = 0;
         while (!done && ::read(STDIN_FILENO, &c, 1) == 1) {
             if (terminal && c == kLeaveKey) {
+                leftByKey = true;
                 break;
             }
             line += c;
@@ -518,12 +550,13 @@ int CliSession::monitor()
             },
             kMonitorLingerLimit);
     }
-    if (terminal) {
-        ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
-    }
+    lineEditor.restore();
     port->close();
     runUntil([&] { return !port->isOpen(); });
     delegate->finish();
+    if (leftByKey) {
+        MonitorTerminal::endEchoedLine();
+    }
     if (!done) {
         input.detach(); // blocked reading the terminal; the process ends anyway
     } else {

@@ -135,8 +135,12 @@ Taken takeNonEmpty(ArgumentReader& reader, std::optional<std::string>& into, con
 
 Taken takeUpdateOption(const std::string& arg, ArgumentReader& reader, Invocation& invocation)
 {
+    if (arg == "--build") {
+        return takeNonEmpty(reader, invocation.build, "--build needs a build name");
+    }
     if (arg == "--version") {
-        return takeNonEmpty(reader, invocation.version, "--version needs a version");
+        // It once named the build; a script that still says so must not get the newest firmware instead.
+        return UsageError{"--version shows the program's version and comes alone; ask for a build with --build NAME"};
     }
     if (arg == "--yes" || arg == "-y" || arg == "--no" || arg == "-n") {
         const Answer answer = (arg == "--yes" || arg == "-y") ? Answer::Yes : Answer::No;
@@ -276,7 +280,7 @@ Commands:
   identify [-p PORT]       ask the Controller who it is; prints "CID: <code>"
                            and "Version: <version>", or the message the
                            Controller sends instead
-  update [-p PORT] [--version VERSION] [--yes | --no] [--server URL]
+  update [-p PORT] [--build NAME] [--yes | --no] [--server URL]
          [--ca-file FILE]  ask the update server for firmware made for this
                            Controller and install it
   flash FILE [-p PORT]     install a firmware file (Intel HEX)
@@ -312,7 +316,7 @@ Commands:
 Options:
   -p, --port PORT          the Controller's port: a name (ttyACM0) or a path
                            (/dev/ttyACM0)
-  --version VERSION        (update) ask for this build instead of the newest:
+  --build NAME             (update) ask for this build instead of the newest:
                            master, masternodelete or branch_NAME
   -y, --yes                (update) agree when asked to install the
                            intermediate firmware first
@@ -325,8 +329,7 @@ Options:
                            intermediate firmware from DIR instead of the
                            installed ones (for testing)
   -h, --help               show this help and exit
-  -V, --version            show the program's version and exit (only before a
-                           command; after 'update' it is the option above)
+  -V, --version            show the program's version and exit
 
 Results go to standard output; progress and waiting messages go to standard
 error. Control characters in what a Controller or the update server sends are

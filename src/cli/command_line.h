@@ -27,7 +27,7 @@ enum class Answer { Ask, Yes, No };
 struct Invocation {
     Command command = Command::Help;
     std::optional<std::string> port;                              // -p NAME or /dev path
-    std::optional<std::string> version;                           // update --version
+    std::optional<std::string> build;                             // update --build
     Answer answer = Answer::Ask;                                  // update --yes / --no
     std::optional<std::string> serverURL;                         // update --server https://host[:port]
     std::optional<std::string> caFile;                            // update --ca-file FILE

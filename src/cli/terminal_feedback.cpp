@@ -124,7 +124,7 @@ bool TerminalFeedback::ask(const std::string& message)
         printLine("Answered no: there is no terminal to ask (use --yes to agree).");
         return false;
     }
-    *_options.out << "Proceed? [y/N] " << std::flush;
+    *_options.out << "[y/N] " << std::flush;
     std::string reply;
     if (!std::getline(*_options.in, reply)) {
         *_options.out << '\n';

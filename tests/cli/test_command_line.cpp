@@ -27,11 +27,11 @@ std::string error(const std::vector<std::string>& args)
 
 TEST(CommandLine, UpdateTakesEveryOption)
 {
-    const auto inv = parsed({"update", "-p", "ttyACM0", "--version", "master", "--yes", "--server",
+    const auto inv = parsed({"update", "-p", "ttyACM0", "--build", "master", "--yes", "--server",
                              "https://127.0.0.1:8443", "--ca-file", "/tmp/ca.pem"});
     EXPECT_EQ(inv.command, Command::Update);
     EXPECT_EQ(inv.port, "ttyACM0");
-    EXPECT_EQ(inv.version, "master");
+    EXPECT_EQ(inv.build, "master");
     EXPECT_EQ(inv.answer, Answer::Yes);
     EXPECT_EQ(inv.serverURL, "https://127.0.0.1:8443");
     EXPECT_EQ(inv.caFile, "/tmp/ca.pem");
@@ -83,8 +83,12 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(parsed({"--help"}).command, Command::Help);
     EXPECT_EQ(parsed({"update", "--help"}).command, Command::Help);
     EXPECT_EQ(parsed({"--version"}).command, Command::Version);
-    // After a command, --version belongs to update.
-    EXPECT_EQ(parsed({"update", "--version", "masternodelete"}).version, "masternodelete");
+    // The update's build has an option of its own; --version after a command
+    // is refused with the way to ask for a build, never taken as one.
+    EXPECT_EQ(parsed({"update", "--build", "masternodelete"}).build, "masternodelete");
+    EXPECT_EQ(error({"update", "--version", "masternodelete"}),
+              "--version shows the program's version and comes alone; ask for a build with --build NAME");
+    EXPECT_EQ(error({"update", "--build"}), "--build needs a build name");
 }
 
 TEST(CommandLine, HelpListsEveryCommandAndExitCode)

@@ -124,6 +124,19 @@ TEST(TerminalFeedback, DialogOnATerminalReadsTheAnswer)
     EXPECT_FALSE(view.ask("input ended?"));
 }
 
+// The intermediate-firmware question already ends in "Proceed?": the prompt
+// asks for the answer only, so the question reads once.
+TEST(TerminalFeedback, AQuestionOnATerminalIsPrintedOnceWithTheAnswersToType)
+{
+    std::ostringstream out;
+    std::istringstream in("y\n");
+    TerminalFeedback view(options(out, in, true));
+    const std::string question = "An intermediate software version will be uploaded to your controller, then it will "
+                                 "reboot, generate and install the final firmware version. Proceed?";
+    EXPECT_TRUE(view.ask(question));
+    EXPECT_EQ(out.str(), question + "\n[y/N] ");
+}
+
 TEST(TerminalFeedback, URLIsPrintedWithoutDesktopAndHandedOverWithOne)
 {
     std::ostringstream out;

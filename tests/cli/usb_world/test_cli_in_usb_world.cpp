@@ -336,6 +336,24 @@ TEST_F(CliInUsbWorld, MonitorStaysOnWhileInputIsOpenAndShowsUnaskedOutput)
     EXPECT_TRUE(controller.waitForPortOpen(false, 5s)) << "the port is closed at the end";
 }
 
+// The terminal echoes Ctrl-] as "^]"; the monitor ends that line, so the
+// shell's prompt starts on a line of its own.
+TEST_F(CliInUsbWorld, MonitorLeftWithCtrlBracketEndsTheTerminalLine)
+{
+    plugKorbatekDue();
+    CliChild child({"monitor"}, environment(), CliChild::Input::Terminal);
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.waitForErrorOutput("Enter sends a line, Ctrl-] leaves.\n", 30s));
+    child.writeInput("half a line");
+    child.writeInput("\x1d");
+
+    const CliResult result = child.finish(30s);
+    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    const std::string shown = child.output();
+    ASSERT_FALSE(shown.empty());
+    EXPECT_EQ(shown.back(), '\n') << shown;
+}
+
 TEST_F(CliInUsbWorld, MonitorOnATerminalSendsEachLineOnEnterAndCtrlBracketLeaves)
 {
     auto& controller = plugKorbatekDue();
