@@ -335,7 +335,7 @@ int CliSession::ip()
         }
         return kFailure;
     }
-    for (const auto& line : lines) {
+    for (const auto& line : _invocation.raw ? lines : assignmentLines(settingsFromDump(lines))) {
         std::cout << visibleText(line) << '\n';
     }
     return kSuccess;
@@ -397,6 +397,9 @@ int CliSession::saveIp(const ipsettings::Settings& settings)
         return kFailure;
     case ipsettings::WriteResult::Outcome::Written:
         break;
+    }
+    for (const auto& line : assignmentLines(settings)) {
+        std::cout << visibleText(line) << '\n';
     }
     std::cout << "Settings written; the Controller stores them and restarts.\n";
     return kSuccess;

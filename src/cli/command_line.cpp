@@ -208,6 +208,10 @@ Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& i
     if (command == Command::Ip && arg.find('=') != std::string::npos && arg[0] != '-') {
         return takeIpAssignment(arg, invocation);
     }
+    if (command == Command::Ip && arg == "--raw") {
+        invocation.raw = true;
+        return true;
+    }
     return UsageError{"unexpected argument '" + arg + "'"};
 }
 
@@ -254,6 +258,9 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
     if (invocation->command == Command::Flash && !invocation->firmwareFile) {
         return UsageError{"flash needs a firmware FILE"};
     }
+    if (invocation->raw && !invocation->assignments.empty()) {
+        return UsageError{"--raw only prints the settings; it takes no KEY=VALUE"};
+    }
     return parsed;
 }
 
@@ -284,8 +291,12 @@ Commands:
          [--ca-file FILE]  ask the update server for firmware made for this
                            Controller and install it
   flash FILE [-p PORT]     install a firmware file (Intel HEX)
-  ip [-p PORT]             print the Controller's network settings as it
-                           reports them, one per line
+  ip [-p PORT] [--raw]     print the Controller's network settings, one
+                           KEY=VALUE per line in the form 'ip KEY=VALUE...'
+                           takes (dhcp, ip, subnet, gateway, dns, devN,
+                           enableN), so 'quendral-cli ip $(quendral-cli ip)'
+                           writes the same settings back; --raw prints the
+                           Controller's own lines instead
   ip [-p PORT] KEY=VALUE...
                            change network settings and write them all; the
                            Controller stores them and restarts. Keys:
@@ -298,8 +309,9 @@ Commands:
                              devN=ADDRESS  address of attached device N (from 1)
                              enableN=0|1   switch attached device N off or on
                            Settings not named keep their current values. The
-                           addresses are checked first: if one is invalid,
-                           nothing is sent.
+                           addresses are checked first: each must be a whole
+                           dotted-quad address, or nothing is sent. The
+                           settings written are printed in the same form.
   webconfig [-p PORT]      switch the Controller's configuration web server on
                            or off; when it comes on, its address is opened in
                            the browser (printed when there is no desktop)

@@ -28,6 +28,7 @@ struct Invocation {
     Command command = Command::Help;
     std::optional<std::string> port;                              // -p NAME or /dev path
     std::optional<std::string> build;                             // update --build
+    bool raw = false;                                             // ip --raw
     Answer answer = Answer::Ask;                                  // update --yes / --no
     std::optional<std::string> serverURL;                         // update --server https://host[:port]
     std::optional<std::string> caFile;                            // update --ca-file FILE

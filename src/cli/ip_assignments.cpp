@@ -40,9 +40,17 @@ std::optional<std::string> refuseInvalidTypedAddress(const Assignments& assignme
     for (const auto& [number, value] : typedDevices) {
         typedInOrder.emplace_back("dev" + std::to_string(number), value);
     }
+    // The window's check takes the first address it finds in a field
+    // ("192.168.10.1234" gives 192.168.10.123); a typed value is taken only
+    // when it is that address and nothing more.
     for (const auto& [key, value] : typedInOrder) {
-        if (!ipsettings::verifyIP(value)) {
+        const auto valid = ipsettings::verifyIP(value);
+        if (!valid) {
             return invalidText(key, value);
+        }
+        if (*valid != value) {
+            return "Invalid: " + key + "=" + visibleText(value) + " (not a whole address, only " + *valid +
+                   " of it is one; nothing was sent)";
         }
     }
     return std::nullopt;
@@ -93,6 +101,26 @@ std::optional<std::string> applyAssignments(const Assignments& assignments, ipse
         }
     }
     return std::nullopt;
+}
+
+std::vector<std::string> assignmentLines(const ipsettings::Settings& settings)
+{
+    std::vector<std::string> lines;
+    if (settings.ip == ipsettings::IpDump::kDhcpAddress) {
+        lines.emplace_back("dhcp=on");
+    } else {
+        lines.emplace_back("dhcp=off");
+        lines.push_back("ip=" + settings.ip);
+    }
+    lines.push_back("subnet=" + settings.subnet);
+    lines.push_back("gateway=" + settings.gateway);
+    lines.push_back("dns=" + settings.dns);
+    for (std::size_t i = 0; i < settings.devices.size(); ++i) {
+        const std::string number = std::to_string(i + 1);
+        lines.push_back("dev" + number + "=" + settings.devices[i].address);
+        lines.push_back("enable" + number + "=" + (settings.devices[i].enabled ? "1" : "0"));
+    }
+    return lines;
 }
 
 std::optional<std::string> normaliseAddresses(ipsettings::Settings& settings)

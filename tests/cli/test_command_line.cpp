@@ -78,6 +78,14 @@ TEST(CommandLine, UnknownCommandsAndArgumentsAreUsageErrors)
     EXPECT_EQ(error({"log", "-p", "ttyACM0"}), "unexpected argument '-p'");
 }
 
+TEST(CommandLine, IpRawOnlyPrints)
+{
+    EXPECT_TRUE(parsed({"ip", "--raw"}).raw);
+    EXPECT_FALSE(parsed({"ip"}).raw);
+    EXPECT_EQ(error({"ip", "--raw", "ip=192.168.10.5"}), "--raw only prints the settings; it takes no KEY=VALUE");
+    EXPECT_EQ(error({"identify", "--raw"}), "unexpected argument '--raw'");
+}
+
 TEST(CommandLine, HelpAndVersion)
 {
     EXPECT_EQ(parsed({"--help"}).command, Command::Help);

@@ -137,12 +137,42 @@ TEST_F(CliWithTwoControllers, UnknownPortIsRefusedWithoutTouchingAnyController)
 
 // --- ip -------------------------------------------------------------------------
 
-TEST_F(CliInUsbWorld, IpPrintsTheDumpLines)
+TEST_F(CliInUsbWorld, IpPrintsTheSettingsAsAssignmentsThatWriteThemBackUnchanged)
 {
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines(kDump);
 
-    const CliResult result = cliExiting(0, {"ip"});
+    const CliResult printed = cliExiting(0, {"ip"});
+    const std::vector<std::string> assignments{"dhcp=off",
+                                               "ip=192.168.10.50",
+                                               "subnet=255.255.255.0",
+                                               "gateway=192.168.10.1",
+                                               "dns=192.168.10.2",
+                                               "dev1=192.168.10.60",
+                                               "enable1=1",
+                                               "dev2=192.168.10.61",
+                                               "enable2=0"};
+    EXPECT_EQ(printed.out, joinedLines(assignments));
+
+    // quendral-cli ip $(quendral-cli ip): the same settings go back, and are printed.
+    std::vector<std::string> arguments{"ip"};
+    arguments.insert(arguments.end(), assignments.begin(), assignments.end());
+    const CliResult written = cliExiting(0, arguments);
+    EXPECT_EQ(written.out, joinedLines(assignments) + "Settings written; the Controller stores them and restarts.\n");
+    ASSERT_TRUE(controller.waitForLine("reset", 5s));
+    EXPECT_EQ(
+        controller.receivedLines(),
+        (std::vector<std::string>{"dumpIP", "dumpIP", "bulkip", "ip=192.168.10.50", "subnet=255.255.255.0",
+                                  "gateway=192.168.10.1", "dns=192.168.10.2", "ipDevice1=192.168.10.60",
+                                  "enableDevice1=1", "ipDevice2=192.168.10.61", "enableDevice2=0", "store", "reset"}));
+}
+
+TEST_F(CliInUsbWorld, IpRawPrintsTheDumpLines)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    const CliResult result = cliExiting(0, {"ip", "--raw"});
     EXPECT_EQ(result.out, joinedLines(kDump));
     EXPECT_NE(result.err.find("Waiting for controller to send IP configuration.. (20)\n"), std::string::npos)
         << describe(result);
@@ -166,7 +196,10 @@ TEST_F(CliInUsbWorld, IpWritesTheWholeSequenceWithTheChangedSettings)
 
     const CliResult result = cliExiting(
         0, {"ip", "ip=192.168.10.77", "gateway=192.168.10.254", "dev2=192.168.10.62", "enable2=1", "enable1=0"});
-    EXPECT_EQ(result.out, "Settings written; the Controller stores them and restarts.\n");
+    EXPECT_EQ(result.out,
+              joinedLines({"dhcp=off", "ip=192.168.10.77", "subnet=255.255.255.0", "gateway=192.168.10.254",
+                           "dns=192.168.10.2", "dev1=192.168.10.60", "enable1=0", "dev2=192.168.10.62", "enable2=1"}) +
+                  "Settings written; the Controller stores them and restarts.\n");
     ASSERT_TRUE(controller.waitForLine("reset", 5s));
     // The dump is read first; the settings not named keep the Controller's values.
     EXPECT_EQ(
@@ -223,12 +256,8 @@ TEST_P(CliDhcpSwitch, WritesTheWholeSequence)
 INSTANTIATE_TEST_SUITE_P(
     CliInUsbWorld, CliDhcpSwitch,
     ::testing::Values(
-        // "dns 10.0.0.5x" keeps only its address, as the window's check does.
-        DhcpCase{"IpDhcpOnSendsTheDhcpAddressAndAddressesAreNormalisedAsTheWindowDoes",
-                 "192.168.10.50",
-                 {"ip", "dhcp=on", "dns=dns 10.0.0.5x"},
-                 "0.0.0.0",
-                 "10.0.0.5"},
+        DhcpCase{
+            "IpDhcpOnSendsTheDhcpAddress", "192.168.10.50", {"ip", "dhcp=on", "dns=10.0.0.5"}, "0.0.0.0", "10.0.0.5"},
         DhcpCase{"IpDhcpOffProposesTheFixedAddress", "0.0.0.0", {"ip", "dhcp=off"}, "192.168.10.99", "192.168.10.2"},
         DhcpCase{"IpDhcpOffOnAControllerWithAFixedAddressKeepsItsAddress",
                  "192.168.10.50",
@@ -244,6 +273,23 @@ TEST_F(CliInUsbWorld, IpRefusesAnInvalidAddressAndTheControllerHearsNothing)
 
     const CliResult result = cliExiting(1, {"ip", "ip=192.168.10.77", "gateway=192.168.1.300"});
     EXPECT_EQ(result.out, "Invalid: gateway=192.168.1.300 (nothing was sent)\n");
+    EXPECT_TRUE(controller.receivedLines().empty()) << joinedLines(controller.receivedLines());
+    EXPECT_EQ(controller.openCount(), 0);
+}
+
+// The window's field would keep the first address it finds in the text; a
+// typed address is whole or refused, never cut to what looks like one.
+TEST_F(CliInUsbWorld, IpRefusesATypedAddressThatIsNotWholeAndTheControllerHearsNothing)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setIPDumpLines(kDump);
+
+    CliResult result = cliExiting(1, {"ip", "dev1=192.168.10.1234"});
+    EXPECT_EQ(result.out, "Invalid: dev1=192.168.10.1234 (not a whole address, only 192.168.10.123 of it is one; "
+                          "nothing was sent)\n");
+    result = cliExiting(1, {"ip", "dns=dns 10.0.0.5x"});
+    EXPECT_EQ(result.out, "Invalid: dns=dns 10.0.0.5x (not a whole address, only 10.0.0.5 of it is one; nothing was "
+                          "sent)\n");
     EXPECT_TRUE(controller.receivedLines().empty()) << joinedLines(controller.receivedLines());
     EXPECT_EQ(controller.openCount(), 0);
 }

@@ -44,7 +44,7 @@ TEST_F(CliInUsbWorld, IpShowsHostileDumpLinesMadeVisible)
     auto& controller = plugKorbatekDue();
     controller.setIPDumpLines({"ip;192.168.10.50", "dev;1;Boiler " + kHostile + ";192.168.10.60;1"});
 
-    const CliResult result = cliExiting(0, {"ip"});
+    const CliResult result = cliExiting(0, {"ip", "--raw"});
     EXPECT_EQ(result.out, "ip;192.168.10.50\ndev;1;Boiler " + kVisible + ";192.168.10.60;1\n") << describe(result);
 }
 
