@@ -143,6 +143,7 @@ CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
     options.answer = invocation.answer == Answer::Yes  ? TerminalFeedback::Answer::Yes
                      : invocation.answer == Answer::No ? TerminalFeedback::Answer::No
                                                        : TerminalFeedback::Answer::Ask;
+    options.quiet = invocation.quiet;
     options.desktop = hasDesktop();
     options.openOnDesktop = openOnDesktop;
     _feedback = std::make_unique<TerminalFeedback>(std::move(options));
@@ -516,7 +517,7 @@ int CliSession::monitor()
     }
     MonitorTerminal lineEditor;
     const bool terminal = lineEditor.isTerminal();
-    if (terminal) {
+    if (terminal && !_invocation.quiet) {
         std::cerr << "Serial monitor on " << path << " at 115200 baud. Enter sends a line, Ctrl-] leaves.\n";
     }
     std::atomic<bool> done{false};

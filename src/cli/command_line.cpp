@@ -189,6 +189,10 @@ Taken takeIpAssignment(const std::string& arg, Invocation& invocation)
 Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& invocation)
 {
     const Command command = invocation.command;
+    if (arg == "-q" || arg == "--quiet") {
+        invocation.quiet = true;
+        return true;
+    }
     if ((arg == "-p" || arg == "--port") && takesPort(command)) {
         return takeNonEmpty(reader, invocation.port, arg + " needs a port name or path");
     }
@@ -340,12 +344,15 @@ Options:
   --resources DIR          (update, flash) take the flashing tools and the
                            intermediate firmware from DIR instead of the
                            installed ones (for testing)
+  -q, --quiet              (every command) print only results and errors: no
+                           waiting texts, no progress
   -h, --help               show this help and exit
   -V, --version            show the program's version and exit
 
 Results go to standard output; progress and waiting messages go to standard
-error. Control characters in what a Controller or the update server sends are
-shown as escapes (\x1b, \r, \0, ...); line ends stay.
+error (progress as a bar on a terminal, otherwise a line at each tenth).
+Control characters in what a Controller or the update server sends are shown
+as escapes (\x1b, \r, \0, ...); line ends stay.
 
 Exit codes:
   0  success (update: installed and reported to the server)

@@ -29,6 +29,7 @@ struct Invocation {
     std::optional<std::string> port;                              // -p NAME or /dev path
     std::optional<std::string> build;                             // update --build
     bool raw = false;                                             // ip --raw
+    bool quiet = false;                                           // --quiet
     Answer answer = Answer::Ask;                                  // update --yes / --no
     std::optional<std::string> serverURL;                         // update --server https://host[:port]
     std::optional<std::string> caFile;                            // update --ca-file FILE

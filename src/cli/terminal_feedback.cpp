@@ -1,5 +1,6 @@
 #include "terminal_feedback.h"
 
+#include "flashing/upload_status.h"
 #include "log/visible_text.h"
 
 #include <algorithm>
@@ -60,9 +61,16 @@ void TerminalFeedback::status(std::string text)
     std::lock_guard lock(_mutex);
     _statusTexts.push_back(text);
     // The window clears its status line with an empty text; a terminal has nothing to clear.
-    if (!text.empty()) {
+    if (!text.empty() && !_options.quiet) {
         printStatusLine(text);
     }
+}
+
+void TerminalFeedback::failure(std::string text)
+{
+    std::lock_guard lock(_mutex);
+    _statusTexts.push_back(text);
+    printStatusLine(text);
 }
 
 void TerminalFeedback::statusWithLink(std::string text, std::size_t linkLength, std::string url)
@@ -78,7 +86,13 @@ void TerminalFeedback::uploadProgress(int percent)
 {
     std::lock_guard lock(_mutex);
     const int value = std::clamp(percent, 0, 100);
-    if (value == _lastProgress) {
+    if (_options.quiet || value == _lastProgress) {
+        return;
+    }
+    // Lines (a pipe, a file) come at each tenth reached; a bar that starts
+    // again lower (the verification after the write) starts its lines again.
+    const bool sameTenth = _lastProgress >= 0 && value > _lastProgress && value / 10 == _lastProgress / 10;
+    if (!_options.progressBar && sameTenth) {
         return;
     }
     _lastProgress = value;
@@ -135,7 +149,11 @@ bool TerminalFeedback::ask(const std::string& message)
 
 void TerminalFeedback::uploadState(std::string text)
 {
-    status(std::move(text));
+    if (text == upload::kUpdateFailed) {
+        failure(std::move(text));
+    } else {
+        status(std::move(text));
+    }
 }
 
 void TerminalFeedback::openURL(const std::string& url)

@@ -31,6 +31,7 @@ public:
         bool interactive = false;       // `in` and `out` are a terminal: questions are asked
         bool progressBar = false;       // `status` is a terminal: progress is one redrawn bar
         Answer answer = Answer::Ask;    // --yes / --no
+        bool quiet = false;             // --quiet: results and errors only
         bool desktop = false;           // a desktop session can open URLs
         // Opens a URL on the desktop; true when it was handed over.
         std::function<bool(const std::string&)> openOnDesktop;
@@ -39,6 +40,7 @@ public:
     explicit TerminalFeedback(Options options);
 
     void status(std::string text) override;
+    void failure(std::string text) override;
     void statusWithLink(std::string text, std::size_t linkLength, std::string url) override;
     void alert(const std::string& message) override;
     bool ask(const std::string& message) override;

@@ -121,7 +121,7 @@ UpdateOutcome FirmwareUploader::flashFile(const PortPath& port, const std::strin
     _clock.sleepFor(Clock::Seconds(0));
 
     if (board == nullptr) {
-        _feedback.status("Error: Unable to identify device");
+        _feedback.failure("Error: Unable to identify device");
         return UpdateOutcome::UploadFailed;
     }
     // From the touch on the board may be erased (a SAM board's touch erases
@@ -201,7 +201,7 @@ bool FirmwareUploader::waitForBootloaderAndFlash(const std::string& hexFile,
         const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(_clock.now() - start).count();
         remaining = kReappearanceSeconds - elapsed;
     }
-    _feedback.status("Unable to reset device into programming mode!");
+    _feedback.failure("Unable to reset device into programming mode!");
     return false;
 }
 

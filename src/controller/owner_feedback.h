@@ -8,6 +8,7 @@
 // made; alert() and ask() block the work until the owner has answered.
 #include <cstddef>
 #include <string>
+#include <utility>
 
 namespace quendral {
 
@@ -17,6 +18,9 @@ public:
 
     // The one-line status text.
     virtual void status(std::string text) = 0;
+    // A status text that says what went wrong. The window shows it like any
+    // other; a terminal keeps it when it shows results and errors only.
+    virtual void failure(std::string text) { status(std::move(text)); }
     // The server-error text whose last `linkLength` characters link to `url`.
     virtual void statusWithLink(std::string text, std::size_t linkLength, std::string url) = 0;
     // A message with one "Ok" button.

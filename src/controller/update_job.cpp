@@ -73,7 +73,7 @@ const BoardIdentification* UpdateJob::boardToUpdate(const std::string& path)
     const BoardIdentification* board = BoardTable::find(FirmwareUploader::identifyBoard(path));
     if (board == nullptr || !board->updatePlatform) {
         Logger::log("Detected unsupported device");
-        _feedback.status("Check for updates is not supported for this device type.");
+        _feedback.failure("Check for updates is not supported for this device type.");
         return nullptr;
     }
     Logger::log("Detected KorbatekDue");
@@ -89,7 +89,7 @@ UpdateOutcome UpdateJob::run(const PortPath& port, const BoardIdentification& bo
     }
     if (outcome == UpdateOutcome::UploadFailed) {
         Logger::log("Error: Upload failed");
-        _feedback.status("An error occured during firmware upload.");
+        _feedback.failure("An error occured during firmware upload.");
     }
     return outcome;
 }
@@ -212,7 +212,7 @@ UpdateOutcome UpdateJob::fetchAndInstall(const PortPath& port, const BoardIdenti
                 continue;
             }
             Logger::log("Failed checksum, aborting update");
-            _feedback.status("Checksum did not match on received data. Please contact support.");
+            _feedback.failure("Checksum did not match on received data. Please contact support.");
             return UpdateOutcome::ChecksumFailed;
         }
         const auto pollStatus = polled ? polled->stringValue("status") : std::nullopt;
@@ -226,7 +226,7 @@ UpdateOutcome UpdateJob::fetchAndInstall(const PortPath& port, const BoardIdenti
         if (pollStatus == "error" && pollDescription == "connection") {
             // Unreachable after the test above ("internal" is the only error
             // left here); kept in the order the job has always tested.
-            _feedback.status("Could not connect to the update server. Please check your internet connection.");
+            _feedback.failure("Could not connect to the update server. Please check your internet connection.");
         }
         _clock.sleepFor(Clock::Seconds(1.0));
     }
@@ -272,8 +272,8 @@ std::optional<ComputerWideLock> UpdateJob::waitForFlashLock()
         }
     }
     Logger::log("ERROR, the other firmware update on this computer did not finish in time; nothing was flashed");
-    _feedback.status("Another firmware update on this computer did not finish in time. Nothing was flashed; please "
-                     "try again.");
+    _feedback.failure("Another firmware update on this computer did not finish in time. Nothing was flashed; please "
+                      "try again.");
     return std::nullopt;
 }
 

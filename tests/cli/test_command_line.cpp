@@ -78,6 +78,16 @@ TEST(CommandLine, UnknownCommandsAndArgumentsAreUsageErrors)
     EXPECT_EQ(error({"log", "-p", "ttyACM0"}), "unexpected argument '-p'");
 }
 
+TEST(CommandLine, QuietIsTakenByEveryCommand)
+{
+    EXPECT_FALSE(parsed({"update"}).quiet);
+    for (const char* command : {"ports", "identify", "update", "ip", "webconfig", "online-config", "monitor"}) {
+        EXPECT_TRUE(parsed({command, "--quiet"}).quiet) << command;
+        EXPECT_TRUE(parsed({command, "-q"}).quiet) << command;
+    }
+    EXPECT_TRUE(parsed({"flash", "firmware.hex", "-q"}).quiet);
+}
+
 TEST(CommandLine, IpRawOnlyPrints)
 {
     EXPECT_TRUE(parsed({"ip", "--raw"}).raw);

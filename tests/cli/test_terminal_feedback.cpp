@@ -71,6 +71,55 @@ TEST(TerminalFeedback, ProgressIsPercentLinesWithoutATerminal)
     EXPECT_EQ(out.str(), "Progress: 0%\nProgress: 40%\nProgress: 100%\n");
 }
 
+// Into a pipe or a file, an upload's progress is a line at each tenth reached
+// (the tools report every chunk: one update once wrote 273 lines).
+TEST(TerminalFeedback, ProgressIntoAPipeIsALineAtEachTenthAtMost)
+{
+    std::ostringstream out;
+    std::istringstream in;
+    TerminalFeedback view(options(out, in, false));
+    view.uploadBegins();
+    for (int percent = 0; percent <= 100; ++percent) {
+        view.uploadProgress(percent);
+        view.uploadProgress(percent); // reported twice, shown at most once
+    }
+    view.uploadProgress(37); // a second bar (the verification) starts lower
+    view.uploadProgress(55);
+    std::string expected = "Progress: 0%\n";
+    for (int tenth = 0; tenth <= 100; tenth += 10) {
+        expected += "Progress: " + std::to_string(tenth) + "%\n";
+    }
+    expected += "Progress: 37%\nProgress: 55%\n";
+    EXPECT_EQ(out.str(), expected);
+}
+
+// --quiet: results and errors only (failures, the server error, alerts and
+// questions); no waiting texts, no tool states, no progress.
+TEST(TerminalFeedback, QuietShowsErrorsButNoWaitingTextsAndNoProgress)
+{
+    std::ostringstream out;
+    std::istringstream in;
+    auto quiet = options(out, in, false, TerminalFeedback::Answer::No);
+    quiet.quiet = true;
+    TerminalFeedback view(quiet);
+    view.uploadBegins();
+    view.status("Waiting for device to boot.. (20)");
+    view.uploadState("Writing firmware...");
+    view.uploadProgress(50);
+    view.uploadState("An error occured during the firmware update");
+    view.failure("An error occured during firmware upload.");
+    view.statusWithLink("A server error occured. Please go to the support website", 15, "http://support.example/");
+    view.alert("Could not get device IP configuration");
+    EXPECT_FALSE(view.ask("Proceed?"));
+    EXPECT_EQ(out.str(), "An error occured during the firmware update\n"
+                         "An error occured during firmware upload.\n"
+                         "A server error occured. Please go to the support website\n"
+                         "  support website: http://support.example/\n"
+                         "Could not get device IP configuration\n"
+                         "Proceed?\n"
+                         "Answered no (--no).\n");
+}
+
 TEST(TerminalFeedback, ProgressIsABarOnATerminalAndTheNextLineStartsFresh)
 {
     std::ostringstream out;
