@@ -14,7 +14,7 @@
 //     umockdev-wrapper build/bench/bench_update_road [RUNS]     (default 5)
 //
 // (it starts itself under umockdev-wrapper when run without it).
-#include "update_unplug/road_world.h"
+#include "e2e/road_world.h"
 
 #include "flashing/upload_status.h"
 #include "log/logger.h"

@@ -1,7 +1,7 @@
 // The main queue on the Qt event loop: order, posts from other threads, and a
 // task that runs a nested event loop (a modal alert) while more work waits.
-#include "gui_test_support.h"
 #include "platform/dispatch.h"
+#include "support/gui_test_support.h"
 
 #include <QEventLoop>
 #include <QTimer>

@@ -1,6 +1,6 @@
 // Transport failures, TLS trust, time limits and answers of odd shape, against
 // the local HTTPS update server.
-#include "client_test_support.h"
+#include "update_server_test_bed.h"
 
 #include <arpa/inet.h>
 #include <chrono>

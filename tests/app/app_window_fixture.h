@@ -5,9 +5,9 @@
 // log in a folder of its own and the browser replaced by a UrlRecorder.
 #include "app_delegate.h"
 #include "controller/main_view_controller.h"
-#include "device_fixture.h"
 #include "host_window.h"
 #include "qt_main_view.h"
+#include "support/device_window_fixture.h"
 #include "support/fast_forward_clock.h"
 #include "support/temp_dir.h"
 #include "ui_MasterView.h"

@@ -9,8 +9,8 @@
 #include "windows/serial_monitor.h"
 
 #include <QFileDialog>
-#include <QLineEdit>
 #include <QHideEvent>
+#include <QLineEdit>
 #include <QMenuBar>
 #include <QWindow>
 

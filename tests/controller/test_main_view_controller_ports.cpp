@@ -1,10 +1,10 @@
 // MainViewController's port list: the same menu and look-ups, reached through
 // the controller that the window and the update road use.
-#include "port_manager_world.h"
 #include "port_menu_view.h"
 
 #include "controller/main_view_controller.h"
 #include "simulated_usb_board.h"
+#include "support/port_manager_world.h"
 
 #include <thread>
 

@@ -1,9 +1,9 @@
 // The port menu against the real port manager in a umockdev world.
-#include "port_manager_world.h"
 #include "port_menu_view.h"
 
 #include "controller/port_list.h"
 #include "serial/serial_port_attributes.h"
+#include "support/port_manager_world.h"
 
 using namespace quendral;
 using namespace quendral::test;

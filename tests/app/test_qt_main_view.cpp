@@ -1,6 +1,6 @@
 #include "controller/view_feedback.h"
-#include "gui_test_support.h"
 #include "qt_main_view.h"
+#include "support/gui_test_support.h"
 #include "ui_MasterView.h"
 
 #include <gtest/gtest.h>

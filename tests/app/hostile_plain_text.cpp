@@ -2,8 +2,8 @@
 // Controller's line that looks like markup ("<b>x</b>", a link, an image) is
 // never rendered as rich text. Qt labels and message boxes guess rich text
 // from the text itself unless told otherwise.
-#include "gui/gui_test_support.h"
 #include "qt_main_view.h"
+#include "support/gui_test_support.h"
 #include "windows/ip_config.h"
 #include "windows/window_host.h"
 

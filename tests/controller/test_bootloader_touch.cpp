@@ -1,10 +1,10 @@
 // The 1200-baud touch on simulated USB boards: the board leaves the bus and
 // comes back as its boot loader; the port manager and the menu follow.
-#include "port_manager_world.h"
 #include "port_menu_view.h"
 
 #include "controller/port_list.h"
 #include "simulated_usb_board.h"
+#include "support/port_manager_world.h"
 #include "support/recording_serial_delegate.h"
 
 #include <thread>

@@ -1,6 +1,6 @@
 // The three requests and what reaches the server, against the local HTTPS update server.
-#include "client_test_support.h"
 #include "platform/app_info.h"
+#include "update_server_test_bed.h"
 
 #include <algorithm>
 

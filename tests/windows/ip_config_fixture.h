@@ -1,7 +1,7 @@
 #pragma once
 // The IP configuration window on its own, with a host that counts what the
 // window asks of it, against a simulated Controller on /dev/ttyACM0.
-#include "device_fixture.h"
+#include "support/device_window_fixture.h"
 #include "support/sample_ip_dump.h"
 #include "windows/ip_config.h"
 #include "windows/window_host.h"

@@ -1,4 +1,4 @@
-#include "device_fixture.h"
+#include "support/device_window_fixture.h"
 #include "ui_SerialMonitorView.h"
 #include "windows/serial_monitor.h"
 

@@ -1,6 +1,6 @@
 // The local update server itself: later end-to-end tests and the demo rely on
 // each of its behaviours, so each is pinned here (through the real client).
-#include "client_test_support.h"
+#include "update_server_test_bed.h"
 
 #include <curl/curl.h>
 #include <openssl/evp.h>

@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-using quendral::test::ShellResult;
 using quendral::test::runShellCommand;
+using quendral::test::ShellResult;
 using quendral::test::TempDir;
 
 namespace {
@@ -22,7 +22,7 @@ ShellResult runWindow(const std::string& arguments)
     EXPECT_NE(window, nullptr);
     const TempDir data;
     return runShellCommand("env QT_QPA_PLATFORM=offscreen XDG_DATA_HOME=" + data.path().string() + " timeout 10 " +
-                      (window != nullptr ? window : "false") + " " + arguments + " 2>&1");
+                           (window != nullptr ? window : "false") + " " + arguments + " 2>&1");
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 // the client treats them like an answer that is not JSON, says why in the log,
 // and the whole request stays near the size of the body it downloaded. The
 // memory is measured in a child process (support/peak_memory.h).
-#include "client_test_support.h"
 #include "support/peak_memory.h"
+#include "update_server_test_bed.h"
 
 #include <string>
 

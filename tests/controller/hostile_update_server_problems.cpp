@@ -1,7 +1,7 @@
 // The update server client says why an answer could not be used: a server
 // out of reach (in libcurl's words), an answer beyond the size limit, a body
 // that is no JSON object, a query that could not be made.
-#include "update_server/client_test_support.h"
+#include "update_server_test_bed.h"
 
 using namespace quendral;
 using namespace quendral::test;

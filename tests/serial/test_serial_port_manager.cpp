@@ -1,8 +1,7 @@
 // SerialPortManager in a umockdev world: enumeration, arrival, removal, the
 // single instance, sleep and wake, the exit handler, and the USB identity.
-#include "port_manager_world.h"
-
 #include "serial/serial_port_attributes.h"
+#include "support/port_manager_world.h"
 #include "support/recording_serial_delegate.h"
 
 #include <cstdio>
