@@ -2,6 +2,8 @@
 // real bossac, the local HTTPS update server, a umockdev USB world.
 #include "lab_run.h"
 
+#include "../support/update_road_texts.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,11 +15,8 @@ TEST(UpdateRoad, ControllerOnOldFirmwareIsUpdatedAndTheServerHearsOfTheSuccess)
 {
     const LabRun run = runInLab({}, cliUpdate({"--yes"}));
     EXPECT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_TRUE(inOrder(run.output, {"Waiting for device to boot.. (20)",
-                                     "Firmware upgrade file is being generated on the server. Please wait..",
-                                     "Waiting for device to go into programming mode.. (30)", "Preparing upload...",
-                                     "Writing firmware...", "Verifying firmware...", "Firmware successfully updated!",
-                                     "now runs version 2.0.0"}))
+    EXPECT_TRUE(inOrder(run.output, {bootCountdown(20), kGenerating, bootLoaderCountdown(30), kPreparing, kWriting,
+                                     kVerifying, kSuccess, "now runs version 2.0.0"}))
         << run.output;
 
     const auto& bodies = run.requests;

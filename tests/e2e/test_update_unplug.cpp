@@ -11,6 +11,7 @@
 #include "../support/descriptors.h"
 #include "../support/fast_forward_clock.h"
 #include "../support/scoped_log.h"
+#include "../support/update_road_texts.h"
 
 #include <gtest/gtest.h>
 
@@ -28,19 +29,6 @@ namespace {
 
 using Moment = sim::DueController::UnplugMoment;
 
-const std::string kIdentifying = "Waiting for device to boot.. (20)";
-const std::string kGenerating = "Firmware upgrade file is being generated on the server. Please wait..";
-const std::string kWaitingForBootLoader = "Waiting for device to go into programming mode.. (30)";
-const std::string kNoBootLoader = "Unable to reset device into programming mode!";
-const std::string kUnidentified = "Error: Unable to identify device";
-const std::string kUploadError = "An error occured during firmware upload.";
-const std::string kPreparing = "Preparing upload...";
-const std::string kWriting = "Writing firmware...";
-const std::string kToolFailed = "An error occured during the firmware update";
-const std::string kToolSucceeded = "Firmware successfully updated!";
-const std::string kIntermediateQuestion =
-    "An intermediate software version will be uploaded to your controller, then it will reboot, generate and "
-    "install the final firmware version. Proceed?";
 const char* const kDownloadedFirmware = "/tmp/quendral-hexfile.hex";
 
 // Longer than any ending the job can have with the fast clock (its longest
@@ -226,7 +214,8 @@ protected:
     {
         EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
         const auto texts = run->view.statusTexts();
-        EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kNoBootLoader, kUploadError})) << joined(texts);
+        EXPECT_TRUE(inOrder(texts, {kGenerating, bootLoaderCountdown(30), kNoBootLoader, kUploadError}))
+            << joined(texts);
         EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
         EXPECT_FALSE(run->view.shown(kPreparing));
         EXPECT_EQ(run->due.enumerations(), 1) << "the boot loader must never have appeared";
@@ -252,7 +241,7 @@ TEST_F(UpdateUnplug, WhileTheControllerIsAskedForItsIdentityTheUserWhoAgreesGets
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
     const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kIdentifying, kUnidentified, kUploadError})) << joined(texts);
+    EXPECT_TRUE(inOrder(texts, {bootCountdown(20), kUnidentified, kUploadError})) << joined(texts);
     EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
     EXPECT_EQ(run->view.dialogs(), std::vector<std::string>{kIntermediateQuestion});
     EXPECT_TRUE(run->view.alerts().empty());
@@ -348,8 +337,7 @@ TEST_F(UpdateUnplug, BetweenTheTouchAndTheBootLoaderTheWaitCountsDownAndGivesUp)
 
     expectBootLoaderNeverAppeared();
     // The countdown ran on past the board's departure.
-    EXPECT_TRUE(run->view.shown("Waiting for device to go into programming mode.. (1)"))
-        << joined(run->view.statusTexts());
+    EXPECT_TRUE(run->view.shown(bootLoaderCountdown(1))) << joined(run->view.statusTexts());
     EXPECT_EQ(run->due.mode(), sim::SamMode::BootLoader) << "the touch itself did reach the board";
 }
 
@@ -373,9 +361,9 @@ void UpdateUnplug::unplugWhileBossacWrites(const std::function<void()>& beforeUn
 
     EXPECT_EQ(run->outcome.load(), UpdateOutcome::UploadFailed);
     const auto texts = run->view.statusTexts();
-    EXPECT_TRUE(inOrder(texts, {kGenerating, kWaitingForBootLoader, kPreparing, kWriting, kToolFailed, kUploadError}))
+    EXPECT_TRUE(inOrder(texts, {kGenerating, bootLoaderCountdown(30), kPreparing, kWriting, kFailure, kUploadError}))
         << joined(texts);
-    EXPECT_FALSE(run->view.shown(kToolSucceeded)) << joined(texts);
+    EXPECT_FALSE(run->view.shown(kSuccess)) << joined(texts);
     EXPECT_EQ(texts.back(), kUploadError) << joined(texts);
     EXPECT_EQ(run->due.enumerations(), 2) << "the boot loader appeared once";
     expectReportedFailure();

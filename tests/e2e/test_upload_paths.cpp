@@ -6,6 +6,8 @@
 // offers no update check for.
 #include "lab_run.h"
 
+#include "../support/update_road_texts.h"
+
 #include <gtest/gtest.h>
 
 using namespace quendral::test;
@@ -34,24 +36,16 @@ TEST(UploadPaths, KorbatekDueThatNeverComesBackCountsDownThirtySecondsAndTheServ
 {
     const LabRun run = runInLab({"--due-stays-away"}, cliUpdate({"--yes"}));
     EXPECT_EQ(run.exitCode, 1) << run.output;
-    std::vector<std::string> countdown{"Firmware upgrade file is being generated on the server. Please wait.."};
-    for (int remaining = 30; remaining >= 1; --remaining) {
-        countdown.push_back("Waiting for device to go into programming mode.. (" + std::to_string(remaining) + ")\n");
-    }
-    countdown.emplace_back("Unable to reset device into programming mode!\n");
-    countdown.emplace_back("An error occured during firmware upload.\n");
     // Sleeps of one second on a loaded machine may skip a number, never add one.
-    EXPECT_TRUE(inOrder(run.output, {countdown.front(), countdown[1], "Unable to reset device into programming mode!\n",
-                                     "An error occured during firmware upload.\n"}))
+    EXPECT_TRUE(
+        inOrder(run.output, {kGenerating, bootLoaderCountdown(30) + "\n", kNoBootLoader + "\n", kUploadError + "\n"}))
         << run.output;
     EXPECT_GE(run.outputCount("Waiting for device to go into programming mode.. ("), 25) << run.output;
     EXPECT_LE(run.outputCount("Waiting for device to go into programming mode.. ("), 30) << run.output;
-    EXPECT_TRUE(run.says("Waiting for device to go into programming mode.. (1)\n") ||
-                run.says("Waiting for device to go into programming mode.. (2)\n"))
-        << run.output;
-    EXPECT_FALSE(run.says("Waiting for device to go into programming mode.. (0)")) << run.output;
+    EXPECT_TRUE(run.says(bootLoaderCountdown(1) + "\n") || run.says(bootLoaderCountdown(2) + "\n")) << run.output;
+    EXPECT_FALSE(run.says(bootLoaderCountdown(0))) << run.output;
     // bossac never ran.
-    EXPECT_FALSE(run.says("Writing firmware...")) << run.output;
+    EXPECT_FALSE(run.says(kWriting)) << run.output;
     EXPECT_EQ(run.log.find("Bossac"), std::string::npos) << run.log;
     EXPECT_TRUE(
         inOrder(run.log, {"Uploading firmware /tmp/quendral-hexfile.hex", "Resetting device into programming mode..",
