@@ -8,7 +8,6 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
-#include <QRegularExpression>
 #include <QTextDocument>
 
 #ifndef QUENDRAL_TEST_SUPPORT_URL
@@ -81,20 +80,17 @@ TEST_F(AboutBoxTest, ShowsTheVersionTheLogFileTheSupportPageAndTheShortcuts)
     EXPECT_TRUE(shown.contains(QString::fromStdString("Log file: " + logFile))) << shown.toStdString();
     EXPECT_TRUE(shown.contains(QStringLiteral("Support: " QUENDRAL_TEST_SUPPORT_URL))) << shown.toStdString();
 
-    // Each shortcut beside what it does.
-    const std::vector<std::pair<QString, QString>> shortcuts = {
-        {"Ctrl+Shift+U", "Check for update"},
-        {"Ctrl+Shift+C", "Online configuration"},
-        {"Ctrl+Shift+L", "Web configuration on/off"},
-        {"Ctrl+Shift+M", "Serial monitor"},
-        {"Ctrl+Shift+S", "Stop waiting for the Controller"},
-        {"Ctrl+Q", "Quit"},
-    };
-    for (const auto& [keys, action] : shortcuts) {
-        const QRegularExpression row("(^|\\s)" + QRegularExpression::escape(keys) + "\\s+" +
-                                     QRegularExpression::escape(action) + "(\\s|$)");
-        EXPECT_TRUE(shown.contains(row)) << keys.toStdString() << "\n" << shown.toStdString();
-    }
+    // The box ends with the shortcuts, each beside what it does, in this order
+    // and no others (white space as it reads, whatever the table's layout).
+    const qsizetype at = shown.indexOf("Keyboard shortcuts:");
+    ASSERT_GE(at, 0) << shown.toStdString();
+    EXPECT_EQ(shown.mid(at).simplified().toStdString(), "Keyboard shortcuts: "
+                                                        "Ctrl+Shift+U Check for update "
+                                                        "Ctrl+Shift+C Online configuration "
+                                                        "Ctrl+Shift+L Web configuration on/off "
+                                                        "Ctrl+Shift+M Serial monitor "
+                                                        "Ctrl+Shift+S Stop waiting for the Controller "
+                                                        "Ctrl+Q Quit");
 }
 
 // The support page opens in the browser from the box, by keyboard as well.
