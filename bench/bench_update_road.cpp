@@ -14,7 +14,7 @@
 //     umockdev-wrapper build/bench/bench_update_road [RUNS]     (default 5)
 //
 // (it starts itself under umockdev-wrapper when run without it).
-#include "update_unplug/road_world.h"
+#include "e2e/road_world.h"
 
 #include "flashing/upload_status.h"
 #include "log/logger.h"
@@ -35,6 +35,14 @@ using Instant = std::chrono::steady_clock::time_point;
 
 namespace {
 
+// What the job slept: the nominal lengths asked for, the time the sleeps
+// really took, and how many there were.
+struct Slept {
+    double nominal = 0;
+    double actual = 0;
+    int sleeps = 0;
+};
+
 // The system clock, counting what the job sleeps.
 class SleepCountingClock final : public Clock {
 public:
@@ -45,48 +53,33 @@ public:
         std::this_thread::sleep_for(duration);
         const auto after = std::chrono::steady_clock::now();
         std::lock_guard lock(_mutex);
-        _nominal += duration.count();
-        _actual += std::chrono::duration<double>(after - before).count();
-        ++_sleeps;
+        _slept.nominal += duration.count();
+        _slept.actual += std::chrono::duration<double>(after - before).count();
+        ++_slept.sleeps;
     }
     void reset()
     {
         std::lock_guard lock(_mutex);
-        _nominal = _actual = 0;
-        _sleeps = 0;
+        _slept = {};
     }
-    [[nodiscard]] double nominal() const
+    [[nodiscard]] Slept slept() const
     {
         std::lock_guard lock(_mutex);
-        return _nominal;
-    }
-    [[nodiscard]] double actual() const
-    {
-        std::lock_guard lock(_mutex);
-        return _actual;
-    }
-    [[nodiscard]] int sleeps() const
-    {
-        std::lock_guard lock(_mutex);
-        return _sleeps;
+        return _slept;
     }
 
 private:
     mutable std::mutex _mutex;
-    double _nominal = 0;
-    double _actual = 0;
-    int _sleeps = 0;
+    Slept _slept;
 };
 
 struct Figures {
     bool updated = false;
     double total = 0;
-    double sleptNominal = 0;
-    double sleptActual = 0;
-    int sleeps = 0;
+    Slept slept;
     double tool = 0;
     int requests = 0;
-    [[nodiscard]] double overhead() const { return total - sleptNominal - tool; }
+    [[nodiscard]] double overhead() const { return total - slept.nominal - tool; }
 };
 
 double seconds(Instant from, Instant to)
@@ -148,9 +141,7 @@ Figures oneUpdate(SleepCountingClock& clock)
         return figures;
     }
     figures.total = seconds(start, *end);
-    figures.sleptNominal = clock.nominal();
-    figures.sleptActual = clock.actual();
-    figures.sleeps = clock.sleeps();
+    figures.slept = clock.slept();
     figures.tool = seconds(*toolStart, *toolEnd);
     figures.requests = static_cast<int>(run.serverBodies().size());
     run.controller->setUpdateFinishedHandler(nullptr);
@@ -204,8 +195,8 @@ int main(int argc, char** argv)
             return 1;
         }
         added.push_back(f.overhead() * 1000.0);
-        std::printf("%-4d %9.3f %9.3f %9.3f %9.3f %7d %9d %9.1f\n", i, f.total, f.sleptNominal, f.sleptActual, f.tool,
-                    f.sleeps, f.requests, f.overhead() * 1000.0);
+        std::printf("%-4d %9.3f %9.3f %9.3f %9.3f %7d %9d %9.1f\n", i, f.total, f.slept.nominal, f.slept.actual, f.tool,
+                    f.slept.sleeps, f.requests, f.overhead() * 1000.0);
     }
     std::cout << "load average after: " << loadAverage() << "\n";
     std::printf("added by the application per update: median %.1f ms, min %.1f ms, max %.1f ms (target < 200 ms)\n",

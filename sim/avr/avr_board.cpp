@@ -2,6 +2,7 @@
 
 #include "intel_hex.h"
 #include "serial_link.h"
+#include "stop_worker.h"
 
 #include <avr_ioport.h>
 #include <avr_uart.h>
@@ -212,13 +213,7 @@ bool AvrBoard::start(int fd, const std::string& peerPath)
 
 void AvrBoard::stop()
 {
-    if (!thread_.joinable()) {
-        return;
-    }
-    stop_ = true;
-    core_->link->wake();
-    thread_.join();
-    if (!options_.flashFile.empty()) {
+    if (stopWorker(stop_, thread_, [this] { core_->link->wake(); }) && !options_.flashFile.empty()) {
         saveFlash(options_.flashFile);
     }
 }

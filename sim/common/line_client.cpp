@@ -1,9 +1,10 @@
 #include "line_client.h"
 
+#include "pty.h"
+
 #include <chrono>
 #include <fcntl.h>
 #include <poll.h>
-#include <termios.h>
 #include <unistd.h>
 
 namespace quendral::sim {
@@ -14,13 +15,7 @@ LineClient::LineClient(const std::string& path)
     if (fd_ < 0) {
         return;
     }
-    termios tio{};
-    if (tcgetattr(fd_, &tio) == 0) {
-        cfmakeraw(&tio);
-        cfsetispeed(&tio, B115200);
-        cfsetospeed(&tio, B115200);
-        tcsetattr(fd_, TCSANOW, &tio);
-    }
+    makeRaw(fd_);
 }
 
 LineClient::~LineClient()

@@ -25,13 +25,7 @@ Pty openPty()
     }
     // The line discipline settings live on the pair; raw from the start so that
     // a peer that never sets them (a quick test client) gets no echo or newline mapping.
-    termios tio{};
-    if (tcgetattr(fd, &tio) == 0) {
-        cfmakeraw(&tio);
-        cfsetispeed(&tio, B115200);
-        cfsetospeed(&tio, B115200);
-        tcsetattr(fd, TCSANOW, &tio);
-    }
+    makeRaw(fd);
     // A slave that was never opened shows no hang-up on the master; one open and
     // close puts the pair into the state it has after any peer has left.
     int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -41,6 +35,17 @@ Pty openPty()
     pty.master = fd;
     pty.slavePath = name;
     return pty;
+}
+
+void makeRaw(int fd)
+{
+    termios tio{};
+    if (tcgetattr(fd, &tio) == 0) {
+        cfmakeraw(&tio);
+        cfsetispeed(&tio, B115200);
+        cfsetospeed(&tio, B115200);
+        tcsetattr(fd, TCSANOW, &tio);
+    }
 }
 
 } // namespace quendral::sim

@@ -14,4 +14,8 @@ struct Pty {
 // board sees the peer's hang-up when the tool closes it. Returns master -1 on failure.
 Pty openPty();
 
+// Puts the line of the tty `fd` into raw mode at 115200 baud: no echo, no
+// newline mapping, every byte as it comes.
+void makeRaw(int fd);
+
 } // namespace quendral::sim

@@ -1,6 +1,7 @@
 #include "controller_simulator.h"
 
 #include "serial/arbitrary_baud_rate.h"
+#include "write_all.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -248,16 +249,8 @@ bool ControllerSimulator::hasBooted() const
 void ControllerSimulator::writeAll(std::string_view bytes)
 {
     std::lock_guard writing(_writeMutex);
-    while (!bytes.empty()) {
-        const ssize_t n = ::write(_deviceEnd, bytes.data(), bytes.size());
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return; // nobody listening (port closed): the bytes are lost, as on a wire
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-    }
+    // Fails with nobody listening (port closed): the bytes are lost, as on a wire.
+    sim::writeAll(_deviceEnd, bytes);
 }
 
 void ControllerSimulator::sendRaw(std::string_view bytes)

@@ -5,6 +5,7 @@
 #include "sam3x_memory.h"
 #include "samba_monitor.h"
 #include "serial_link.h"
+#include "stop_worker.h"
 
 #include <cstdio>
 #include <cstring>
@@ -70,13 +71,7 @@ bool SamBoard::start(int fd, const std::string& peerPath)
 
 void SamBoard::stop()
 {
-    if (!thread_.joinable()) {
-        return;
-    }
-    stop_ = true;
-    wake();
-    thread_.join();
-    if (!options_.flashFile.empty()) {
+    if (stopWorker(stop_, thread_, [this] { wake(); }) && !options_.flashFile.empty()) {
         saveFlash(options_.flashFile);
     }
 }

@@ -181,28 +181,35 @@ void UmockdevSerialDevice::setIoctlHook(std::function<void(unsigned long request
     _handler->hook = std::move(hook);
 }
 
+namespace {
+
+// One of the ioctl counts, read under the handler's lock.
+int countOf(const UmockdevSerialDevice::Handler& handler, int UmockdevSerialDevice::Handler::*count)
+{
+    std::lock_guard lock(handler.mutex);
+    return handler.*count;
+}
+
+} // namespace
+
 int UmockdevSerialDevice::exclusiveRequests() const
 {
-    std::lock_guard lock(_handler->mutex);
-    return _handler->exclusive;
+    return countOf(*_handler, &Handler::exclusive);
 }
 
 int UmockdevSerialDevice::nonExclusiveRequests() const
 {
-    std::lock_guard lock(_handler->mutex);
-    return _handler->nonExclusive;
+    return countOf(*_handler, &Handler::nonExclusive);
 }
 
 int UmockdevSerialDevice::modemLineSets() const
 {
-    std::lock_guard lock(_handler->mutex);
-    return _handler->sets;
+    return countOf(*_handler, &Handler::sets);
 }
 
 int UmockdevSerialDevice::modemLineGets() const
 {
-    std::lock_guard lock(_handler->mutex);
-    return _handler->gets;
+    return countOf(*_handler, &Handler::gets);
 }
 
 unsigned long UmockdevSerialDevice::speed() const

@@ -1,7 +1,7 @@
 // The Debian package as a user gets it: what dpkg is told about it, what it
 // puts on the disk, what Debian's own checkers say of it, and the unpacked
 // programs at work. package_build (CTest) made it from this build tree.
-#include "lab/lab_run.h"
+#include "e2e/lab_run.h"
 #include "support/shell_command.h"
 #include "support/temp_dir.h"
 

@@ -1,5 +1,6 @@
 #include "cli_child.h"
 #include "poll_until.h"
+#include "write_all.h"
 
 #include <cerrno>
 #include <csignal>
@@ -156,17 +157,7 @@ void CliChild::collect(int outFd, int errFd)
 
 bool CliChild::writeInput(std::string_view text)
 {
-    while (!text.empty() && _input >= 0) {
-        const ssize_t n = ::write(_input, text.data(), text.size());
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        text.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return text.empty();
+    return text.empty() || (_input >= 0 && sim::writeAll(_input, text));
 }
 
 void CliChild::closeInput()

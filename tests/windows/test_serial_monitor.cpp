@@ -1,0 +1,186 @@
+#include "support/device_window_fixture.h"
+#include "ui_SerialMonitorView.h"
+#include "windows/serial_monitor.h"
+
+#include <QScrollBar>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+using namespace quendral::test;
+using quendral::windows::SerialMonitor;
+
+namespace {
+
+class SerialMonitorTest : public DeviceWindowTest {
+protected:
+    void openMonitor()
+    {
+        monitor.show();
+        monitor.openPort("/dev/ttyACM0");
+        ASSERT_TRUE(monitor.isSerialOpen());
+        ASSERT_TRUE(simulator->waitForPortOpen(true, std::chrono::seconds(5)));
+    }
+
+    QString shownText()
+    {
+        monitor.flushPendingOutput();
+        // toPlainText() would turn the no-break space into a plain one; the raw
+        // text keeps it but shows line breaks as paragraph separators.
+        return monitor.ui().monitorWindow->document()->toRawText().replace(QChar::ParagraphSeparator, '\n');
+    }
+
+    SerialMonitor monitor;
+};
+
+} // namespace
+
+TEST_F(SerialMonitorTest, StartsWithANoBreakSpaceAtThe115200Entry)
+{
+    EXPECT_EQ(shownText(), QString(QChar(0x00A0)));
+    EXPECT_EQ(monitor.ui().baudRate->currentIndex(), 3);
+    EXPECT_TRUE(monitor.autoScroll());
+}
+
+TEST_F(SerialMonitorTest, OpensAt115200WithItsLogLines)
+{
+    openMonitor();
+    EXPECT_EQ(device->speed(), 115200UL);
+    EXPECT_TRUE(device->lines().dtr);
+    EXPECT_TRUE(device->lines().rts);
+    EXPECT_TRUE(spinUntil([&] { return logged("Serial port was opened"); }));
+    EXPECT_TRUE(logged("Opening serial port /dev/ttyACM0 with baud rate 115200"));
+    EXPECT_TRUE(logged("Serial monitor appeared"));
+}
+
+TEST_F(SerialMonitorTest, AnswerInTwoChunksIsShownJoined)
+{
+    openMonitor();
+    simulator->sendRaw("VERSION:");
+    ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("VERSION:"); }));
+    simulator->sendRaw("2.4.1\n");
+    EXPECT_TRUE(spinUntil([&] { return shownText() == QString(QChar(0x00A0)) + "VERSION:2.4.1\n"; }))
+        << shownText().toStdString();
+}
+
+TEST_F(SerialMonitorTest, ChunkThatIsNotUtf8IsDroppedWhole)
+{
+    openMonitor();
+    simulator->sendRaw("ab\xff\xfe");
+    spinUntil([] { return false; }, std::chrono::milliseconds(300));
+    simulator->sendRaw("ok\n");
+    ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("ok\n"); }));
+    EXPECT_FALSE(shownText().contains("ab")) << shownText().toStdString();
+}
+
+TEST_F(SerialMonitorTest, EnteringAWordSendsItWithALineFeedAndEmptiesTheField)
+{
+    openMonitor();
+    monitor.ui().inputField->setText("getVersion");
+    QTest::keyClick(monitor.ui().inputField, Qt::Key_Return);
+    EXPECT_TRUE(simulator->waitForLine("getVersion", std::chrono::seconds(5)));
+    EXPECT_TRUE(monitor.ui().inputField->text().isEmpty());
+}
+
+TEST_F(SerialMonitorTest, WithThePortClosedNothingIsSentAndTheTextStays)
+{
+    monitor.ui().inputField->setText("getVersion");
+    QTest::keyClick(monitor.ui().inputField, Qt::Key_Return);
+    EXPECT_EQ(monitor.ui().inputField->text(), "getVersion");
+    EXPECT_FALSE(simulator->waitForLine("getVersion", std::chrono::milliseconds(300)));
+}
+
+TEST_F(SerialMonitorTest, ServiceButtonsSendTheirCommandsByTag)
+{
+    openMonitor();
+    const std::vector<std::pair<QString, std::string>> buttons = {{"resetButton", "reset"},
+                                                                  {"configButton", "config"},
+                                                                  {"configdButton", "configd"},
+                                                                  {"clearPresetsButton", "clearpresets"},
+                                                                  {"debugButton", "debug"},
+                                                                  {"newMacButton", "newmac"},
+                                                                  {"okButton", "ok"}};
+    for (const auto& [name, command] : buttons) {
+        auto* button = monitor.findChild<QPushButton*>(name);
+        ASSERT_NE(button, nullptr) << name.toStdString();
+        button->click();
+        EXPECT_TRUE(simulator->waitForLine(command, std::chrono::seconds(5))) << command;
+    }
+    EXPECT_EQ(SerialMonitor::serviceCommandForTag(6), "ok");
+    EXPECT_EQ(SerialMonitor::serviceCommandForTag(7), std::nullopt);
+    const auto before = simulator->receivedLines().size();
+    monitor.buttonCommand(7);
+    spinUntil([] { return false; }, std::chrono::milliseconds(200));
+    EXPECT_EQ(simulator->receivedLines().size(), before);
+}
+
+TEST_F(SerialMonitorTest, WithAutoScrollOffNewOutputDoesNotMoveTheView)
+{
+    monitor.resize(600, 300);
+    openMonitor();
+    std::string lots;
+    for (int i = 0; i < 200; ++i) {
+        lots += "line " + std::to_string(i) + "\n";
+    }
+    simulator->sendRaw(lots);
+    ASSERT_TRUE(spinUntil([&] { return shownText().contains("line 199"); }));
+    QScrollBar* bar = monitor.ui().monitorWindow->verticalScrollBar();
+    EXPECT_EQ(bar->value(), bar->maximum());
+
+    monitor.ui().autoScrollCheckbox->click();
+    EXPECT_FALSE(monitor.autoScroll());
+    bar->setValue(10);
+    simulator->sendRaw(lots);
+    ASSERT_TRUE(spinUntil([&] { return shownText().count("line 199") == 2; }));
+    EXPECT_EQ(bar->value(), 10);
+}
+
+TEST_F(SerialMonitorTest, LongOutputWithoutLineFeedsIsCapped)
+{
+    openMonitor();
+    const std::string block(64 * 1024, 'x');
+    for (int i = 0; i < 8; ++i) {
+        simulator->sendRaw(block);
+    }
+    simulator->sendRaw("END");
+    ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("END"); }, std::chrono::seconds(20)));
+    EXPECT_LE(monitor.ui().monitorWindow->document()->characterCount(), SerialMonitor::kMaximumCharacters + 1);
+}
+
+TEST_F(SerialMonitorTest, BusyPortIsOpenedAgainOnceItIsFree)
+{
+    // Another program holds the port.
+    const int holder = ::open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(holder, 0);
+    ASSERT_EQ(::flock(holder, LOCK_EX | LOCK_NB), 0);
+
+    monitor.show();
+    monitor.openPort("/dev/ttyACM0");
+    EXPECT_FALSE(monitor.isSerialOpen());
+    ASSERT_TRUE(spinUntil([&] { return logged("Serial port error: Resource Busy"); }));
+
+    ::flock(holder, LOCK_UN);
+    ::close(holder);
+    EXPECT_TRUE(spinUntil([&] { return monitor.isSerialOpen(); }));
+    EXPECT_EQ(device->speed(), 115200UL);
+}
+
+TEST_F(SerialMonitorTest, HidingTheWindowClosesThePort)
+{
+    openMonitor();
+    monitor.hide();
+    EXPECT_TRUE(spinUntil([&] { return !monitor.isSerialOpen(); }));
+    EXPECT_TRUE(logged("Serial monitor disappeared."));
+    EXPECT_TRUE(spinUntil([&] { return logged("Serial port was closed"); }));
+}
+
+TEST_F(SerialMonitorTest, CloseSerialLogsAndClosesThePort)
+{
+    openMonitor();
+    monitor.closeSerial();
+    EXPECT_TRUE(spinUntil([&] { return !monitor.isSerialOpen(); }));
+    EXPECT_TRUE(logged("Closing serial port.."));
+    // The monitor lets go of the port as it closes it.
+    EXPECT_EQ(monitor.serial()->delegate(), nullptr);
+}
