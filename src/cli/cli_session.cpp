@@ -10,6 +10,7 @@
 #include "controller/update_job.h"
 #include "flashing/board_table.h"
 #include "ip_assignments.h"
+#include "json_output.h"
 #include "log/logger.h"
 #include "log/visible_text.h"
 #include "platform/dispatch.h"
@@ -144,6 +145,9 @@ CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
                      : invocation.answer == Answer::No ? TerminalFeedback::Answer::No
                                                        : TerminalFeedback::Answer::Ask;
     options.quiet = invocation.quiet;
+    if (invocation.json) {
+        options.out = &std::cerr; // standard output carries the JSON lines only
+    }
     options.desktop = hasDesktop();
     options.openOnDesktop = openOnDesktop;
     _feedback = std::make_unique<TerminalFeedback>(std::move(options));
@@ -243,6 +247,14 @@ int CliSession::ports()
     for (const SerialPort::Ptr& port : listed) {
         const CombinedUsbIdentifier code = usbIdentifierOf(listed, port->path());
         const BoardIdentification* board = BoardTable::find(code);
+        if (_invocation.json) {
+            printJson({{"port", port->name()},
+                       {"path", port->path()},
+                       {"vendor", hex4(static_cast<std::uint16_t>(code >> 16))},
+                       {"product", hex4(static_cast<std::uint16_t>(code & 0xFFFF))},
+                       {"board", board != nullptr ? nlohmann::json(board->board) : nlohmann::json(nullptr)}});
+            continue;
+        }
         std::cout << port->name() << '\t' << port->path() << '\t' << hex4(static_cast<std::uint16_t>(code >> 16)) << ':'
                   << hex4(static_cast<std::uint16_t>(code & 0xFFFF)) << '\t'
                   << (board != nullptr ? std::string(board->board) : std::string("unknown")) << '\n';
@@ -250,10 +262,29 @@ int CliSession::ports()
     return kSuccess;
 }
 
+nlohmann::json CliSession::resultObject(const std::string& outcome, const std::optional<std::string>& error) const
+{
+    const std::string path = _port->currentOrEmpty();
+    return {
+        {"port", path.substr(path.rfind('/') + 1)},       {"path", path},       {"cid", textOrNull(_link->deviceCID())},
+        {"version", textOrNull(_link->currentVersion())}, {"outcome", outcome}, {"error", textOrNull(error)}};
+}
+
 int CliSession::identify()
 {
     std::optional<std::string> cid;
     runInBackground([&] { cid = _link->getCID(*_port); });
+    if (_invocation.json) {
+        const auto message = _link->deviceMessage();
+        const char* outcome = cid                         ? "identified"
+                              : _link->portAccessDenied() ? "port-access-denied"
+                              : message                   ? "controller-message"
+                                                          : "not-identified";
+        printJson(resultObject(
+            outcome, cid ? std::nullopt
+                         : std::optional<std::string>(message.value_or("The Controller did not identify itself."))));
+        return cid ? kSuccess : kFailure;
+    }
     if (!cid) {
         if (!_link->deviceMessage() && !_link->portAccessDenied()) {
             std::cout << "The Controller did not identify itself.\n";
@@ -293,18 +324,19 @@ int CliSession::update()
     if (problem) {
         std::cerr << "quendral-cli: " << visibleText(serverProblemText(*problem)) << '\n';
     }
+    const auto previousVersion = _link->currentVersion();
+    std::optional<std::string> cid;
     if (outcome == UpdateOutcome::Updated) {
         // The Controller restarts on its new firmware: say which version it reports now.
         // A reply line is read only once the next byte arrives, so the first
         // answer can still carry the old firmware's last line: ask twice.
-        std::optional<std::string> cid;
         runInBackground([&] {
             cid = _link->getCID(*_port);
             if (cid) {
                 cid = _link->getCID(*_port);
             }
         });
-        if (cid) {
+        if (cid && !_invocation.json) {
             std::cout << "Controller " << visibleText(*cid) << " now runs version "
                       << visibleText(_link->currentVersion().value_or("")) << '\n';
         }
@@ -312,6 +344,20 @@ int CliSession::update()
         // Where the road went on (even to a report of success to the server)
         // without the tool ever running, the last word says so.
         std::cerr << "The Controller was not flashed: " << why << '\n';
+    }
+    if (_invocation.json) {
+        std::optional<std::string> error;
+        if (problem) {
+            error = serverProblemText(*problem);
+        } else if (const char* why = notFlashedReason(outcome)) {
+            error = std::string("The Controller was not flashed: ") + why;
+        }
+        nlohmann::json object = resultObject(outcomeKey(outcome), error);
+        object["previousVersion"] = textOrNull(previousVersion);
+        if (outcome != UpdateOutcome::Updated || !cid) {
+            object["version"] = nullptr; // not known to run anything yet
+        }
+        printJson(object);
     }
     return exitCodeFor(outcome, problem);
 }
@@ -323,6 +369,17 @@ int CliSession::flash()
     }
     UpdateOutcome outcome = UpdateOutcome::UploadFailed;
     runInBackground([&] { outcome = _uploader->flashFile(*_port, *_invocation.firmwareFile); });
+    if (_invocation.json) {
+        std::optional<std::string> error;
+        if (outcome != UpdateOutcome::Updated) {
+            const char* why = notFlashedReason(outcome);
+            error = std::string("The Controller was not flashed: ") +
+                    (why != nullptr ? why : "the upload failed (see the log).");
+        }
+        nlohmann::json object = resultObject(outcomeKey(outcome), error);
+        object["file"] = *_invocation.firmwareFile;
+        printJson(object);
+    }
     return outcome == UpdateOutcome::Updated ? kSuccess : kFailure;
 }
 
@@ -330,6 +387,10 @@ int CliSession::ip()
 {
     std::vector<std::string> lines;
     runInBackground([&] { lines = _link->getIPConfig(*_port); });
+    if (_invocation.json) {
+        printJson(ipObject(lines));
+        return lines.empty() ? kFailure : kSuccess;
+    }
     if (lines.empty()) {
         if (!_link->portAccessDenied()) {
             std::cout << "Could not get device IP configuration\n";
@@ -340,6 +401,27 @@ int CliSession::ip()
         std::cout << visibleText(line) << '\n';
     }
     return kSuccess;
+}
+
+nlohmann::json CliSession::ipObject(const std::vector<std::string>& lines) const
+{
+    if (lines.empty()) {
+        return resultObject(_link->portAccessDenied() ? "port-access-denied" : "not-read",
+                            "Could not get device IP configuration");
+    }
+    const ipsettings::Settings settings = settingsFromDump(lines);
+    nlohmann::json object = resultObject("read", std::nullopt);
+    object["dhcp"] = settings.ip == ipsettings::IpDump::kDhcpAddress;
+    object["ip"] = settings.ip;
+    object["subnet"] = settings.subnet;
+    object["gateway"] = settings.gateway;
+    object["dns"] = settings.dns;
+    object["devices"] = nlohmann::json::array();
+    for (std::size_t i = 0; i < settings.devices.size(); ++i) {
+        object["devices"].push_back(
+            {{"number", i + 1}, {"address", settings.devices[i].address}, {"enabled", settings.devices[i].enabled}});
+    }
+    return object;
 }
 
 int CliSession::writeIp()

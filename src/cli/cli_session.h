@@ -13,6 +13,8 @@
 #include "controller/update_server_client.h"
 #include "terminal_feedback.h"
 
+#include <nlohmann/json.hpp>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -46,6 +48,10 @@ private:
     int writeIp();
     // Writes settings that passed every check, and says how it went.
     int saveIp(const ipsettings::Settings& settings);
+    // A --json result: port, path, cid, version, outcome, error.
+    [[nodiscard]] nlohmann::json resultObject(const std::string& outcome,
+                                              const std::optional<std::string>& error) const;
+    [[nodiscard]] nlohmann::json ipObject(const std::vector<std::string>& lines) const;
     int webConfig();
     int onlineConfig();
     int monitor();

@@ -193,6 +193,11 @@ Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& i
         invocation.quiet = true;
         return true;
     }
+    if (arg == "--json" && (command == Command::Ports || command == Command::Identify || command == Command::Ip ||
+                            command == Command::Update || command == Command::Flash)) {
+        invocation.json = true;
+        return true;
+    }
     if ((arg == "-p" || arg == "--port") && takesPort(command)) {
         return takeNonEmpty(reader, invocation.port, arg + " needs a port name or path");
     }
@@ -261,6 +266,9 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
     }
     if (invocation->command == Command::Flash && !invocation->firmwareFile) {
         return UsageError{"flash needs a firmware FILE"};
+    }
+    if (invocation->json && (invocation->raw || !invocation->assignments.empty())) {
+        return UsageError{"ip --json prints the settings it reads; it takes neither --raw nor KEY=VALUE"};
     }
     if (invocation->raw && !invocation->assignments.empty()) {
         return UsageError{"--raw only prints the settings; it takes no KEY=VALUE"};
@@ -346,6 +354,14 @@ Options:
                            installed ones (for testing)
   -q, --quiet              (every command) print only results and errors: no
                            waiting texts, no progress
+  --json                   (ports, identify, ip, update, flash) one JSON
+                           object per result on standard output, a line
+                           each; messages go to standard error. Keys: ports:
+                           port, path, vendor, product, board (null when
+                           unknown); the others: port, path, cid, version,
+                           outcome, error, and for ip dhcp, ip, subnet,
+                           gateway, dns, devices (number, address, enabled),
+                           for update previousVersion, for flash file
   -h, --help               show this help and exit
   -V, --version            show the program's version and exit
 

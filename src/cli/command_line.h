@@ -30,6 +30,7 @@ struct Invocation {
     std::optional<std::string> build;                             // update --build
     bool raw = false;                                             // ip --raw
     bool quiet = false;                                           // --quiet
+    bool json = false;                                            // --json
     Answer answer = Answer::Ask;                                  // update --yes / --no
     std::optional<std::string> serverURL;                         // update --server https://host[:port]
     std::optional<std::string> caFile;                            // update --ca-file FILE

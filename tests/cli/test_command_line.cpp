@@ -88,6 +88,18 @@ TEST(CommandLine, QuietIsTakenByEveryCommand)
     EXPECT_TRUE(parsed({"flash", "firmware.hex", "-q"}).quiet);
 }
 
+TEST(CommandLine, JsonIsTakenByTheCommandsWithResults)
+{
+    for (const char* command : {"ports", "identify", "ip", "update"}) {
+        EXPECT_TRUE(parsed({command, "--json"}).json) << command;
+    }
+    EXPECT_TRUE(parsed({"flash", "firmware.hex", "--json"}).json);
+    EXPECT_FALSE(parsed({"identify"}).json);
+    EXPECT_EQ(error({"webconfig", "--json"}), "unexpected argument '--json'");
+    EXPECT_EQ(error({"ip", "--json", "dns=192.168.10.2"}),
+              "ip --json prints the settings it reads; it takes neither --raw nor KEY=VALUE");
+}
+
 TEST(CommandLine, IpRawOnlyPrints)
 {
     EXPECT_TRUE(parsed({"ip", "--raw"}).raw);

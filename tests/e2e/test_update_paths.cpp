@@ -179,3 +179,35 @@ TEST(UpdatePaths, FirmwareTextWithLineBreaksCannotBeDecodedAndCountsAsAMismatch)
     EXPECT_TRUE(run.says("Checksum did not match on received data. Please contact support.\n")) << run.output;
     EXPECT_TRUE(run.says(kOldFirmware)) << run.output;
 }
+
+namespace quendral::test {
+
+// A script's update: the build asked for reaches the server, the result is one
+// JSON object on its own line, and the progress that went into the pipe is a
+// line at each tenth of each bar, not one per chunk the tool reports.
+TEST(UpdatePaths, AScriptsUpdateAsksForItsBuildAndReadsOneJsonResult)
+{
+    const LabRun run = runInLab({}, cliUpdate({"--yes", "--json", "--build", "master"}));
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    ASSERT_GE(run.count("check_update"), 1) << run.output;
+    EXPECT_EQ(run.requests.front().value("version", ""), "master");
+
+    std::optional<nlohmann::json> result;
+    std::istringstream lines(run.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line.front() == '{') {
+            ASSERT_FALSE(result) << "more than one result line:\n" << run.output;
+            result = nlohmann::json::parse(line);
+        }
+    }
+    ASSERT_TRUE(result) << run.output;
+    EXPECT_EQ((*result)["outcome"], "updated");
+    EXPECT_EQ((*result)["cid"], kCid);
+    EXPECT_EQ((*result)["previousVersion"], "1.0.0");
+    EXPECT_EQ((*result)["version"], "2.0.0");
+    EXPECT_TRUE((*result)["error"].is_null());
+    EXPECT_GT(run.outputCount("Progress: "), 0) << run.output;
+    EXPECT_LE(run.outputCount("Progress: "), 30) << run.output;
+}
+
+} // namespace quendral::test

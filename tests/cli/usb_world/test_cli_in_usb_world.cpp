@@ -4,6 +4,10 @@
 #include "cli_usb_world.h"
 #include "controller/main_view_controller.h"
 
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
 using namespace std::chrono_literals;
 using namespace quendral::test;
 
@@ -27,6 +31,65 @@ TEST_F(CliInUsbWorld, PortsListsEveryControllerPortInMenuOrderWithItsBoard)
     for (const auto& controller : controllers) {
         EXPECT_EQ(controller->openCount(), 0) << "listing ports opens none";
     }
+}
+
+// --json: one object a line on standard output, the messages on standard error.
+TEST_F(CliInUsbWorld, PortsIdentifyAndIpAsJsonGiveOneObjectEachWithTheirKeys)
+{
+    plugController(usbDevice("ttyACM1", 0x1209, 0xBEEF));
+    auto& controller = plugKorbatekDue();
+    controller.setCID("QUENDRAL000000000000000000000042");
+    controller.setVersion("3.1.4");
+    controller.setIPDumpLines(kDump);
+
+    const CliResult ports = cliExiting(0, {"ports", "--json"});
+    std::vector<nlohmann::json> listed;
+    std::istringstream lines(ports.out);
+    for (std::string line; std::getline(lines, line);) {
+        listed.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_EQ(listed.size(), 2U) << ports.out;
+    EXPECT_EQ(listed[0], (nlohmann::json{{"port", "ttyACM1"},
+                                         {"path", "/dev/ttyACM1"},
+                                         {"vendor", "1209"},
+                                         {"product", "beef"},
+                                         {"board", nullptr}}));
+    EXPECT_EQ(listed[1]["vendor"], "2341");
+    EXPECT_EQ(listed[1]["product"], "003e");
+    EXPECT_TRUE(listed[1]["board"].is_string());
+    const std::string due = listed[1]["path"];
+
+    const CliResult identified = cliExiting(0, {"identify", "--json", "-p", due});
+    EXPECT_EQ(nlohmann::json::parse(identified.out), (nlohmann::json{{"port", due.substr(5)},
+                                                                     {"path", due},
+                                                                     {"cid", "QUENDRAL000000000000000000000042"},
+                                                                     {"version", "3.1.4"},
+                                                                     {"outcome", "identified"},
+                                                                     {"error", nullptr}}));
+    EXPECT_NE(identified.err.find("Waiting for device to boot.. (20)\n"), std::string::npos) << describe(identified);
+
+    const CliResult ip = cliExiting(0, {"ip", "--json", "-p", due});
+    const auto settings = nlohmann::json::parse(ip.out);
+    EXPECT_EQ(settings["outcome"], "read");
+    EXPECT_EQ(settings["dhcp"], false);
+    EXPECT_EQ(settings["ip"], "192.168.10.50");
+    EXPECT_EQ(settings["subnet"], "255.255.255.0");
+    EXPECT_EQ(settings["gateway"], "192.168.10.1");
+    EXPECT_EQ(settings["dns"], "192.168.10.2");
+    EXPECT_EQ(settings["devices"],
+              (nlohmann::json::array({{{"number", 1}, {"address", "192.168.10.60"}, {"enabled", true}},
+                                      {{"number", 2}, {"address", "192.168.10.61"}, {"enabled", false}}})));
+}
+
+TEST_F(CliInUsbWorld, IdentifyAsJsonOfASilentControllerSaysWhyAndExitsOne)
+{
+    auto& controller = plugKorbatekDue();
+    controller.setSilent(true);
+    const CliResult result = cliExiting(1, {"identify", "--json"});
+    const auto object = nlohmann::json::parse(result.out);
+    EXPECT_EQ(object["outcome"], "not-identified");
+    EXPECT_EQ(object["error"], "The Controller did not identify itself.");
+    EXPECT_TRUE(object["cid"].is_null());
 }
 
 TEST_F(CliInUsbWorld, PortsWithoutControllersPrintsNothing)
