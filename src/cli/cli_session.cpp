@@ -8,6 +8,7 @@
 #include "controller/port_access.h"
 #include "controller/port_list.h"
 #include "controller/update_job.h"
+#include "doctor.h"
 #include "flashing/board_table.h"
 #include "ip_assignments.h"
 #include "json_output.h"
@@ -196,6 +197,9 @@ int CliSession::run()
     if (_invocation.command == Command::Ports) {
         return ports();
     }
+    if (_invocation.command == Command::Doctor) {
+        return doctor();
+    }
     _port = choosePort();
     if (!_port) {
         return kFailure;
@@ -270,6 +274,29 @@ nlohmann::json CliSession::resultObject(const std::string& outcome, const std::o
         {"version", textOrNull(_link->currentVersion())}, {"outcome", outcome}, {"error", textOrNull(error)}};
 }
 
+int CliSession::doctor()
+{
+    std::optional<UpdateServerConfig> server;
+    if (_invocation.serverURL) {
+        server = serverConfig();
+    }
+    const Doctor examiner(Doctor::Places{paths::resourceFolder()});
+    const auto findings = examiner.examine(listedControllerPorts(SerialPortManager::sharedSerialPortManager()), server);
+    bool clean = true;
+    for (const auto& finding : findings) {
+        clean = clean && finding.ok;
+        if (_invocation.json) {
+            printJson({{"check", finding.check},
+                       {"ok", finding.ok},
+                       {"text", finding.text},
+                       {"fix", finding.ok ? nlohmann::json(nullptr) : nlohmann::json(finding.fix)}});
+        } else {
+            std::cout << visibleText(findingLine(finding)) << '\n';
+        }
+    }
+    return clean ? kSuccess : kFailure;
+}
+
 int CliSession::identify()
 {
     std::optional<std::string> cid;
@@ -296,7 +323,7 @@ int CliSession::identify()
     return kSuccess;
 }
 
-int CliSession::update()
+UpdateServerConfig CliSession::serverConfig() const
 {
     UpdateServerConfig config;
     if (_invocation.serverURL) {
@@ -308,7 +335,12 @@ int CliSession::update()
     if (_invocation.caFile) {
         config.caFile = *_invocation.caFile;
     }
-    const UpdateServerClient server(std::move(config));
+    return config;
+}
+
+int CliSession::update()
+{
+    const UpdateServerClient server(serverConfig());
     Logger::log("Checking for update");
     _feedback->uploadBegins();
     UpdateJob job(*_link, *_uploader, *_feedback);

@@ -41,6 +41,9 @@ private:
     static void runUntil(const std::function<bool()>& done);
 
     int ports();
+    int doctor();
+    // The update server named by --server and --ca-file (the build's own otherwise).
+    [[nodiscard]] UpdateServerConfig serverConfig() const;
     int identify();
     int update();
     int flash();

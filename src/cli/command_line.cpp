@@ -18,6 +18,7 @@ const std::map<std::string, Command>& commands()
         {"webconfig", Command::WebConfig},
         {"online-config", Command::OnlineConfig},
         {"monitor", Command::Monitor},
+        {"doctor", Command::Doctor},
         {"log", Command::Log},
     };
     return table;
@@ -25,7 +26,7 @@ const std::map<std::string, Command>& commands()
 
 bool takesPort(Command command)
 {
-    return command != Command::Log && command != Command::Ports;
+    return command != Command::Log && command != Command::Ports && command != Command::Doctor;
 }
 
 bool isDigit(char c)
@@ -194,20 +195,21 @@ Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& i
         return true;
     }
     if (arg == "--json" && (command == Command::Ports || command == Command::Identify || command == Command::Ip ||
-                            command == Command::Update || command == Command::Flash)) {
+                            command == Command::Update || command == Command::Flash || command == Command::Doctor)) {
         invocation.json = true;
         return true;
     }
     if ((arg == "-p" || arg == "--port") && takesPort(command)) {
         return takeNonEmpty(reader, invocation.port, arg + " needs a port name or path");
     }
-    if (command == Command::Update) {
+    if (command == Command::Update || (command == Command::Doctor && (arg == "--server" || arg == "--ca-file"))) {
         Taken taken = takeUpdateOption(arg, reader, invocation);
         if (!std::holds_alternative<bool>(taken) || std::get<bool>(taken)) {
             return taken;
         }
     }
-    if ((command == Command::Update || command == Command::Flash) && arg == "--resources") {
+    if ((command == Command::Update || command == Command::Flash || command == Command::Doctor) &&
+        arg == "--resources") {
         return takeNonEmpty(reader, invocation.resources, "--resources needs a folder");
     }
     if (command == Command::Flash && !invocation.firmwareFile && !arg.empty() && arg[0] != '-') {
@@ -334,6 +336,15 @@ Commands:
                            line typed and Ctrl-] leaves. Piped input is sent
                            line by line; the monitor leaves when the input has
                            ended and the Controller has gone quiet
+  doctor [--server URL] [--ca-file FILE]
+                           check what stands between this computer and an
+                           update: the flashing tools and their versions,
+                           avrdude.conf, the intermediate firmware, whether
+                           this user may open each Controller port,
+                           ModemManager, a braille display service claiming
+                           the boards, and with --server the update server
+                           over verified TLS. Each problem comes with its fix;
+                           exit 0 only when there is none
   log                      print the path of the log file
   help                     show this help (also COMMAND --help)
 
@@ -346,22 +357,24 @@ Options:
                            intermediate firmware first
   -n, --no                 (update) decline; without --yes or --no the question
                            is asked on a terminal and answered no otherwise
-  --server URL             (update) the update server, https://host[:port]
-  --ca-file FILE           (update) also trust the certificate authorities in
-                           FILE
-  --resources DIR          (update, flash) take the flashing tools and the
-                           intermediate firmware from DIR instead of the
+  --server URL             (update, doctor) the update server,
+                           https://host[:port]
+  --ca-file FILE           (update, doctor) also trust the certificate
+                           authorities in FILE
+  --resources DIR          (update, flash, doctor) take the flashing tools and
+                           the intermediate firmware from DIR instead of the
                            installed ones (for testing)
   -q, --quiet              (every command) print only results and errors: no
                            waiting texts, no progress
-  --json                   (ports, identify, ip, update, flash) one JSON
-                           object per result on standard output, a line
+  --json                   (ports, identify, ip, update, flash, doctor) one
+                           JSON object per result on standard output, a line
                            each; messages go to standard error. Keys: ports:
                            port, path, vendor, product, board (null when
-                           unknown); the others: port, path, cid, version,
-                           outcome, error, and for ip dhcp, ip, subnet,
-                           gateway, dns, devices (number, address, enabled),
-                           for update previousVersion, for flash file
+                           unknown); doctor: check, ok, text, fix; the others:
+                           port, path, cid, version, outcome, error, and for
+                           ip dhcp, ip, subnet, gateway, dns, devices (number,
+                           address, enabled), for update previousVersion, for
+                           flash file
   -h, --help               show this help and exit
   -V, --version            show the program's version and exit
 

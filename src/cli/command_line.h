@@ -20,7 +20,7 @@ enum ExitCode : int {
     kDeclined = 6,       // a question was answered no
 };
 
-enum class Command { Ports, Identify, Update, Flash, Ip, WebConfig, OnlineConfig, Monitor, Log, Help, Version };
+enum class Command { Ports, Identify, Update, Flash, Ip, WebConfig, OnlineConfig, Monitor, Doctor, Log, Help, Version };
 
 enum class Answer { Ask, Yes, No };
 

@@ -488,7 +488,7 @@ TEST(PackageDocs, TheCommandLinesManualPageHasEveryOptionAndCommandOfItsHelpAndN
         pageCommands.insert(std::regex_replace((*it)[1].str(), std::regex(R"(\\-)"), "-"));
     }
     EXPECT_EQ(pageCommands, helpCommands);
-    EXPECT_EQ(helpCommands.size(), 10U);
+    EXPECT_EQ(helpCommands.size(), 11U);
 }
 
 TEST(PackageDocs, TheWindowsManualPageHasTheOptionsItAnswers)
@@ -529,7 +529,7 @@ TEST(PackageDocs, BashCompletesTheCommandLinesCommandsAndOptions)
     EXPECT_EQ(complete("quendral-cli update --ca"), "--ca-file");
     EXPECT_EQ(complete("quendral-cli flash --res"), "--resources");
     EXPECT_EQ(complete("quendral-cli ''"),
-              "ports identify update flash ip webconfig online-config monitor log help --help --version -h -V");
+              "ports identify update flash ip webconfig online-config monitor doctor log help --help --version -h -V");
 }
 
 // ---------------------------------------------------------------------------

@@ -6,6 +6,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <sstream>
 
 using namespace std::chrono_literals;
@@ -491,4 +494,65 @@ TEST_F(CliInUsbWorld, MonitorOnATerminalSendsEachLineOnEnterAndCtrlBracketLeaves
     ASSERT_TRUE(after);
     EXPECT_EQ(after->c_lflag, before->c_lflag);
     EXPECT_EQ(after->c_cc[VEOL], before->c_cc[VEOL]);
+}
+
+// --- doctor --------------------------------------------------------------------
+
+namespace {
+
+// A resource folder as the package lays it out, with the real tools; the
+// intermediate firmware only when asked for.
+std::filesystem::path resourceFolder(const std::filesystem::path& at, bool withBossac, bool withIntermediate)
+{
+    std::filesystem::create_directories(at);
+    std::filesystem::create_symlink("/usr/bin/avrdude", at / "avrdude");
+    std::filesystem::create_symlink("/etc/avrdude.conf", at / "avrdude.conf");
+    if (withBossac) {
+        std::filesystem::create_symlink("/usr/bin/bossac", at / "bossac");
+    }
+    if (withIntermediate) {
+        std::ofstream(at / "intermediate_due.hex") << std::string(4096, '\x5a');
+    }
+    return at;
+}
+
+} // namespace
+
+TEST_F(CliInUsbWorld, DoctorOnACleanComputerFindsNothingInTheWayAndNamesTheToolsVersions)
+{
+    plugKorbatekDue();
+    const auto resources = resourceFolder(dataHome.path() / "clean", true, true);
+
+    const CliResult result = cliExiting(0, {"doctor", "--resources", resources.string()});
+    EXPECT_NE(result.out.find("[ok] avrdude 7."), std::string::npos) << describe(result);
+    EXPECT_NE(result.out.find("[ok] bossac 1."), std::string::npos) << describe(result);
+    EXPECT_NE(result.out.find("[ok] this user may open /dev/ttyACM0\n"), std::string::npos) << describe(result);
+    EXPECT_NE(result.out.find("[ok] intermediate_due.hex is installed"), std::string::npos) << describe(result);
+    EXPECT_EQ(result.out.find("[problem]"), std::string::npos) << describe(result);
+}
+
+TEST_F(CliInUsbWorld, DoctorFindsAMissingToolAnIntermediateImageAndAServerWithTheirFixes)
+{
+    plugKorbatekDue();
+    const auto resources = resourceFolder(dataHome.path() / "broken", false, false);
+
+    // Nothing listens on port 1: the server check fails at once.
+    const CliResult result =
+        cliExiting(1, {"doctor", "--json", "--resources", resources.string(), "--server", "https://127.0.0.1:1"});
+    std::map<std::string, nlohmann::json> findings;
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto finding = nlohmann::json::parse(line);
+        findings[finding["check"]] = finding;
+    }
+    ASSERT_TRUE(findings.contains("bossac")) << result.out;
+    EXPECT_EQ(findings["bossac"]["ok"], false);
+    EXPECT_EQ(findings["bossac"]["fix"], "sudo apt install bossa-cli");
+    EXPECT_EQ(findings["intermediate firmware"]["ok"], false);
+    EXPECT_EQ(findings["avrdude"]["ok"], true);
+    EXPECT_TRUE(findings["avrdude"]["fix"].is_null());
+    EXPECT_EQ(findings["port /dev/ttyACM0"]["ok"], true);
+    EXPECT_EQ(findings["update server"]["ok"], false);
+    EXPECT_NE(findings["update server"]["text"].get<std::string>().find("cannot be reached over verified TLS"),
+              std::string::npos);
 }
