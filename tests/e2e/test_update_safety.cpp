@@ -223,6 +223,21 @@ TEST(UpdateSafety, AUserWithoutPermissionOnThePortIsToldAtOnceWithTheFix)
     EXPECT_FALSE(run.says("did not identify itself")) << run.output;
 }
 
+// The doctor run by that user finds the same: the port, and how to get it.
+TEST(UpdateSafety, TheDoctorRunByAUserWithoutPermissionNamesThePortAndTheFix)
+{
+    TempDir home;
+    std::filesystem::permissions(home.path(), std::filesystem::perms::all);
+    const LabRun run = runInLab({"--open-to-other-users"},
+                                asUnprivilegedUser(home, {cliPath(), "doctor", "--resources", "{resources}"}));
+    EXPECT_EQ(run.exitCode, 1) << run.output;
+    EXPECT_TRUE(run.says("[problem] this user may not open /dev/ttyACM0\n  Fix: Permission denied: this user may "
+                         "not open /dev/ttyACM0."))
+        << run.output;
+    EXPECT_TRUE(run.says("Install the udev rule 70-quendral-controllers.rules")) << run.output;
+    EXPECT_TRUE(run.says("[ok] avrdude ")) << run.output;
+}
+
 TEST(UpdateSafety, AnUpdateByAUserWithoutPermissionOffersNoIntermediateFirmwareAndTouchesNothing)
 {
     TempDir home;
