@@ -20,7 +20,8 @@ SamBoardOptions optionsFor(const std::string& initialImage, const DueFaults& fau
 } // namespace
 
 DueController::DueController(UmockdevTestbed& testbed, const std::string& initialImage, DueFaults faults)
-    : _testbed(testbed), _board(optionsFor(initialImage, faults)), _hasFirmware(!initialImage.empty()), _faults(faults)
+    : _testbed(testbed), _board(optionsFor(initialImage, faults)), _hasFirmware(!initialImage.empty()), _faults(faults),
+      _usbPort(testbed.unusedUsbPort())
 {
 }
 
@@ -68,6 +69,8 @@ std::shared_ptr<UmockdevSerialDevice> DueController::plugIn(SamMode mode)
     UsbSerialDeviceInfo info;
     // A fresh name each time: the test bed cannot give a used node to another device.
     info.ttyName = _testbed.unusedTtyName("ttyACM" + std::to_string(_nextNumber++));
+    // Firmware and boot loader alike sit behind the board's one USB socket.
+    info.usbPort = _usbPort;
     if (mode == SamMode::BootLoader) {
         info.vendorId = 0x03EB;
         info.productId = 0x6124;

@@ -80,6 +80,7 @@ private:
     SamBoard _board;
     const bool _hasFirmware;
     const DueFaults _faults;
+    const int _usbPort;
     mutable std::mutex _mutex;
     std::condition_variable _changed;
     std::shared_ptr<UmockdevSerialDevice> _device;

@@ -13,12 +13,14 @@
 #include "umockdev_testbed.h"
 #include "usb_identity_board.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <spawn.h>
 #include <string>
@@ -35,7 +37,7 @@ using namespace quendral;
 
 void usage()
 {
-    std::cerr << "Usage: quendral-lab [--controller KIND] [--image FILE | --blank] [--due-stays-away]\n"
+    std::cerr << "Usage: quendral-lab [--controller KIND[,FAULT]...]... [--image FILE | --blank] [--due-stays-away]\n"
                  "                    [--due-broken-flash] [--no-intermediate] [--open-to-other-users]\n"
                  "                    [--server-firmware FILE] [--server-arg ARG]... -- PROGRAM [ARGUMENTS...]\n"
                  "\n"
@@ -43,6 +45,12 @@ void usage()
                  "holding FILE, or nothing with --blank) and a local HTTPS update server serving\n"
                  "--server-firmware. In ARGUMENTS, {server}, {ca} and {resources} are replaced by\n"
                  "the server's URL, its test CA and the lab's resource folder.\n"
+                 "\n"
+                 "--controller given several times plugs in several boards, each on a USB socket\n"
+                 "of its own, in that order. Up to three KorbatekDue: the second and third carry\n"
+                 "CIDs of their own (ending in 2 and 3; version 1.0.0) and the server gives each\n"
+                 "its own version 2.0.0. FAULT (due only): stays-away or broken-flash, as the\n"
+                 "options below but for that board alone.\n"
                  "\n"
                  "KIND: due (the default), mega2560 (simavr, stk500v2, USB 26BA:0003 on ttyACM0),\n"
                  "mega1284p (simavr, optiboot, FTDI 0403:6001 on ttyUSB0; for both FILE is the\n"
@@ -86,18 +94,50 @@ int runProgram(const std::vector<std::string>& arguments)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+constexpr int kMostDues = 3;
+
+// One board to plug in.
+struct BoardSpec {
+    std::string kind = "due";
+    sim::DueFaults dueFaults;
+};
+
 // What the command line asks for.
 struct LabOptions {
     std::string image = QUENDRAL_LAB_IMAGE_DIR "/lab_old_firmware.bin";
     std::string serverFirmware = QUENDRAL_LAB_IMAGE_DIR "/lab_new_firmware.hex";
     std::vector<std::string> serverArguments;
     std::vector<std::string> program;
-    std::string kind = "due";
+    std::vector<BoardSpec> boards;
     bool imageGiven = false;
     bool withIntermediate = true;
     bool openToOtherUsers = false;
-    sim::DueFaults dueFaults;
+    sim::DueFaults dueFaults; // for every due
 };
+
+// The broken-flash fault: inside the firmware's code, well past the identity block.
+constexpr std::uint32_t kStuckFlashByte = 0x1234;
+
+// "KIND[,FAULT]..."; none when a fault is unknown or not a due's.
+std::optional<BoardSpec> boardSpec(const std::string& text)
+{
+    BoardSpec spec;
+    std::size_t start = 0;
+    for (std::size_t end = 0; end != std::string::npos; start = end + 1) {
+        end = text.find(',', start);
+        const std::string word = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (start == 0) {
+            spec.kind = word;
+        } else if (spec.kind == "due" && word == "stays-away") {
+            spec.dueFaults.staysAwayAfterTouch = true;
+        } else if (spec.kind == "due" && word == "broken-flash") {
+            spec.dueFaults.stuckFlashByte = kStuckFlashByte;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return spec;
+}
 
 // None (after the usage) when the arguments make no sense.
 std::optional<LabOptions> parseArguments(int argc, char** argv)
@@ -113,12 +153,16 @@ std::optional<LabOptions> parseArguments(int argc, char** argv)
             options.image = argv[++i];
             options.imageGiven = true;
         } else if (arg == "--controller" && i + 1 < argc) {
-            options.kind = argv[++i];
+            const auto spec = boardSpec(argv[++i]);
+            if (!spec) {
+                usage();
+                return std::nullopt;
+            }
+            options.boards.push_back(*spec);
         } else if (arg == "--due-stays-away") {
             options.dueFaults.staysAwayAfterTouch = true;
         } else if (arg == "--due-broken-flash") {
-            // Inside the firmware's code, well past the identity block.
-            options.dueFaults.stuckFlashByte = 0x1234;
+            options.dueFaults.stuckFlashByte = kStuckFlashByte;
         } else if (arg == "--no-intermediate") {
             options.withIntermediate = false;
         } else if (arg == "--open-to-other-users") {
@@ -134,7 +178,12 @@ std::optional<LabOptions> parseArguments(int argc, char** argv)
             return std::nullopt;
         }
     }
-    if (options.program.empty()) {
+    if (options.boards.empty()) {
+        options.boards.emplace_back();
+    }
+    const auto dues = std::count_if(options.boards.begin(), options.boards.end(),
+                                    [](const BoardSpec& board) { return board.kind == "due"; });
+    if (options.program.empty() || dues > kMostDues) {
         usage();
         return std::nullopt;
     }
@@ -156,42 +205,67 @@ fs::path makeResourceFolder(const fs::path& folder, bool withIntermediate)
     return resources;
 }
 
-// The board in the world: one of the three kinds, and the fake boot loader
+// A board in the world: one of the three kinds, and the fake boot loader
 // an ATmega32U4 stand-in comes back as. Destroyed before the test bed.
-struct LabBoards {
+struct LabBoard {
+    std::string kind;
     std::optional<sim::DueController> due;
     std::optional<sim::AvrController> avr;
     std::optional<sim::UsbIdentityBoard> standIn;
     sim::Avr109BootLoaderFake bootLoader32U4;
 };
+using LabBoards = std::vector<std::unique_ptr<LabBoard>>;
+
+// The CID of the lab's `number`th KorbatekDue (from 1): the lab's CID with
+// its last digit made the number.
+std::string dueCid(int number)
+{
+    std::string cid = QUENDRAL_LAB_CID;
+    cid.back() = static_cast<char>('0' + number);
+    return cid;
+}
+
+// What the `number`th KorbatekDue holds at power-on.
+std::string dueImage(const LabOptions& options, int number)
+{
+    if (options.imageGiven || options.image.empty() || number == 1) {
+        return options.image;
+    }
+    return QUENDRAL_LAB_IMAGE_DIR "/lab_old_firmware_" + std::to_string(number) + ".bin";
+}
 
 // The exit status if the board did not start; none when it runs.
-std::optional<int> startDue(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
+std::optional<int> startDue(sim::UmockdevTestbed& testbed, const LabOptions& options, const BoardSpec& spec, int number,
+                            LabBoard& board)
 {
-    boards.due.emplace(testbed, options.image, options.dueFaults);
-    if (!boards.due->start()) {
-        std::cerr << "quendral-lab: the simulated Controller did not start: " << boards.due->board().error() << "\n";
+    sim::DueFaults faults = spec.dueFaults;
+    faults.staysAwayAfterTouch = faults.staysAwayAfterTouch || options.dueFaults.staysAwayAfterTouch;
+    if (!faults.stuckFlashByte) {
+        faults.stuckFlashByte = options.dueFaults.stuckFlashByte;
+    }
+    board.due.emplace(testbed, dueImage(options, number), faults);
+    if (!board.due->start()) {
+        std::cerr << "quendral-lab: the simulated Controller did not start: " << board.due->board().error() << "\n";
         return 1;
     }
     return std::nullopt;
 }
 
-std::optional<int> startAvr(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
+std::optional<int> startAvr(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoard& board)
 {
-    const bool mega = options.kind == "mega2560";
+    const bool mega = board.kind == "mega2560";
     sim::AvrControllerOptions avr;
     avr.kind = mega ? sim::AvrBoardKind::Mega2560 : sim::AvrBoardKind::Mega1284P;
     avr.programHex = options.imageGiven ? options.image
                                         : std::string(QUENDRAL_AVR_FIRMWARE_DIR) +
                                               (mega ? "/identity_a_2560.hex" : "/identity_a_1284p.hex");
-    avr.ttyName = mega ? "ttyACM0" : "ttyUSB0";
+    avr.ttyName = testbed.unusedTtyName(mega ? "ttyACM0" : "ttyUSB0");
     avr.vendorId = mega ? 0x26BA : 0x0403;
     avr.productId = mega ? 0x0003 : 0x6001;
     avr.product = mega ? "QUENDRAL Controller (ATmega2560)" : "FT232R USB UART";
-    boards.avr.emplace(testbed, avr);
-    if (!boards.avr->start()) {
-        std::cerr << "quendral-lab: the simulated AVR Controller did not start: " << boards.avr->board().error()
-                  << "\n";
+    board.avr.emplace(testbed, avr);
+    if (!board.avr->start()) {
+        std::cerr << "quendral-lab: the simulated AVR Controller did not start: " << board.avr->board().error() << "\n";
         return 1;
     }
     return std::nullopt;
@@ -225,45 +299,56 @@ std::optional<sim::UsbIdentityBoardOptions> standInFor(const std::string& kind)
     return options;
 }
 
-std::optional<int> startStandIn(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
+std::optional<int> startStandIn(sim::UmockdevTestbed& testbed, LabBoard& board)
 {
-    const auto standIn = standInFor(options.kind);
+    auto standIn = standInFor(board.kind);
     if (!standIn) {
         usage();
         return 2;
     }
-    boards.standIn.emplace(testbed, *standIn);
-    if (options.kind == "atmega32u4") {
-        boards.standIn->setReturnHandler([&boards](const std::shared_ptr<sim::UmockdevSerialDevice>& device) {
-            boards.bootLoader32U4.start(device->deviceEnd());
+    standIn->info.ttyName = testbed.unusedTtyName(standIn->info.ttyName);
+    board.standIn.emplace(testbed, *standIn);
+    if (board.kind == "atmega32u4") {
+        board.standIn->setReturnHandler([&board](const std::shared_ptr<sim::UmockdevSerialDevice>& device) {
+            board.bootLoader32U4.start(device->deviceEnd());
         });
     }
-    boards.standIn->start();
-    if (options.kind == "atmega32u4-boot-loader") {
-        boards.bootLoader32U4.start(boards.standIn->deviceEnd());
+    board.standIn->start();
+    if (board.kind == "atmega32u4-boot-loader") {
+        board.bootLoader32U4.start(board.standIn->deviceEnd());
     }
     return std::nullopt;
 }
 
-// Plugs the board `options.kind` names into the world.
-std::optional<int> startBoard(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
+// Plugs the boards the options name into the world, in their order.
+std::optional<int> startBoards(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
 {
-    if (options.kind == "due") {
-        return startDue(testbed, options, boards);
+    int dues = 0;
+    for (const BoardSpec& spec : options.boards) {
+        auto& board = *boards.emplace_back(std::make_unique<LabBoard>());
+        board.kind = spec.kind;
+        std::optional<int> failed;
+        if (spec.kind == "due") {
+            failed = startDue(testbed, options, spec, ++dues, board);
+        } else if (spec.kind == "mega2560" || spec.kind == "mega1284p") {
+            failed = startAvr(testbed, options, board);
+        } else {
+            failed = startStandIn(testbed, board);
+        }
+        if (failed) {
+            return failed;
+        }
     }
-    if (options.kind == "mega2560" || options.kind == "mega1284p") {
-        return startAvr(testbed, options, boards);
-    }
-    return startStandIn(testbed, options, boards);
+    return std::nullopt;
 }
 
 // The node the board has now.
-std::string devnodeOf(const LabBoards& boards)
+std::string devnodeOf(const LabBoard& board)
 {
-    if (boards.due) {
-        return boards.due->devnode();
+    if (board.due) {
+        return board.due->devnode();
     }
-    return boards.avr ? boards.avr->devnode() : boards.standIn->devnode();
+    return board.avr ? board.avr->devnode() : board.standIn->devnode();
 }
 
 // Lets other users into the lab's folder and the test bed's (the
@@ -285,29 +370,40 @@ void openToOtherUsers(const char* folder)
     }
 }
 
-// What became of the board, then it stops.
-void reportAndStop(const std::string& kind, LabBoards& boards)
+// What became of the board, then it stops. `name` starts each line: the
+// lab's own, and the board's number when there are several.
+void reportAndStop(const std::string& name, LabBoard& board)
 {
-    if (boards.due) {
-        const auto identity = boards.due->identity();
-        std::cerr << "quendral-lab: the Controller's flash now identifies it as "
+    if (board.due) {
+        const auto identity = board.due->identity();
+        std::cerr << name << "the Controller's flash now identifies it as "
                   << (identity ? identity->cid + " version " + identity->version : std::string("nothing")) << "\n";
-        boards.due->stop();
+        board.due->stop();
     }
-    if (boards.avr) {
-        std::cerr << "quendral-lab: the AVR board was reset " << boards.avr->resets() << " times\n";
-        const auto identity = boards.avr->askIdentity();
-        std::cerr << "quendral-lab: the AVR board's program answers " << identity.value_or("nothing") << "\n";
-        boards.avr->stop();
+    if (board.avr) {
+        std::cerr << name << "the AVR board was reset " << board.avr->resets() << " times\n";
+        const auto identity = board.avr->askIdentity();
+        std::cerr << name << "the AVR board's program answers " << identity.value_or("nothing") << "\n";
+        board.avr->stop();
     }
-    if (boards.standIn) {
-        std::cerr << "quendral-lab: the board saw " << boards.standIn->touches() << " 1200-baud touches\n";
-        boards.standIn->stop();
-        boards.bootLoader32U4.stop();
-        if (kind.starts_with("atmega32u4")) {
-            std::cerr << "quendral-lab: avrdude wrote " << boards.bootLoader32U4.bytesWritten()
+    if (board.standIn) {
+        std::cerr << name << "the board saw " << board.standIn->touches() << " 1200-baud touches\n";
+        board.standIn->stop();
+        board.bootLoader32U4.stop();
+        if (board.kind.starts_with("atmega32u4")) {
+            std::cerr << name << "avrdude wrote " << board.bootLoader32U4.bytesWritten()
                       << " bytes into the ATmega32U4 boot loader (a fake: AVR109 answered in C++)\n";
         }
+    }
+}
+
+// The server's firmware for the second and third KorbatekDue: their own CIDs.
+void serveEveryDueItsOwn(std::vector<std::string>& serverArguments)
+{
+    for (int number = 2; number <= kMostDues; ++number) {
+        serverArguments.insert(serverArguments.begin(),
+                               {"--firmware-for", dueCid(number) + "=" + QUENDRAL_LAB_IMAGE_DIR "/lab_new_firmware_" +
+                                                      std::to_string(number) + ".hex"});
     }
 }
 
@@ -333,6 +429,7 @@ int main(int argc, char** argv)
     const fs::path resources = makeResourceFolder(folderTemplate, options->withIntermediate);
 
     options->serverArguments.insert(options->serverArguments.begin(), {"--firmware", options->serverFirmware});
+    serveEveryDueItsOwn(options->serverArguments);
     test::LocalUpdateServer server({.arguments = options->serverArguments});
     if (!server.running()) {
         std::cerr << "quendral-lab: the update server did not start: " << server.error() << "\n";
@@ -341,11 +438,14 @@ int main(int argc, char** argv)
 
     sim::UmockdevTestbed testbed;
     LabBoards boards;
-    if (const auto failed = startBoard(testbed, *options, boards)) {
+    if (const auto failed = startBoards(testbed, *options, boards)) {
         return *failed;
     }
-    std::cerr << "quendral-lab: " << options->kind << " on " << devnodeOf(boards) << ", update server at "
-              << server.baseUrl() << "\n";
+    std::cerr << "quendral-lab: ";
+    for (const auto& board : boards) {
+        std::cerr << board->kind << " on " << devnodeOf(*board) << ", ";
+    }
+    std::cerr << "update server at " << server.baseUrl() << "\n";
     if (options->openToOtherUsers) {
         openToOtherUsers(folderTemplate);
     }
@@ -357,7 +457,12 @@ int main(int argc, char** argv)
     }
     const int status = runProgram(options->program);
 
-    reportAndStop(options->kind, boards);
+    for (std::size_t i = 0; i < boards.size(); ++i) {
+        reportAndStop(boards.size() == 1
+                          ? std::string("quendral-lab: ")
+                          : "quendral-lab: board " + std::to_string(i + 1) + " (" + boards[i]->kind + "): ",
+                      *boards[i]);
+    }
     server.stop();
     std::error_code ec;
     fs::remove_all(folderTemplate, ec);

@@ -11,6 +11,10 @@ namespace quendral::sim {
 UsbIdentityBoard::UsbIdentityBoard(UmockdevTestbed& testbed, UsbIdentityBoardOptions options)
     : _testbed(testbed), _options(std::move(options))
 {
+    // It comes back from its touch on the socket it was plugged into.
+    if (_options.info.usbPort == 0) {
+        _options.info.usbPort = _testbed.unusedUsbPort();
+    }
 }
 
 UsbIdentityBoard::~UsbIdentityBoard()

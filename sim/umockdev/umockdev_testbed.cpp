@@ -299,11 +299,7 @@ std::string hex4(std::uint16_t value)
 std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const UsbSerialDeviceInfo& info,
                                                                           bool announce)
 {
-    int port = 0;
-    {
-        std::lock_guard lock(_impl->mutex);
-        port = _impl->nextUsbPort++;
-    }
+    const int port = info.usbPort > 0 ? info.usbPort : unusedUsbPort();
     const std::string usb = "/devices/pci0000:00/0000:00:14.0/usb1/1-" + std::to_string(port);
     const std::string interface = usb + "/1-" + std::to_string(port) + ":1.0";
     const bool acm = info.ttyName.rfind("ttyACM", 0) == 0;
@@ -327,6 +323,12 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const 
     record += "P: " + tty + "\nN: " + info.ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + info.ttyName +
               "\nA: dev=4:" + std::to_string((acm ? 128 : 192) + number) + "\n";
     return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce);
+}
+
+int UmockdevTestbed::unusedUsbPort()
+{
+    std::lock_guard lock(_impl->mutex);
+    return _impl->nextUsbPort++;
 }
 
 std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addBuiltinSerialPort(const std::string& ttyName)
@@ -521,6 +523,13 @@ void UmockdevTestbed::unplug(UmockdevSerialDevice& device)
     umockdev_testbed_remove_device(_impl->testbed, device.syspath().c_str());
     if (!device.usbSyspath().empty()) {
         umockdev_testbed_remove_device(_impl->testbed, device.usbSyspath().c_str());
+        // The bus's links to the device and its interface stay behind; a
+        // board that comes back on this socket needs their names again.
+        const std::string socket = device.usbSyspath().substr(device.usbSyspath().rfind('/') + 1);
+        const std::string bus = rootDir() + "/sys/bus/usb/devices/";
+        for (const std::string& name : {socket, socket + ":1.0"}) {
+            ::unlink((bus + name).c_str());
+        }
     }
 }
 

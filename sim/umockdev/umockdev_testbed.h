@@ -39,6 +39,10 @@ struct UsbSerialDeviceInfo {
     std::string serial = "QUENDRAL0001";
     std::string product = "QUENDRAL Controller";
     std::string manufacturer = "QUENDRAL";
+    // The USB socket it is plugged into (its sysfs name "1-<n>"); 0: a socket
+    // of its own. A board that re-enumerates (into its boot loader and back)
+    // comes back on the same socket, as on a real machine.
+    int usbPort = 0;
 };
 
 class UmockdevTestbed;
@@ -118,6 +122,8 @@ public:
     // A USB device with one tty child; announced with an "add" uevent unless
     // `announce` is false (the caller then sends it with uevent(), e.g. to time it).
     std::shared_ptr<UmockdevSerialDevice> addUsbSerialDevice(const UsbSerialDeviceInfo& info, bool announce = true);
+    // A USB socket no device has been given yet (for UsbSerialDeviceInfo::usbPort).
+    [[nodiscard]] int unusedUsbPort();
     // A serial port that is not on USB (like a mainboard's ttyS0).
     std::shared_ptr<UmockdevSerialDevice> addBuiltinSerialPort(const std::string& ttyName = "ttyS0");
 

@@ -126,6 +126,7 @@ DEFAULTS = {
                                # "undecodable": not Base64 at all, sent with the digest of no data
     "ticket_type": "string",   # "string" ("T1", "T2" ...) or "int" (1, 2 ...)
     "firmware": None,          # Intel-HEX file to serve; none: one generated per CID
+    "firmware_for": {},        # CID -> Intel-HEX file served to that CID, before "firmware"
     "fault": "none",           # see FAULTS
     "fault_count": None,       # how many requests (connections for stall_handshake) the fault hits; none: all
     "fault_commands": [],      # only requests with these "cmd" values are hit; empty: all
@@ -218,8 +219,9 @@ class State:
             return {"status": "pending", "description": "generating"}
         if s["generation"] == "fail":
             return {"status": "error", "description": "generation_failed"}
-        if s["firmware"]:
-            with open(s["firmware"], "rb") as f:
+        served = s["firmware_for"].get(entry["cid"]) or s["firmware"]
+        if served:
+            with open(served, "rb") as f:
                 firmware = f.read()
         else:
             firmware = generated_firmware(entry["cid"])
@@ -404,6 +406,8 @@ def serve(args):
         value = getattr(args, key, None)
         if value is not None:
             settings[key] = value
+    if args.firmware_for:
+        settings["firmware_for"] = dict(pair.split("=", 1) for pair in args.firmware_for)
     if args.certs:
         if not os.path.exists(os.path.join(args.certs, "ca.pem")):
             make_certs(args.certs)
@@ -463,6 +467,8 @@ def main():
                      help="stop when the process that started the server ends (tests use this)")
     run.add_argument("--record", help="append every request to this JSON-lines file")
     run.add_argument("--firmware", help="Intel-HEX file to serve (default: one generated per CID)")
+    run.add_argument("--firmware-for", dest="firmware_for", action="append", metavar="CID=FILE",
+                     help="Intel-HEX file to serve to that CID (repeatable; before --firmware)")
     run.add_argument("--polls", type=int, help="ticket polls before the file is ready (default 2)")
     run.add_argument("--pending", choices=("internal", "pending"))
     run.add_argument("--refuse", metavar="DESCRIPTION",

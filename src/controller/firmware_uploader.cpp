@@ -9,6 +9,7 @@
 #include "log/logger.h"
 #include "platform/dispatch.h"
 #include "platform/notification_center.h"
+#include "serial/serial_port_attributes.h"
 #include "serial/serial_port_manager.h"
 
 #include <algorithm>
@@ -136,7 +137,8 @@ UpdateOutcome FirmwareUploader::flashFile(const PortPath& port, const std::strin
         if (board->resetDelaySeconds && selected) {
             resetUnlessRemoved(_link, _clock, *selected, *board->resetDelaySeconds);
         }
-        flashed = waitForBootloaderAndFlash(hexFile, BoardTable::bootloaderIdentifiers(board->family), board->tool);
+        flashed = waitForBootloaderAndFlash(hexFile, BoardTable::bootloaderIdentifiers(board->family), board->tool,
+                                            port.usbLocation());
     }
     return flashed ? UpdateOutcome::Updated : UpdateOutcome::UploadFailed;
 }
@@ -182,7 +184,8 @@ bool FirmwareUploader::runBossac(const std::string& hexFile, const std::string& 
 }
 
 bool FirmwareUploader::waitForBootloaderAndFlash(const std::string& hexFile,
-                                                 const std::vector<CombinedUsbIdentifier>& wanted, FlashingTool tool)
+                                                 const std::vector<CombinedUsbIdentifier>& wanted, FlashingTool tool,
+                                                 const std::optional<std::string>& usbSocket)
 {
     const auto start = _clock.now();
     long remaining = kReappearanceSeconds;
@@ -192,6 +195,10 @@ bool FirmwareUploader::waitForBootloaderAndFlash(const std::string& hexFile,
         for (const auto& port : ports) {
             const CombinedUsbIdentifier code = usbIdentifierOf(ports, port->path());
             if (std::find(wanted.begin(), wanted.end(), code) == wanted.end()) {
+                continue;
+            }
+            // Another board waiting in its boot loader is never flashed in this one's place.
+            if (usbSocket && usbLocation(*port) != usbSocket) {
                 continue;
             }
             return tool == FlashingTool::Bossac ? runBossac(hexFile, port->path())

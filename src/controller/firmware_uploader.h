@@ -48,9 +48,10 @@ public:
 
 private:
     // The re-appearance wait: up to 30 s for a port with one of the wanted
-    // identifiers, which is then flashed with the tool.
+    // identifiers (on `usbSocket` alone when it is known), which is then
+    // flashed with the tool.
     bool waitForBootloaderAndFlash(const std::string& hexFile, const std::vector<CombinedUsbIdentifier>& wanted,
-                                   FlashingTool tool);
+                                   FlashingTool tool, const std::optional<std::string>& usbSocket);
     bool runAvrdude(const std::string& hexFile, const std::string& path, CombinedUsbIdentifier code);
     bool runBossac(const std::string& hexFile, const std::string& path);
     // Tells the firmware on `path` that an update follows; no answer is read.

@@ -3,6 +3,7 @@
 #include "controller/bootloader_touch.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
+#include "serial/serial_port_attributes.h"
 
 #include <algorithm>
 #include <array>
@@ -36,7 +37,11 @@ SerialPortList listedControllerPorts(SerialPortManager& manager)
     return listed;
 }
 
-PortPath followBoard(const std::string& path, SerialPortManager& manager)
+namespace {
+
+// The board as the node it had when named, then whichever Controller port
+// appeared since: for a board whose USB socket is unknown.
+PortPath followNewestPort(const std::string& path, SerialPortManager& manager)
 {
     std::vector<std::string> before;
     for (const SerialPort::Ptr& port : listedControllerPorts(manager)) {
@@ -58,6 +63,35 @@ PortPath followBoard(const std::string& path, SerialPortManager& manager)
         }
         return path;
     });
+}
+
+} // namespace
+
+PortPath followBoard(const std::string& path, SerialPortManager& manager)
+{
+    const SerialPort::Ptr named = SerialPort::serialPortWithPath(path);
+    std::optional<std::string> location = named ? usbLocation(*named) : std::nullopt;
+    if (!location) {
+        return followNewestPort(path, manager);
+    }
+    // With several boards attached, the port that appeared last may be
+    // another board's: follow the socket instead.
+    return PortPath::following(
+        [path, location, &manager]() -> std::optional<std::string> {
+            const SerialPortList listed = listedControllerPorts(manager);
+            std::optional<std::string> found;
+            for (const SerialPort::Ptr& port : listed) {
+                if (usbLocation(*port) != location) {
+                    continue;
+                }
+                if (port->path() == path) {
+                    return path;
+                }
+                found = found.value_or(port->path());
+            }
+            return found.value_or(path);
+        },
+        location);
 }
 
 PortList::PortList(MainView& view, ApplicationDelegate* appDelegate, SerialPortManager* manager, Clock& clock)

@@ -39,9 +39,11 @@ namespace quendral {
 [[nodiscard]] SerialPortList listedControllerPorts(SerialPortManager& manager);
 
 // The port at `path`, followed when its board resets onto another node (its
-// boot loader, its new firmware): while `path` is listed it is the one; once
-// it has left, the first Controller port that was not listed when this was
-// made. Without either, `path` itself (which then opens nothing).
+// boot loader, its new firmware). A board on USB is followed by its socket:
+// `path` while it is listed there, else the Controller port now on that
+// socket. Off USB: `path` while it is listed, then the first Controller port
+// that was not listed when this was made. Without either, `path` itself
+// (which then opens nothing).
 [[nodiscard]] PortPath followBoard(const std::string& path, SerialPortManager& manager);
 
 class PortList {

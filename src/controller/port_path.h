@@ -20,10 +20,19 @@ public:
     {
     }
     PortPath(const char* path) : PortPath(std::string(path)) {} // NOLINT(google-explicit-constructor)
-    // A look-up; none when no port is chosen (any more).
-    static PortPath following(LookUp lookUp) { return PortPath(std::move(lookUp), 0); }
+    // A look-up; none when no port is chosen (any more). `usbLocation`: the
+    // USB socket of the board it follows, when known (serial_port_attributes.h):
+    // the board's boot loader is then looked for on that socket alone, never
+    // on another board's.
+    static PortPath following(LookUp lookUp, std::optional<std::string> usbLocation = std::nullopt)
+    {
+        PortPath port(std::move(lookUp), 0);
+        port._usbLocation = std::move(usbLocation);
+        return port;
+    }
 
     [[nodiscard]] std::optional<std::string> current() const { return _lookUp(); }
+    [[nodiscard]] const std::optional<std::string>& usbLocation() const { return _usbLocation; }
     // The current path, or "" (which opens nothing) when there is none.
     [[nodiscard]] std::string currentOrEmpty() const { return current().value_or(std::string()); }
 
@@ -31,6 +40,7 @@ private:
     PortPath(LookUp lookUp, int /*tag*/) : _lookUp(std::move(lookUp)) {}
 
     LookUp _lookUp;
+    std::optional<std::string> _usbLocation;
 };
 
 } // namespace quendral

@@ -34,28 +34,49 @@ std::optional<std::uint16_t> hexNumber(const std::optional<DeviceAttributes>& at
 
 } // namespace
 
-std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port)
+namespace {
+
+// The nearest device above the port's tty that carries both identifiers.
+DeviceHandle usbDeviceOf(const SerialPort& port)
 {
     const SerialPort::Ptr current = SerialPort::serialPortWithPath(port.path());
     if (!current) {
-        return std::nullopt;
+        return nullptr;
     }
     DeviceRegistry& registry = DeviceRegistry::shared();
     for (DeviceHandle entry = current->IOKitDevice(); entry; entry = registry.parentOf(entry)) {
-        std::optional<std::string> vendor = registry.attribute(entry, kVendorKey);
-        std::optional<std::string> product = registry.attribute(entry, kProductKey);
-        if (!vendor || !product) {
-            continue;
+        if (registry.attribute(entry, kVendorKey) && registry.attribute(entry, kProductKey)) {
+            return entry;
         }
-        DeviceAttributes attributes(entry->properties.begin(), entry->properties.end());
-        for (const char* key : kIdentityAttributes) {
-            if (std::optional<std::string> value = registry.attribute(entry, key)) {
-                attributes[key] = std::move(*value);
-            }
-        }
-        return attributes;
     }
-    return std::nullopt;
+    return nullptr;
+}
+
+} // namespace
+
+std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port)
+{
+    const DeviceHandle entry = usbDeviceOf(port);
+    if (!entry) {
+        return std::nullopt;
+    }
+    DeviceRegistry& registry = DeviceRegistry::shared();
+    DeviceAttributes attributes(entry->properties.begin(), entry->properties.end());
+    for (const char* key : kIdentityAttributes) {
+        if (std::optional<std::string> value = registry.attribute(entry, key)) {
+            attributes[key] = std::move(*value);
+        }
+    }
+    return attributes;
+}
+
+std::optional<std::string> usbLocation(const SerialPort& port)
+{
+    const DeviceHandle entry = usbDeviceOf(port);
+    if (!entry || entry->sysname.empty()) {
+        return std::nullopt;
+    }
+    return entry->sysname;
 }
 
 std::optional<std::uint16_t> vendorID(const SerialPort& port)

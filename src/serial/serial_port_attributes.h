@@ -21,5 +21,10 @@ using DeviceAttributes = std::map<std::string, std::string>;
 [[nodiscard]] std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port);
 [[nodiscard]] std::optional<std::uint16_t> vendorID(const SerialPort& port);
 [[nodiscard]] std::optional<std::uint16_t> productID(const SerialPort& port);
+// Where that USB device is plugged in: its name on the bus, the bus and the
+// chain of hub ports ("1-1.4"). It stays the same while a board re-enumerates
+// on its socket (into its boot loader and back), when its node, identity and
+// serial number all change. None off USB.
+[[nodiscard]] std::optional<std::string> usbLocation(const SerialPort& port);
 
 } // namespace quendral

@@ -274,3 +274,19 @@ TEST(UpdateSafety, AFirmwareFileCutShortIsRefusedBeforeTheBoardHearsOfAnUpdate)
     // The program in flash is the one the board started with.
     EXPECT_TRUE(run.says("program answers CID:A2560AAAAAAAAAAAAAAAAAAAAAAAAAAA VERSION:2560-A.1")) << run.output;
 }
+
+TEST(UpdateSafety, ABoardWaitingInItsBootLoaderIsNeverFlashedInPlaceOfTheBoardThatWasTouched)
+{
+    // Two ATmega32U4 boards: the second sits in its boot loader (as one whose
+    // update failed does); the first runs its firmware and is the one named.
+    // Touched, the first comes back as its boot loader on its own USB socket,
+    // and that one alone may be written.
+    const std::string file = std::string(QUENDRAL_AVR_FIRMWARE_DIR) + "/identity_b_2560.hex";
+    const LabRun run = runInLab({"--controller", "atmega32u4", "--controller", "atmega32u4-boot-loader"},
+                                {cliPath(), "flash", "--resources", "{resources}", "-p", "ttyACM0", file});
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(run.says("board 1 (atmega32u4): the board saw 1 1200-baud touches")) << run.output;
+    EXPECT_TRUE(run.says("board 1 (atmega32u4): avrdude wrote ")) << run.output;
+    EXPECT_FALSE(run.says("board 1 (atmega32u4): avrdude wrote 0 bytes")) << run.output;
+    EXPECT_TRUE(run.says("board 2 (atmega32u4-boot-loader): avrdude wrote 0 bytes")) << run.output;
+}
