@@ -8,6 +8,7 @@
 #include "controller/port_access.h"
 #include "controller/port_list.h"
 #include "controller/update_job.h"
+#include "controller_update.h"
 #include "doctor.h"
 #include "flashing/board_table.h"
 #include "ip_assignments.h"
@@ -18,6 +19,7 @@
 #include "platform/paths.h"
 #include "serial/serial_port_attributes.h"
 #include "serial/serial_port_manager.h"
+#include "several_controllers.h"
 
 #include <algorithm>
 #include <charconv>
@@ -151,6 +153,7 @@ CliSession::CliSession(const Invocation& invocation) : _invocation(invocation)
     }
     options.desktop = hasDesktop();
     options.openOnDesktop = openOnDesktop;
+    _feedbackOptions = options;
     _feedback = std::make_unique<TerminalFeedback>(std::move(options));
     _link = ControllerLink::create(*_feedback);
     _uploader = std::make_unique<FirmwareUploader>(*_link, *_feedback);
@@ -164,7 +167,7 @@ CliSession::~CliSession()
     }
 }
 
-void CliSession::runUntil(const std::function<bool()>& done)
+void serveMainQueueUntil(const std::function<bool()>& done)
 {
     while (!dispatch::RunLoop::main().runUntil(done, 3600s)) {
     }
@@ -199,6 +202,10 @@ int CliSession::run()
     }
     if (_invocation.command == Command::Doctor) {
         return doctor();
+    }
+    if (_invocation.all) {
+        SeveralControllers every(_invocation, _feedbackOptions);
+        return _invocation.command == Command::Update ? every.updateAll(serverConfig()) : every.identifyAll();
     }
     _port = choosePort();
     if (!_port) {
@@ -268,10 +275,7 @@ int CliSession::ports()
 
 nlohmann::json CliSession::resultObject(const std::string& outcome, const std::optional<std::string>& error) const
 {
-    const std::string path = _port->currentOrEmpty();
-    return {
-        {"port", path.substr(path.rfind('/') + 1)},       {"path", path},       {"cid", textOrNull(_link->deviceCID())},
-        {"version", textOrNull(_link->currentVersion())}, {"outcome", outcome}, {"error", textOrNull(error)}};
+    return cli::resultObject(*_port, *_link, outcome, error);
 }
 
 int CliSession::doctor()
@@ -343,55 +347,30 @@ int CliSession::update()
     const UpdateServerClient server(serverConfig());
     Logger::log("Checking for update");
     _feedback->uploadBegins();
-    UpdateJob job(*_link, *_uploader, *_feedback);
-    const BoardIdentification* board = job.boardToUpdate(_port->currentOrEmpty());
+    const BoardIdentification* board = UpdateJob(*_link, *_uploader, *_feedback).boardToUpdate(_port->currentOrEmpty());
     if (board == nullptr) {
         return exitCodeFor(UpdateOutcome::UnsupportedDevice);
     }
-    UpdateOutcome outcome = UpdateOutcome::UploadFailed;
-    runInBackground([&] { outcome = job.run(*_port, *board, _invocation.build, server); });
+    UpdateReport report;
+    runInBackground(
+        [&] { report = updateController(*_link, *_uploader, *_feedback, *_port, *board, _invocation.build, server); });
     // The window shows its own texts for an answer it cannot use, or none at
     // all; a script gets the reason.
-    const auto problem = job.serverProblem();
-    if (problem) {
-        std::cerr << "quendral-cli: " << visibleText(serverProblemText(*problem)) << '\n';
+    if (report.problem) {
+        std::cerr << "quendral-cli: " << visibleText(serverProblemText(*report.problem)) << '\n';
     }
-    const auto previousVersion = _link->currentVersion();
-    std::optional<std::string> cid;
-    if (outcome == UpdateOutcome::Updated) {
-        // The Controller restarts on its new firmware: say which version it reports now.
-        // A reply line is read only once the next byte arrives, so the first
-        // answer can still carry the old firmware's last line: ask twice.
-        runInBackground([&] {
-            cid = _link->getCID(*_port);
-            if (cid) {
-                cid = _link->getCID(*_port);
-            }
-        });
-        if (cid && !_invocation.json) {
-            std::cout << "Controller " << visibleText(*cid) << " now runs version "
-                      << visibleText(_link->currentVersion().value_or("")) << '\n';
-        }
-    } else if (const char* why = notFlashedReason(outcome)) {
+    if (report.reidentified && !_invocation.json) {
+        std::cout << "Controller " << visibleText(_link->deviceCID().value_or("")) << " now runs version "
+                  << visibleText(_link->currentVersion().value_or("")) << '\n';
+    } else if (const char* why = notFlashedReason(report.outcome)) {
         // Where the road went on (even to a report of success to the server)
         // without the tool ever running, the last word says so.
         std::cerr << "The Controller was not flashed: " << why << '\n';
     }
     if (_invocation.json) {
-        std::optional<std::string> error;
-        if (problem) {
-            error = serverProblemText(*problem);
-        } else if (const char* why = notFlashedReason(outcome)) {
-            error = std::string("The Controller was not flashed: ") + why;
-        }
-        nlohmann::json object = resultObject(outcomeKey(outcome), error);
-        object["previousVersion"] = textOrNull(previousVersion);
-        if (outcome != UpdateOutcome::Updated || !cid) {
-            object["version"] = nullptr; // not known to run anything yet
-        }
-        printJson(object);
+        printJson(updateResultObject(*_port, *_link, report));
     }
-    return exitCodeFor(outcome, problem);
+    return exitCodeFor(report.outcome, report.problem);
 }
 
 int CliSession::flash()

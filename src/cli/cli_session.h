@@ -22,6 +22,9 @@
 
 namespace quendral::cli {
 
+// Serves the main queue (the ports' callbacks) on the main thread until `done`.
+void serveMainQueueUntil(const std::function<bool()>& done);
+
 class CliSession {
 public:
     explicit CliSession(const Invocation& invocation);
@@ -37,8 +40,7 @@ private:
     std::optional<PortPath> choosePort();
     // Runs `work` on the global queue while the main thread serves the main queue.
     void runInBackground(const std::function<void()>& work);
-    // Serves the main queue until `done`.
-    static void runUntil(const std::function<bool()>& done);
+    static void runUntil(const std::function<bool()>& done) { serveMainQueueUntil(done); }
 
     int ports();
     int doctor();
@@ -60,6 +62,7 @@ private:
     int monitor();
 
     const Invocation& _invocation;
+    TerminalFeedback::Options _feedbackOptions;
     std::unique_ptr<TerminalFeedback> _feedback;
     std::shared_ptr<ControllerLink> _link;
     std::unique_ptr<FirmwareUploader> _uploader;

@@ -199,6 +199,10 @@ Taken takeArgument(const std::string& arg, ArgumentReader& reader, Invocation& i
         invocation.json = true;
         return true;
     }
+    if (arg == "--all" && (command == Command::Identify || command == Command::Update)) {
+        invocation.all = true;
+        return true;
+    }
     if ((arg == "-p" || arg == "--port") && takesPort(command)) {
         return takeNonEmpty(reader, invocation.port, arg + " needs a port name or path");
     }
@@ -265,6 +269,9 @@ std::variant<Invocation, UsageError> parseCommandLine(const std::vector<std::str
         if (const auto* refused = std::get_if<UsageError>(&taken)) {
             return *refused;
         }
+    }
+    if (invocation->all && invocation->port) {
+        return UsageError{"--all works on every Controller; it takes no -p"};
     }
     if (invocation->command == Command::Flash && !invocation->firmwareFile) {
         return UsageError{"flash needs a firmware FILE"};

@@ -28,6 +28,7 @@ struct Invocation {
     Command command = Command::Help;
     std::optional<std::string> port;                              // -p NAME or /dev path
     std::optional<std::string> build;                             // update --build
+    bool all = false;                                             // identify/update --all
     bool raw = false;                                             // ip --raw
     bool quiet = false;                                           // --quiet
     bool json = false;                                            // --json

@@ -34,10 +34,19 @@ TerminalFeedback::TerminalFeedback(Options options) : _options(std::move(options
     }
 }
 
+void TerminalFeedback::write(std::ostream& stream, const std::string& text)
+{
+    std::unique_lock<std::mutex> lock;
+    if (_options.streamLock) {
+        lock = std::unique_lock(*_options.streamLock);
+    }
+    stream << text << std::flush;
+}
+
 void TerminalFeedback::endProgressLine()
 {
     if (_progressLineOpen) {
-        *_options.status << '\n';
+        write(*_options.status, "\n");
         _progressLineOpen = false;
     }
 }
@@ -47,13 +56,13 @@ void TerminalFeedback::endProgressLine()
 void TerminalFeedback::printLine(const std::string& line)
 {
     endProgressLine();
-    *_options.out << visibleText(line) << '\n' << std::flush;
+    write(*_options.out, _options.prefix + visibleText(line) + '\n');
 }
 
 void TerminalFeedback::printStatusLine(const std::string& line)
 {
     endProgressLine();
-    *_options.status << visibleText(line) << '\n' << std::flush;
+    write(*_options.status, _options.prefix + visibleText(line) + '\n');
 }
 
 void TerminalFeedback::status(std::string text)
@@ -97,10 +106,10 @@ void TerminalFeedback::uploadProgress(int percent)
     }
     _lastProgress = value;
     if (_options.progressBar) {
-        *_options.status << progressBar(value) << std::flush;
+        write(*_options.status, progressBar(value));
         _progressLineOpen = true;
     } else {
-        *_options.status << "Progress: " << value << "%\n" << std::flush;
+        write(*_options.status, _options.prefix + "Progress: " + std::to_string(value) + "%\n");
     }
 }
 
@@ -122,6 +131,10 @@ void TerminalFeedback::alert(const std::string& message)
 
 bool TerminalFeedback::ask(const std::string& message)
 {
+    std::unique_lock<std::mutex> oneQuestion;
+    if (_options.questionLock) {
+        oneQuestion = std::unique_lock(*_options.questionLock);
+    }
     std::lock_guard lock(_mutex);
     printLine(message);
     switch (_options.answer) {
@@ -138,10 +151,10 @@ bool TerminalFeedback::ask(const std::string& message)
         printLine("Answered no: there is no terminal to ask (use --yes to agree).");
         return false;
     }
-    *_options.out << "[y/N] " << std::flush;
+    write(*_options.out, _options.prefix + "[y/N] ");
     std::string reply;
     if (!std::getline(*_options.in, reply)) {
-        *_options.out << '\n';
+        write(*_options.out, "\n");
         return false;
     }
     return reply == "y" || reply == "Y" || reply == "yes" || reply == "Yes";

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,6 +36,13 @@ public:
         bool desktop = false;           // a desktop session can open URLs
         // Opens a URL on the desktop; true when it was handed over.
         std::function<bool(const std::string&)> openOnDesktop;
+        // Several Controllers at once: each has a feedback of its own whose
+        // lines start with `prefix` (its port), and all of them share the
+        // streams (`streamLock`: whole lines) and the one terminal to ask
+        // on (`questionLock`: one question at a time).
+        std::string prefix;
+        std::shared_ptr<std::mutex> streamLock;
+        std::shared_ptr<std::mutex> questionLock;
     };
 
     explicit TerminalFeedback(Options options);
@@ -60,6 +68,8 @@ private:
     void endProgressLine();
     void printLine(const std::string& line);
     void printStatusLine(const std::string& line);
+    // Writes `text` to `stream` whole, among the other Controllers' lines.
+    void write(std::ostream& stream, const std::string& text);
 
     Options _options;
     mutable std::mutex _mutex;

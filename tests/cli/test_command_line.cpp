@@ -1,4 +1,5 @@
 #include "command_line.h"
+#include "several_controllers.h"
 
 #include <gtest/gtest.h>
 
@@ -158,4 +159,36 @@ TEST(CommandLine, HelpExamplesAreValidCommandLines)
         ++examples;
     }
     EXPECT_GE(examples, 5);
+}
+
+TEST(CommandLine, AllWorksOnEveryControllerOfIdentifyAndUpdateAndTakesNoPort)
+{
+    EXPECT_TRUE(parsed({"identify", "--all"}).all);
+    const auto inv = parsed({"update", "--all", "--yes", "--json"});
+    EXPECT_TRUE(inv.all);
+    EXPECT_TRUE(inv.json);
+    EXPECT_FALSE(parsed({"update", "--yes"}).all);
+    EXPECT_EQ(error({"update", "--all", "-p", "ttyACM0"}), "--all works on every Controller; it takes no -p");
+    EXPECT_EQ(error({"ip", "--all"}), "unexpected argument '--all'");
+    EXPECT_EQ(error({"flash", "fw.hex", "--all"}), "unexpected argument '--all'");
+}
+
+TEST(SeveralControllers, TheExitCodeIsTheWorstOutcomeAFailureAboveAll)
+{
+    EXPECT_EQ(worstExitCode({}), kSuccess);
+    EXPECT_EQ(worstExitCode({kSuccess, kSuccess}), kSuccess);
+    EXPECT_EQ(worstExitCode({kSuccess, kNoUpdateNeeded}), kNoUpdateNeeded);
+    EXPECT_EQ(worstExitCode({kNoUpdateNeeded, kDeclined, kSuccess}), kDeclined);
+    EXPECT_EQ(worstExitCode({kRefused, kDeclined}), kRefused);
+    EXPECT_EQ(worstExitCode({kRefused, kNoConnection, kNoUpdateNeeded}), kNoConnection);
+    EXPECT_EQ(worstExitCode({kSuccess, kFailure, kNoConnection}), kFailure);
+    EXPECT_EQ(worstExitCode({kFailure, kSuccess}), kFailure);
+}
+
+TEST(SeveralControllers, TheSummaryIsColumnsTwoSpacesApartTheLastLeftAsItIs)
+{
+    EXPECT_EQ(columns({{"PORT", "CID", "OUTCOME"}, {"ttyACM10", "-", "updated"}, {"ttyUSB0", "ABC", "upload-failed"}}),
+              "PORT      CID  OUTCOME\n"
+              "ttyACM10  -    updated\n"
+              "ttyUSB0   ABC  upload-failed\n");
 }

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <memory>
+#include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 using quendral::cli::TerminalFeedback;
 
@@ -230,4 +234,44 @@ TEST(TerminalFeedback, StatusLinesFromSeveralThreadsAreNotInterleaved)
         EXPECT_EQ(line.rfind("thread ", 0), 0U) << line;
     }
     EXPECT_EQ(count, 400);
+}
+
+TEST(TerminalFeedback, SeveralControllersWriteWholeLinesEachStartingWithItsPort)
+{
+    // One feedback per Controller, on one shared stream, as `update --all` runs them.
+    std::ostringstream out;
+    std::istringstream in;
+    auto streamLock = std::make_shared<std::mutex>();
+    std::vector<std::unique_ptr<TerminalFeedback>> views;
+    for (const char* port : {"ttyACM0", "ttyACM1", "ttyUSB0"}) {
+        TerminalFeedback::Options o = options(out, in, false);
+        o.prefix = std::string(port) + ": ";
+        o.streamLock = streamLock;
+        views.push_back(std::make_unique<TerminalFeedback>(o));
+    }
+    std::vector<std::thread> threads;
+    for (auto& view : views) {
+        threads.emplace_back([&view] {
+            for (int i = 0; i < 100; ++i) {
+                view->status("Writing firmware...");
+                view->uploadProgress(i);
+                view->alert("An error occured during firmware upload.");
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    std::istringstream lines(out.str());
+    std::map<std::string, int> perPort;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string port = line.substr(0, line.find(": "));
+        const std::string text = line.substr(std::min(line.size(), port.size() + 2));
+        EXPECT_TRUE(text == "Writing firmware..." || text == "An error occured during firmware upload." ||
+                    text.starts_with("Progress: "))
+            << line;
+        ++perPort[port];
+    }
+    // Each port's lines: 100 status texts, 100 alerts, a progress line at each tenth.
+    EXPECT_EQ(perPort, (std::map<std::string, int>{{"ttyACM0", 210}, {"ttyACM1", 210}, {"ttyUSB0", 210}}));
 }

@@ -556,3 +556,86 @@ TEST_F(CliInUsbWorld, DoctorFindsAMissingToolAnIntermediateImageAndAServerWithTh
     EXPECT_NE(findings["update server"]["text"].get<std::string>().find("cannot be reached over verified TLS"),
               std::string::npos);
 }
+
+// --- several Controllers at once -----------------------------------------------
+
+namespace {
+
+// The --json objects of a run by their ports.
+std::map<std::string, nlohmann::json> objectsByPort(const std::string& out)
+{
+    std::map<std::string, nlohmann::json> objects;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto object = nlohmann::json::parse(line);
+        objects[object.at("port").get<std::string>()] = object;
+    }
+    return objects;
+}
+
+nlohmann::json identified(const std::string& port, const std::string& cid, const std::string& version)
+{
+    return {{"port", port},       {"path", "/dev/" + port},  {"cid", cid},
+            {"version", version}, {"outcome", "identified"}, {"error", nullptr}};
+}
+
+} // namespace
+
+TEST_F(CliInUsbWorld, IdentifyAllAsksEveryKnownBoardAtOnceAndExitsWithTheWorstOutcome)
+{
+    auto& unknown = plugController(usbDevice("ttyACM0", 0x1209, 0xBEEF)); // not a board of the table
+    auto& due = plugKorbatekDue("ttyACM1");
+    due.setCID("QUENDRAL000000000000000000000001");
+    due.setVersion("3.1.4");
+    auto& silent = plugKorbatekDue("ttyACM2");
+    silent.setSilent(true);
+    auto& adapter = plugController(usbDevice("ttyUSB0", 0x0403, 0x6001));
+    adapter.setCID("QUENDRAL000000000000000000000003");
+    adapter.setVersion("1284P-A.1");
+
+    const CliResult result = cliExiting(1, {"identify", "--all", "--json"});
+    const auto objects = objectsByPort(result.out);
+    EXPECT_EQ(objects, (std::map<std::string, nlohmann::json>{
+                           {"ttyACM1", identified("ttyACM1", "QUENDRAL000000000000000000000001", "3.1.4")},
+                           {"ttyACM2",
+                            {{"port", "ttyACM2"},
+                             {"path", "/dev/ttyACM2"},
+                             {"cid", nullptr},
+                             {"version", nullptr},
+                             {"outcome", "not-identified"},
+                             {"error", "The Controller did not identify itself."}}},
+                           {"ttyUSB0", identified("ttyUSB0", "QUENDRAL000000000000000000000003", "1284P-A.1")}}))
+        << describe(result);
+    EXPECT_TRUE(unknown.receivedLines().empty());
+    // All at once: the silent board's count-down began before the answering
+    // one's identification was over (one after the other, it would follow it).
+    const auto countDown = result.err.find("ttyACM2: Waiting for device to boot.. (20)\n");
+    const auto answered = result.err.find("ttyACM1: Please wait...\n");
+    ASSERT_NE(countDown, std::string::npos) << describe(result);
+    ASSERT_NE(answered, std::string::npos) << describe(result);
+    EXPECT_LT(countDown, answered) << describe(result);
+}
+
+TEST_F(CliInUsbWorld, IdentifyAllPrintsATableOfEveryBoard)
+{
+    auto& due = plugKorbatekDue("ttyACM0");
+    due.setCID("QUENDRAL000000000000000000000001");
+    due.setVersion("3.1.4");
+    auto& adapter = plugController(usbDevice("ttyUSB0", 0x0403, 0x6001));
+    adapter.setCID("QUENDRAL000000000000000000000003");
+    adapter.setVersion("1284P-A.1");
+
+    const CliResult result = cliExiting(0, {"identify", "--all"});
+    EXPECT_EQ(result.out, "PORT     CID                               VERSION    OUTCOME\n"
+                          "ttyACM0  QUENDRAL000000000000000000000001  3.1.4      identified\n"
+                          "ttyUSB0  QUENDRAL000000000000000000000003  1284P-A.1  identified\n");
+    EXPECT_NE(result.err.find("ttyUSB0: Waiting for device to boot.. (20)\n"), std::string::npos) << describe(result);
+}
+
+TEST_F(CliInUsbWorld, IdentifyAllWithoutAnyKnownBoardSaysSoAndExitsOne)
+{
+    plugController(usbDevice("ttyACM0", 0x1209, 0xBEEF));
+    const CliResult result = cliExiting(1, {"identify", "--all"});
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "quendral-cli: no Controller is connected\n");
+}
