@@ -299,16 +299,18 @@ constexpr std::string_view kHelpText = R"(Usage: quendral-cli COMMAND [OPTIONS]
 
 Updates and configures QUENDRAL Controllers connected over USB, from a terminal
 or a script. A command works on one Controller: the one on the port given with
--p, or else the first port that 'quendral-cli ports' lists.
+-p, or else the first port that 'quendral-cli ports' lists. identify and update
+work on every connected Controller at once with --all.
 
 Commands:
   ports                    list the Controller ports, one line each, separated
                            by tabs: name, path, vendor:product (hex), board
                            ("unknown" for a board this program does not know)
-  identify [-p PORT]       ask the Controller who it is; prints "CID: <code>"
+  identify [-p PORT | --all]
+                           ask the Controller who it is; prints "CID: <code>"
                            and "Version: <version>", or the message the
                            Controller sends instead
-  update [-p PORT] [--build NAME] [--yes | --no] [--server URL]
+  update [-p PORT | --all] [--build NAME] [--yes | --no] [--server URL]
          [--ca-file FILE]  ask the update server for firmware made for this
                            Controller and install it
   flash FILE [-p PORT]     install a firmware file (Intel HEX)
@@ -358,6 +360,14 @@ Commands:
 Options:
   -p, --port PORT          the Controller's port: a name (ttyACM0) or a path
                            (/dev/ttyACM0)
+  --all                    (identify, update) every connected board that
+                           'ports' names, all at once; updates take turns only
+                           while a tool writes. Each one's texts start with its
+                           port; at the end a table (port, CID, version, or for
+                           update old -> new, outcome) or with --json an object
+                           per board. A board whose type has no update check is
+                           listed and left alone. The exit code is the worst
+                           outcome: 1 above 5, 4, 6, 3 and 0
   --build NAME             (update) ask for this build instead of the newest:
                            master, masternodelete or branch_NAME
   -y, --yes                (update) agree when asked to install the
@@ -406,6 +416,7 @@ Examples:
   quendral-cli ports
   quendral-cli identify -p ttyACM1
   quendral-cli update --yes
+  quendral-cli update --all --yes
   quendral-cli ip > network-settings.txt
   quendral-cli ip -p /dev/ttyUSB0 dhcp=off ip=192.168.10.20 gateway=192.168.10.1
   printf 'debug\n' | quendral-cli monitor

@@ -125,11 +125,12 @@ TEST(CommandLine, HelpAndVersion)
 TEST(CommandLine, HelpListsEveryCommandAndExitCode)
 {
     const std::string help = helpText();
-    for (const char* word : {"\n  ports ", "\n  identify [-p PORT]", "\n  update [-p PORT]", "\n  flash FILE",
-                             "\n  ip [-p PORT] KEY=VALUE", "\n  webconfig [-p PORT]", "\n  online-config [-p PORT]",
-                             "\n  monitor [-p PORT]", "\n  log ", "\nExit codes:\n  0  success", "\n  1  failed",
-                             "\n  2  wrong arguments", "\n  3  no update needed", "\n  4  refused",
-                             "\n  5  the update server", "\n  6  a question was answered no", "\nExamples:\n"}) {
+    for (const char* word :
+         {"\n  ports ", "\n  identify [-p PORT | --all]", "\n  update [-p PORT | --all]", "\n  flash FILE",
+          "\n  ip [-p PORT] KEY=VALUE", "\n  webconfig [-p PORT]", "\n  online-config [-p PORT]",
+          "\n  monitor [-p PORT]", "\n  doctor ", "\n  log ", "\n  --all ", "\nExit codes:\n  0  success",
+          "\n  1  failed", "\n  2  wrong arguments", "\n  3  no update needed", "\n  4  refused",
+          "\n  5  the update server", "\n  6  a question was answered no", "\nExamples:\n"}) {
         EXPECT_NE(help.find(word), std::string::npos) << word;
     }
 }

@@ -528,6 +528,8 @@ TEST(PackageDocs, BashCompletesTheCommandLinesCommandsAndOptions)
     EXPECT_EQ(complete("quendral-cli online"), "online-config");
     EXPECT_EQ(complete("quendral-cli update --ca"), "--ca-file");
     EXPECT_EQ(complete("quendral-cli flash --res"), "--resources");
+    EXPECT_EQ(complete("quendral-cli update --al"), "--all");
+    EXPECT_EQ(complete("quendral-cli ip --al"), "");
     EXPECT_EQ(complete("quendral-cli ''"),
               "ports identify update flash ip webconfig online-config monitor doctor log help --help --version -h -V");
 }
