@@ -19,7 +19,8 @@ SimulatedUsbBoard::Identities SimulatedUsbBoard::atmega32u4(const std::string& t
 }
 
 SimulatedUsbBoard::SimulatedUsbBoard(UmockdevTestbed& testbed, Identities identities)
-    : _testbed(testbed), _identities(std::move(identities)), _thread([this] { run(); })
+    : _testbed(testbed), _identities(std::move(identities)), _usbPort(testbed.unusedUsbPort()),
+      _thread([this] { run(); })
 {
 }
 
@@ -191,6 +192,7 @@ void SimulatedUsbBoard::switchTo(Mode target)
     }
     UsbSerialDeviceInfo info = target == Mode::Application ? _identities.application : _identities.bootloader;
     info.ttyName = _testbed.unusedTtyName(info.ttyName);
+    info.usbPort = _usbPort;
     std::shared_ptr<UmockdevSerialDevice> device = _testbed.addUsbSerialDevice(info);
     if (!device) {
         return;

@@ -106,6 +106,8 @@ private:
 
     UmockdevTestbed& _testbed;
     const Identities _identities;
+    // Firmware and boot loader come and go on the board's one USB socket.
+    const int _usbPort;
 
     mutable std::mutex _mutex;
     mutable std::condition_variable _changed;

@@ -320,8 +320,11 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const 
     // umockdev's isatty() counts only major 4 as a terminal (avrdude checks
     // isatty() before it sets the line up): the number is borrowed from there,
     // with minors above the built-in ports'.
-    record += "P: " + tty + "\nN: " + info.ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + info.ttyName +
-              "\nA: dev=4:" + std::to_string((acm ? 128 : 192) + number) + "\n";
+    record += "P: " + tty + "\nN: " + info.ttyName + "\nE: SUBSYSTEM=tty\nE: DEVNAME=/dev/" + info.ttyName + "\n";
+    for (const auto& [key, value] : info.ttyProperties) {
+        record += "E: " + key + "=" + value + "\n";
+    }
+    record += "A: dev=4:" + std::to_string((acm ? 128 : 192) + number) + "\n";
     return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce);
 }
 

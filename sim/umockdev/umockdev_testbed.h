@@ -43,6 +43,8 @@ struct UsbSerialDeviceInfo {
     // of its own. A board that re-enumerates (into its boot loader and back)
     // comes back on the same socket, as on a real machine.
     int usbPort = 0;
+    // More udev properties of the tty, as rules set them ("ID_MM_DEVICE_IGNORE", "1").
+    std::vector<std::pair<std::string, std::string>> ttyProperties{};
 };
 
 class UmockdevTestbed;

@@ -136,7 +136,23 @@ Finding Doctor::port(const std::string& path)
     return problem(check, "this user may not open " + path, portAccessDeniedText(path));
 }
 
-Finding Doctor::modemManager() const
+namespace {
+
+// ModemManager leaves a port alone when udev gave it this property (the
+// package's rule does, for the board table's identities).
+bool markedForModemManagerToIgnore(const SerialPort& port)
+{
+    const DeviceHandle device = port.IOKitDevice();
+    if (!device) {
+        return false;
+    }
+    const auto mark = device->properties.find("ID_MM_DEVICE_IGNORE");
+    return mark != device->properties.end() && mark->second == "1";
+}
+
+} // namespace
+
+Finding Doctor::modemManager(const SerialPortList& ports) const
 {
     bool running = false;
     std::error_code error;
@@ -151,15 +167,28 @@ Finding Doctor::modemManager() const
     if (!running) {
         return ok("ModemManager", "ModemManager does not run");
     }
+    const std::string fix = std::string("install the package's udev rule ") + kRuleFile +
+                            " (then unplug and plug in the boards), or: sudo systemctl stop ModemManager";
+    if (!ports.empty()) {
+        std::string unmarked;
+        for (const auto& port : ports) {
+            if (!markedForModemManagerToIgnore(*port)) {
+                unmarked += (unmarked.empty() ? "" : ", ") + port->path();
+            }
+        }
+        if (unmarked.empty()) {
+            return ok("ModemManager", "ModemManager runs; every Controller port is marked for it to ignore");
+        }
+        return problem("ModemManager", "ModemManager runs and may probe " + unmarked + ": not marked for it to ignore",
+                       fix);
+    }
     for (const auto& file : ruleFiles()) {
         if (file.filename() == kRuleFile) {
             return ok("ModemManager",
                       "ModemManager runs; the boards are marked for it to ignore (" + file.string() + ")");
         }
     }
-    return problem("ModemManager", "ModemManager runs and nothing marks the boards for it to ignore",
-                   std::string("install the package's udev rule ") + kRuleFile +
-                       ", or: sudo systemctl stop ModemManager");
+    return problem("ModemManager", "ModemManager runs and nothing marks the boards for it to ignore", fix);
 }
 
 Finding Doctor::brailleService() const
@@ -205,7 +234,7 @@ std::vector<Finding> Doctor::examine(const SerialPortList& ports, const std::opt
     for (const auto& each : ports) {
         findings.push_back(port(each->path()));
     }
-    findings.push_back(modemManager());
+    findings.push_back(modemManager(ports));
     findings.push_back(brailleService());
     if (server) {
         findings.push_back(updateServer(*server));

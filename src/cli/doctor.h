@@ -41,7 +41,9 @@ public:
     [[nodiscard]] Finding avrdudeConfiguration() const;
     [[nodiscard]] Finding intermediateFirmware() const;
     [[nodiscard]] static Finding port(const std::string& path);
-    [[nodiscard]] Finding modemManager() const;
+    // With Controller ports, each port's own mark as udev gives it
+    // (ID_MM_DEVICE_IGNORE); without, whether the package's rule is installed.
+    [[nodiscard]] Finding modemManager(const SerialPortList& ports = {}) const;
     [[nodiscard]] Finding brailleService() const;
     [[nodiscard]] static Finding updateServer(const UpdateServerConfig& config);
 

@@ -47,8 +47,8 @@ TEST_F(DoctorTest, ModemManagerThatRunsWithoutTheRuleIsAProblemWithItsFix)
     const Finding running = doctor().modemManager();
     EXPECT_FALSE(running.ok);
     EXPECT_EQ(running.text, "ModemManager runs and nothing marks the boards for it to ignore");
-    EXPECT_EQ(running.fix, "install the package's udev rule 70-quendral-controllers.rules, or: sudo systemctl stop "
-                           "ModemManager");
+    EXPECT_EQ(running.fix, "install the package's udev rule 70-quendral-controllers.rules (then unplug and plug in "
+                           "the boards), or: sudo systemctl stop ModemManager");
 
     write("rules/70-quendral-controllers.rules", "# the package's rule\n");
     EXPECT_TRUE(doctor().modemManager().ok);

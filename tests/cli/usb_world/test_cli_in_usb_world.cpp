@@ -3,6 +3,9 @@
 // simulators, what the user sees on the child's standard output and error.
 #include "cli_usb_world.h"
 #include "controller/main_view_controller.h"
+#include "controller/port_list.h"
+#include "doctor.h"
+#include "serial/serial_port_manager.h"
 
 #include <nlohmann/json.hpp>
 
@@ -638,4 +641,33 @@ TEST_F(CliInUsbWorld, IdentifyAllWithoutAnyKnownBoardSaysSoAndExitsOne)
     const CliResult result = cliExiting(1, {"identify", "--all"});
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "quendral-cli: no Controller is connected\n");
+}
+
+// --- doctor and ModemManager, in-process -----------------------------------------
+
+TEST_F(CliInUsbWorld, DoctorNamesTheControllerPortsThatModemManagerMayProbe)
+{
+    // udev marked the first board (the package's rule does that), not the second.
+    auto marked = usbDevice("ttyACM0", 0x2341, 0x003E);
+    marked.ttyProperties = {{"ID_MM_DEVICE_IGNORE", "1"}};
+    plugDevice(marked);
+    TempDir computer;
+    std::filesystem::create_directories(computer.path() / "proc" / "812");
+    std::ofstream(computer.path() / "proc" / "812" / "comm") << "ModemManager\n";
+    const quendral::cli::Doctor doctor(quendral::cli::Doctor::Places{
+        computer.path() / "resources", computer.path() / "proc", {computer.path() / "rules"}});
+    auto& manager = quendral::SerialPortManager::sharedSerialPortManager();
+    ASSERT_TRUE(waitUntil([&] { return quendral::listedControllerPorts(manager).size() == 1; }));
+
+    const quendral::cli::Finding allMarked = doctor.modemManager(quendral::listedControllerPorts(manager));
+    EXPECT_TRUE(allMarked.ok);
+    EXPECT_EQ(allMarked.text, "ModemManager runs; every Controller port is marked for it to ignore");
+
+    plugDevice(usbDevice("ttyUSB0", 0x0403, 0x6001));
+    ASSERT_TRUE(waitUntil([&] { return quendral::listedControllerPorts(manager).size() == 2; }));
+    const quendral::cli::Finding oneNot = doctor.modemManager(quendral::listedControllerPorts(manager));
+    EXPECT_FALSE(oneNot.ok);
+    EXPECT_EQ(oneNot.text, "ModemManager runs and may probe /dev/ttyUSB0: not marked for it to ignore");
+    EXPECT_EQ(oneNot.fix, "install the package's udev rule 70-quendral-controllers.rules (then unplug and plug in "
+                          "the boards), or: sudo systemctl stop ModemManager");
 }
