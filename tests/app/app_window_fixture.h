@@ -95,6 +95,32 @@ protected:
                          timeout);
     }
 
+    // Starts the application with its main window in front, as an owner
+    // who is about to type a shortcut has it.
+    void launchActive(Clock& clock = systemClock())
+    {
+        launch(clock);
+        app->mainWindow()->activateWindow();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(app->mainWindow()));
+    }
+
+    // Types a key where a real key press would go: the focus widget of the
+    // active window, or the window itself.
+    void press(Qt::Key key, Qt::KeyboardModifiers modifiers)
+    {
+        QWidget* target = QApplication::focusWidget();
+        if (target == nullptr) {
+            target = app->mainWindow();
+        }
+        QTest::keyClick(target, key, modifiers);
+    }
+
+    // Lets anything a key press or click queued run.
+    static void settle(std::chrono::milliseconds duration = std::chrono::milliseconds(150))
+    {
+        spinUntil([] { return false; }, duration);
+    }
+
     [[nodiscard]] bool allControlsEnabled() const
     {
         return ui().serialMonitorButton->isEnabled() && ui().loadFirmwareButton->isEnabled() &&
