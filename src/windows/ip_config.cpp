@@ -29,8 +29,18 @@ public:
 
 namespace {
 
-const QString kValidStyle = QStringLiteral("QLineEdit { background-color: white; color: black; }");
-const QString kInvalidStyle = QStringLiteral("QLineEdit { background-color: red; color: white; }");
+// Set on a field once it has been checked: whether its address was valid.
+const char* const kCheckedValidProperty = "quendralAddressValid";
+
+// A checked field keeps the theme's own field colours (white and black in a
+// light theme, and dark in a dark one); an invalid one is red with white text
+// in every theme.
+QString checkedFieldStyle(bool valid, const QPalette& theme)
+{
+    const QColor background = valid ? theme.color(QPalette::Base) : QColor(Qt::red);
+    const QColor text = valid ? theme.color(QPalette::Text) : QColor(Qt::white);
+    return QStringLiteral("QLineEdit { background-color: %1; color: %2; }").arg(background.name(), text.name());
+}
 
 } // namespace
 
@@ -111,19 +121,33 @@ void IPConfig::dhcpChanged(bool on)
 bool IPConfig::verifyIPField(QLineEdit* field)
 {
     const auto address = ipsettings::verifyIP(field->text().toStdString());
+    field->setProperty(kCheckedValidProperty, address.has_value());
+    field->setStyleSheet(checkedFieldStyle(address.has_value(), palette()));
     if (address) {
-        field->setStyleSheet(kValidStyle);
         field->setText(QString::fromStdString(*address));
     } else {
         // The system log: the log file is for what the user did, not what they typed.
         std::cerr << "Invalid: " << field->text().toStdString() << std::endl;
-        field->setStyleSheet(kInvalidStyle);
     }
     field->clearFocus();
     if (QWidget* focused = window()->focusWidget()) {
         focused->clearFocus();
     }
     return address.has_value();
+}
+
+void IPConfig::changeEvent(QEvent* event)
+{
+    // The desktop switched themes: checked fields follow.
+    if (event->type() == QEvent::PaletteChange) {
+        for (auto* field : findChildren<QLineEdit*>()) {
+            const QVariant valid = field->property(kCheckedValidProperty);
+            if (valid.isValid()) {
+                field->setStyleSheet(checkedFieldStyle(valid.toBool(), palette()));
+            }
+        }
+    }
+    QWidget::changeEvent(event);
 }
 
 void IPConfig::saveSettings()
