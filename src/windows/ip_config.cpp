@@ -11,6 +11,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QStyle>
+#include <QStyleOptionFrame>
 
 #include <iostream>
 
@@ -42,6 +44,22 @@ QString checkedFieldStyle(bool valid, const QPalette& theme)
     return QStringLiteral("QLineEdit { background-color: %1; color: %2; }").arg(background.name(), text.name());
 }
 
+// Wide enough for the longest address in the field's own font, with room for
+// the cursor after it.
+int addressFieldWidth(const QLineEdit& field)
+{
+    const QFontMetrics metrics = field.fontMetrics();
+    const QMargins margins = field.textMargins();
+    // QLineEdit keeps a fixed inner margin of 2 on each side of its text.
+    const QSize text(metrics.horizontalAdvance(QStringLiteral("255.255.255.255")) + metrics.averageCharWidth() + 4 +
+                         margins.left() + margins.right(),
+                     metrics.height());
+    QStyleOptionFrame option;
+    option.initFrom(&field);
+    option.lineWidth = field.style()->pixelMetric(QStyle::PM_DefaultFrameWidth, &option, &field);
+    return field.style()->sizeFromContents(QStyle::CT_LineEdit, &option, text, &field).width();
+}
+
 } // namespace
 
 IPConfig::IPConfig(WindowHost& host, QWidget* parent)
@@ -68,7 +86,7 @@ void IPConfig::addDeviceRow(const std::string& label, const std::string& address
     name->setFixedWidth(140);
     auto* field = new QLineEdit(QString::fromStdString(address), row);
     field->resize(100, 20);
-    field->setFixedWidth(120);
+    field->setFixedWidth(addressFieldWidth(*field));
     auto* enable = new QCheckBox(QStringLiteral("Enabled"), row);
     enable->setChecked(enabled);
     layout->addWidget(name);

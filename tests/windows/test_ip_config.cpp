@@ -6,6 +6,7 @@
 #include <QImage>
 #include <QLineEdit>
 #include <QPalette>
+#include <QStyle>
 
 using namespace quendral;
 using namespace quendral::test;
@@ -190,4 +191,27 @@ TEST(IPConfigTheme, CheckedFieldsInALightThemeAreWhiteWithBlackText)
     ASSERT_TRUE(window.verifyIPField(window.ui().ipField));
     EXPECT_EQ(drawnBackground(window.ui().ipField), QApplication::palette().color(QPalette::Base));
     EXPECT_EQ(window.ui().ipField->palette().color(QPalette::Text), QApplication::palette().color(QPalette::Text));
+}
+
+TEST_F(IPConfigTest, DeviceAddressFieldsFitTheLongestAddressInTheDesktopsFont)
+{
+    const QFont desktopFont = QApplication::font();
+    for (const int points : {9, 16}) {
+        QFont font = desktopFont;
+        font.setPointSize(points);
+        QApplication::setFont(font);
+        RecordingWindowHost rowHost;
+        windows::IPConfig sized{rowHost};
+        sized.loadData({"dev;1;Light;255.255.255.255;1"});
+        sized.show();
+        QLineEdit* field = sized.ipFields().at(0);
+        // What QLineEdit needs around its text: the frame, and its fixed inner margin of 2 on each side.
+        const int frame = field->style()->pixelMetric(QStyle::PM_DefaultFrameWidth, nullptr, field);
+        const QMargins margins = field->textMargins();
+        const int needed = field->fontMetrics().horizontalAdvance(QStringLiteral("255.255.255.255")) + 2 * frame + 4 +
+                           margins.left() + margins.right();
+        EXPECT_GE(field->width(), needed) << points << " pt";
+        EXPECT_EQ(field->width(), field->minimumWidth()) << "the field does not stretch with the window";
+    }
+    QApplication::setFont(desktopFont);
 }
