@@ -2,6 +2,7 @@
 
 #include "about_box.h"
 #include "controller/main_view_controller.h"
+#include "desktop_open.h"
 #include "host_window.h"
 #include "log/logger.h"
 #include "platform/app_info.h"
@@ -15,7 +16,6 @@
 
 #include <QAction>
 #include <QApplication>
-#include <QDesktopServices>
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -190,8 +190,8 @@ void AppDelegate::updateFromFile()
 void AppDelegate::showLog()
 {
     Logger::log("User opened log file");
-    // The desktop's text editor; a failure to open it is not reported.
-    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(Logger::getLogPath())));
+    // The desktop's text editor; without one, the owner is told where the file is.
+    openOnDesktop(QUrl::fromLocalFile(QString::fromStdString(Logger::getLogPath())), _mainWindow.get());
 }
 
 void AppDelegate::serialMonitorClosing()

@@ -1,12 +1,12 @@
 #include "qt_main_view.h"
 
 #include "controller/keyboard_shortcuts.h"
+#include "desktop_open.h"
 #include "keyboard_locks.h"
 #include "ui_MasterView.h"
 
 #include <QApplication>
 #include <QCoreApplication>
-#include <QDesktopServices>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QFileDialog>
@@ -300,7 +300,7 @@ std::optional<std::string> QtMainView::chooseFirmwareFile()
 
 void QtMainView::openURL(const std::string& url)
 {
-    QDesktopServices::openUrl(QUrl(qs(url)));
+    openOnDesktop(QUrl(qs(url)), this);
 }
 
 } // namespace quendral::app
