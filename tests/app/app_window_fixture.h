@@ -50,7 +50,9 @@ protected:
     {
         DeviceWindowTest::SetUp();
         // Replies are parsed once a further byte has come, as from a chatty firmware.
-        simulator->setTrailer("\n");
+        if (simulator != nullptr) {
+            simulator->setTrailer("\n");
+        }
         Logger::setDataFolder(logFolder.path());
     }
 
