@@ -22,17 +22,9 @@ constexpr auto kSpeedSample = std::chrono::milliseconds(5);
 // cooked, echoing mode; a real board takes longer than this to say anything.
 constexpr auto kSettleAfterOpen = std::chrono::milliseconds(50);
 
-bool startsWith(const std::string& text, std::string_view prefix)
-{
-    return text.rfind(prefix, 0) == 0;
-}
-
 } // namespace
 
-ControllerSimulator::ControllerSimulator(int deviceEnd, Clock& clock)
-    : _deviceEnd(deviceEnd),
-      _clock(clock), _dumpLines{"ip;192.168.10.50", "subnet;255.255.255.0", "gateway;192.168.10.1", "dns;192.168.10.1",
-                                "dev;1;Label;192.168.10.60;1"}
+ControllerSimulator::ControllerSimulator(int deviceEnd, Clock& clock) : _deviceEnd(deviceEnd), _clock(clock)
 {
     _poweredOn = _clock.now();
 }
@@ -94,37 +86,39 @@ void ControllerSimulator::stop()
 
 void ControllerSimulator::setCID(std::string cid)
 {
-    set(_cid, std::move(cid));
+    set(_protocol.cid, std::move(cid));
 }
 
 void ControllerSimulator::setVersion(std::string version)
 {
-    set(_version, std::move(version));
+    set(_protocol.version, std::move(version));
 }
 
 void ControllerSimulator::setMessage(std::optional<std::string> message)
 {
-    set(_message, std::move(message));
+    set(_protocol.message, std::move(message));
 }
 
 void ControllerSimulator::setAddress(std::string address)
 {
-    set(_address, std::move(address));
+    set(_protocol.address, std::move(address));
 }
 
 void ControllerSimulator::setIPDumpLines(std::vector<std::string> lines)
 {
-    set(_dumpLines, std::move(lines));
+    set(_protocol.dumpLines, std::move(lines));
 }
 
 bool ControllerSimulator::webserverRunning() const
 {
-    return get(_webserver);
+    std::lock_guard lock(_mutex);
+    return _protocol.webserverRunning();
 }
 
 bool ControllerSimulator::inConfigurationMode() const
 {
-    return get(_configMode);
+    std::lock_guard lock(_mutex);
+    return _protocol.inConfigurationMode();
 }
 
 void ControllerSimulator::setBootDelay(Clock::Seconds delay)
@@ -295,35 +289,9 @@ void ControllerSimulator::handleLine(const std::string& received)
         if (_silent || !hasBooted()) {
             return;
         }
-        if (line == "getCID") {
-            answer = _message ? "CID:MSG:" + *_message + "\n" : "CID:" + _cid + "\n";
-        } else if (line == "getVersion") {
-            answer = "VERSION:" + _version + "\n";
-        } else if (line == "dumpIP") {
-            answer = "start_dump\n";
-            for (const std::string& setting : _dumpLines) {
-                answer += setting + "\n";
-            }
-            answer += "end_dump\n";
-        } else if (line == "config") {
-            // The application closes the port and reopens it; the address
-            // is announced to whoever opens it next.
-            _configMode = true;
-            _announceAddressOnOpen = true;
-        } else if (line == "webconfig") {
-            _webserver = !_webserver;
-            answer = _webserver ? "Starting webserver for configuration at http://" + _address + "\n"
-                                : "Stopping webserver\n";
-        } else if (line == "reset") {
+        answer = _protocol.answer(line);
+        if (line == "reset") {
             _poweredOn = _clock.now();
-            _configMode = false;
-        } else if (startsWith(line, "ip=")) {
-            _address = line.substr(3);
-            for (std::string& setting : _dumpLines) {
-                if (startsWith(setting, "ip;")) {
-                    setting = "ip;" + _address;
-                }
-            }
         }
     }
     if (!answer.empty()) {
@@ -333,20 +301,20 @@ void ControllerSimulator::handleLine(const std::string& received)
 
 void ControllerSimulator::portOpened()
 {
-    bool announce = false;
-    std::string address;
+    std::string greeting;
     {
         std::lock_guard lock(_mutex);
         _portOpen = true;
         ++_openCount;
         _changed.notify_all();
-        announce = _announceAddressOnOpen && !_silent;
-        _announceAddressOnOpen = false;
-        address = _address;
+        greeting = _protocol.portOpened();
+        if (_silent) {
+            greeting.clear();
+        }
     }
-    if (announce) {
+    if (!greeting.empty()) {
         std::this_thread::sleep_for(kSettleAfterOpen);
-        reply("IP address: " + address + "\n");
+        reply(greeting);
     }
 }
 

@@ -1,20 +1,10 @@
 #pragma once
 // A simulated QUENDRAL Controller on the device end of a pseudo-terminal.
 //
-// It speaks the Controller's line protocol (commands end in one line feed,
-// replies are lines ended by a line feed):
-//
-//   "getCID\n"      -> "CID:" + the 32-character identifier, or
-//                      "CID:MSG:" + a message when one is set (setMessage)
-//   "getVersion\n"  -> "VERSION:" + the firmware version
-//   "dumpIP\n"      -> "start_dump", one line per setting, "end_dump"
-//                      (lines like "ip;192.168.10.50", "dev;1;Label;192.168.10.60;1")
-//   "config\n"      -> enters configuration mode; once the port has been closed
-//                      and opened again it announces "IP address: " + address
-//   "webconfig\n"   -> toggles its web server and announces
-//                      "Starting webserver for configuration at http://" + address,
-//                      or "Stopping webserver"
-//   anything else   -> recorded, no answer ("prepareUpload", "bulkip", "store", ...)
+// It speaks the Controller's line protocol as controller_protocol.h gives it
+// (getCID, getVersion, dumpIP, config, webconfig, the IP settings write);
+// the serial monitor's service commands and anything else ("prepareUpload",
+// "store", ...) are recorded with no answer.
 //
 // Every line received is recorded (receivedLines(), waitForLine()).
 //
@@ -44,6 +34,7 @@
 // at construction, so a test with a fast-forwarding clock sees a slow boot
 // without waiting for it.
 #include "baud_touch.h"
+#include "controller_protocol.h"
 #include "platform/clock.h"
 
 #include <chrono>
@@ -150,14 +141,7 @@ private:
 
     mutable std::mutex _mutex;
     mutable std::condition_variable _changed;
-    std::string _cid = kDefaultCID;
-    std::string _version = "1.0.0";
-    std::optional<std::string> _message;
-    std::string _address = "192.168.10.50";
-    std::vector<std::string> _dumpLines;
-    bool _webserver = false;
-    bool _configMode = false;
-    bool _announceAddressOnOpen = false;
+    ControllerProtocol _protocol; // its answers; service commands are recorded silently
     Clock::TimePoint _poweredOn{};
     Clock::Seconds _bootDelay{0};
     bool _silent = false;

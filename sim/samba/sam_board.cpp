@@ -1,12 +1,14 @@
 #include "sam_board.h"
 
 #include "baud_touch.h"
+#include "controller_protocol.h"
 #include "intel_hex.h"
 #include "sam3x_memory.h"
 #include "samba_monitor.h"
 #include "serial_link.h"
 #include "stop_worker.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -23,11 +25,38 @@ struct SamBoard::State {
     LineFilter lineFilter;
     std::optional<ControllerIdentity> identity;
     std::string line; // the application's current input line
+    // The running firmware's answers; its settings live in the Controller's
+    // EEPROM and survive resets.
+    ControllerProtocol protocol;
+    // What the firmware says to a new session, once the host's terminal has
+    // settled (data sent the instant a port opens can meet it still echoing).
+    std::string greeting;
+    std::chrono::steady_clock::time_point greetAt;
     unsigned lastBaud = 0;
     BaudTouchDetector touch;
 };
 
-SamBoard::SamBoard(SamBoardOptions options) : options_(std::move(options)), state_(std::make_unique<State>()) {}
+namespace {
+
+constexpr auto kSettleAfterOpen = std::chrono::milliseconds(50);
+
+// A Controller's firmware goes on talking after an answer (status lines); one
+// line feed stands for that here, so that a host which takes a line only once
+// a further byte has come takes the answer at once. The identification
+// answers are asked again every second and keep the timing the update road
+// was measured with.
+std::string trailerAfter(const std::string& command)
+{
+    return command == "getCID" || command == "getVersion" ? std::string() : std::string("\n");
+}
+
+} // namespace
+
+SamBoard::SamBoard(SamBoardOptions options) : options_(std::move(options)), state_(std::make_unique<State>())
+{
+    // An owner trying the serial monitor's service buttons sees a reply.
+    state_->protocol.serviceAnswers = true;
+}
 
 SamBoard::~SamBoard()
 {
@@ -152,9 +181,14 @@ void SamBoard::reboot()
     if (s.link) {
         s.link->input().clear();
     }
+    s.greeting.clear();
     if (s.memory.bootFromFlash()) {
         mode_ = SamMode::Application;
         s.identity = findIdentity(s.memory.flash());
+        if (s.identity) {
+            s.protocol.cid = s.identity->cid;
+            s.protocol.version = s.identity->version;
+        }
     } else {
         mode_ = SamMode::BootLoader;
         s.identity.reset();
@@ -187,13 +221,15 @@ void SamBoard::serveApplication()
             continue;
         }
         if (s.identity) {
-            if (s.line == "getCID") {
-                s.link->send("CID:" + s.identity->cid + "\n");
-            } else if (s.line == "getVersion") {
-                s.link->send("VERSION:" + s.identity->version + "\n");
+            if (const std::string answer = s.protocol.answer(s.line); !answer.empty()) {
+                s.link->send(answer + trailerAfter(s.line));
             }
         }
         s.line.clear();
+    }
+    if (!s.greeting.empty() && std::chrono::steady_clock::now() >= s.greetAt) {
+        s.link->send(s.greeting);
+        s.greeting.clear();
     }
 }
 
@@ -211,7 +247,13 @@ void SamBoard::run()
         }
         SerialLink& link = *s.link;
         unsigned closes = link.takeCloses();
-        link.takeOpens();
+        if (link.takeOpens() > 0 && mode_ == SamMode::Application && s.identity) {
+            s.greeting = s.protocol.portOpened();
+            if (!s.greeting.empty()) {
+                s.greeting += trailerAfter("config");
+            }
+            s.greetAt = std::chrono::steady_clock::now() + kSettleAfterOpen;
+        }
         unsigned baud = link.baud();
         bool touched = touchRequested_.exchange(false);
         // The host closed the line since the last look, or opened it, changed

@@ -3,7 +3,9 @@
 // on a serial device end: in its boot loader it is the SAM-BA monitor that
 // bossac drives (USB 03EB:6124); after a reset with boot-from-flash set it runs
 // what was flashed (USB 2341:003E): if that carries a Controller identity, it
-// answers "getCID" and "getVersion" with it, otherwise it stays silent.
+// is a Controller with that identity and answers the whole text protocol
+// (controller_protocol.h, the serial monitor's service commands included),
+// otherwise it stays silent.
 //
 // The 1200-baud touch (the peer sets 1200 baud, then closes the line) while the
 // application runs clears boot-from-flash and resets the chip into SAM-BA, as the

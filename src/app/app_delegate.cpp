@@ -2,6 +2,7 @@
 
 #include "about_box.h"
 #include "controller/main_view_controller.h"
+#include "desktop_open.h"
 #include "host_window.h"
 #include "log/logger.h"
 #include "platform/app_info.h"
@@ -10,17 +11,19 @@
 #include "qt_main_view.h"
 #include "serial/serial_port.h"
 #include "ui_MasterView.h"
+#include "window_placement.h"
 #include "windows/ip_config.h"
 #include "windows/serial_monitor.h"
 
 #include <QAction>
 #include <QApplication>
-#include <QDesktopServices>
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QScreen>
 #include <QUrl>
+#include <QWindow>
 
 namespace quendral::app {
 namespace {
@@ -120,13 +123,34 @@ void AppDelegate::connectButtons()
     connect(ui.serialMonitorButton, &QPushButton::clicked, this, on(&MainViewController::openSerialMonitor));
 }
 
+void AppDelegate::showBesideMainWindow(HostWindow& window, QSize wanted)
+{
+    if (window.isVisible()) {
+        window.show(); // where the owner put it
+        return;
+    }
+    // Transient for the main window: the window system keeps it above the
+    // main window and groups them.
+    window.winId();
+    window.windowHandle()->setTransientParent(_mainWindow->windowHandle());
+    const QRect mainFrame = _mainWindow->frameGeometry();
+    const QRect mainContent = _mainWindow->geometry();
+    // The window system's frame is not known before the window is shown: the
+    // main window's stands for it.
+    const QMargins frame(mainContent.left() - mainFrame.left(), mainContent.top() - mainFrame.top(),
+                         mainFrame.right() - mainContent.right(), mainFrame.bottom() - mainContent.bottom());
+    window.setGeometry(placeBesideMainWindow(mainFrame, wanted, window.minimumSizeHint(), frame,
+                                             _mainWindow->screen()->availableGeometry()));
+    window.show();
+}
+
 void AppDelegate::openSerialMonitor(const std::string& path)
 {
     if (!getSerialMonitorState()) {
         _serialMonitorController = new windows::SerialMonitor;
         _serialMonitorWindow->setContent(_serialMonitorController);
     }
-    _serialMonitorWindow->show();
+    showBesideMainWindow(*_serialMonitorWindow, _serialMonitorController->size());
     _serialMonitorWindow->raise();
     _serialMonitorWindow->activateWindow();
     _serialMonitorController->openPort(path);
@@ -154,10 +178,9 @@ void AppDelegate::openIPConfig(const std::string& path, const std::vector<std::s
         if (!getIPConfigState()) {
             _ipConfigController = new windows::IPConfig(*this);
             _ipConfigWindow->setContent(_ipConfigController);
-            _ipConfigWindow->resize(_ipConfigController->size());
         }
         _ipConfigController->loadData(lines);
-        _ipConfigWindow->show();
+        showBesideMainWindow(*_ipConfigWindow, _ipConfigController->size());
         _ipConfigWindow->raise();
         _ipConfigWindow->activateWindow();
         _ipConfigController->setPort(path);
@@ -190,8 +213,8 @@ void AppDelegate::updateFromFile()
 void AppDelegate::showLog()
 {
     Logger::log("User opened log file");
-    // The desktop's text editor; a failure to open it is not reported.
-    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(Logger::getLogPath())));
+    // The desktop's text editor; without one, the owner is told where the file is.
+    openOnDesktop(QUrl::fromLocalFile(QString::fromStdString(Logger::getLogPath())), _mainWindow.get());
 }
 
 void AppDelegate::serialMonitorClosing()

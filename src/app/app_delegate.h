@@ -8,6 +8,7 @@
 #include "windows/window_host.h"
 
 #include <QObject>
+#include <QSize>
 
 #include <functional>
 #include <memory>
@@ -85,6 +86,10 @@ protected:
 
 private:
     void buildMenus();
+    // Shows a secondary window at `wanted` size (its view's own), placed by
+    // window_placement.h and transient for the main window; one that is
+    // visible already stays where it is.
+    void showBesideMainWindow(HostWindow& window, QSize wanted);
     void connectButtons();
     // True when nothing is being flashed, or the user chose to quit anyway.
     bool mayQuitNow();

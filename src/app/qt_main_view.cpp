@@ -1,11 +1,12 @@
 #include "qt_main_view.h"
 
 #include "controller/keyboard_shortcuts.h"
+#include "desktop_open.h"
+#include "keyboard_locks.h"
 #include "ui_MasterView.h"
 
 #include <QApplication>
 #include <QCoreApplication>
-#include <QDesktopServices>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QFileDialog>
@@ -51,9 +52,9 @@ void QtMainView::setKeyHandler(std::function<void(std::uint64_t, std::uint16_t)>
     _keyHandler = std::move(handler);
 }
 
-std::uint64_t QtMainView::modifierFlags(Qt::KeyboardModifiers modifiers)
+std::uint64_t QtMainView::modifierFlags(Qt::KeyboardModifiers modifiers, bool capsLock)
 {
-    std::uint64_t flags = 0;
+    std::uint64_t flags = capsLock ? std::uint64_t{keys::CapsLock} : 0;
     if (modifiers.testFlag(Qt::ControlModifier)) {
         flags |= keys::Command;
     }
@@ -104,7 +105,7 @@ bool QtMainView::eventFilter(QObject* watched, QEvent* event)
         }
         if (watched == first) {
             const auto* key = static_cast<QKeyEvent*>(event);
-            _keyHandler(modifierFlags(key->modifiers()), keyCode(key->key()));
+            _keyHandler(modifierFlags(key->modifiers(), capsLockEngaged()), keyCode(key->key()));
         }
     }
     return false; // the event always goes on unchanged
@@ -299,7 +300,7 @@ std::optional<std::string> QtMainView::chooseFirmwareFile()
 
 void QtMainView::openURL(const std::string& url)
 {
-    QDesktopServices::openUrl(QUrl(qs(url)));
+    openOnDesktop(QUrl(qs(url)), this);
 }
 
 } // namespace quendral::app

@@ -50,9 +50,10 @@ public:
     void openURL(const std::string& url) override;
 
     // Key-down events of the window, translated for the shortcut handler: Ctrl
-    // stands for Command, Alt for Option, the Meta key for Control.
+    // stands for Command, Alt for Option, the Meta key for Control; Caps Lock
+    // as the window system reports it (keyboard_locks.h).
     void setKeyHandler(std::function<void(std::uint64_t modifierFlags, std::uint16_t keyCode)> handler);
-    [[nodiscard]] static std::uint64_t modifierFlags(Qt::KeyboardModifiers modifiers);
+    [[nodiscard]] static std::uint64_t modifierFlags(Qt::KeyboardModifiers modifiers, bool capsLock);
     [[nodiscard]] static std::uint16_t keyCode(int qtKey);
 
 protected:

@@ -11,6 +11,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QStyle>
+#include <QStyleOptionFrame>
 
 #include <iostream>
 
@@ -29,8 +31,34 @@ public:
 
 namespace {
 
-const QString kValidStyle = QStringLiteral("QLineEdit { background-color: white; color: black; }");
-const QString kInvalidStyle = QStringLiteral("QLineEdit { background-color: red; color: white; }");
+// Set on a field once it has been checked: whether its address was valid.
+const char* const kCheckedValidProperty = "quendralAddressValid";
+
+// A checked field keeps the theme's own field colours (white and black in a
+// light theme, and dark in a dark one); an invalid one is red with white text
+// in every theme.
+QString checkedFieldStyle(bool valid, const QPalette& theme)
+{
+    const QColor background = valid ? theme.color(QPalette::Base) : QColor(Qt::red);
+    const QColor text = valid ? theme.color(QPalette::Text) : QColor(Qt::white);
+    return QStringLiteral("QLineEdit { background-color: %1; color: %2; }").arg(background.name(), text.name());
+}
+
+// Wide enough for the longest address in the field's own font, with room for
+// the cursor after it.
+int addressFieldWidth(const QLineEdit& field)
+{
+    const QFontMetrics metrics = field.fontMetrics();
+    const QMargins margins = field.textMargins();
+    // QLineEdit keeps a fixed inner margin of 2 on each side of its text.
+    const QSize text(metrics.horizontalAdvance(QStringLiteral("255.255.255.255")) + metrics.averageCharWidth() + 4 +
+                         margins.left() + margins.right(),
+                     metrics.height());
+    QStyleOptionFrame option;
+    option.initFrom(&field);
+    option.lineWidth = field.style()->pixelMetric(QStyle::PM_DefaultFrameWidth, &option, &field);
+    return field.style()->sizeFromContents(QStyle::CT_LineEdit, &option, text, &field).width();
+}
 
 } // namespace
 
@@ -58,7 +86,7 @@ void IPConfig::addDeviceRow(const std::string& label, const std::string& address
     name->setFixedWidth(140);
     auto* field = new QLineEdit(QString::fromStdString(address), row);
     field->resize(100, 20);
-    field->setFixedWidth(120);
+    field->setFixedWidth(addressFieldWidth(*field));
     auto* enable = new QCheckBox(QStringLiteral("Enabled"), row);
     enable->setChecked(enabled);
     layout->addWidget(name);
@@ -111,19 +139,33 @@ void IPConfig::dhcpChanged(bool on)
 bool IPConfig::verifyIPField(QLineEdit* field)
 {
     const auto address = ipsettings::verifyIP(field->text().toStdString());
+    field->setProperty(kCheckedValidProperty, address.has_value());
+    field->setStyleSheet(checkedFieldStyle(address.has_value(), palette()));
     if (address) {
-        field->setStyleSheet(kValidStyle);
         field->setText(QString::fromStdString(*address));
     } else {
         // The system log: the log file is for what the user did, not what they typed.
         std::cerr << "Invalid: " << field->text().toStdString() << std::endl;
-        field->setStyleSheet(kInvalidStyle);
     }
     field->clearFocus();
     if (QWidget* focused = window()->focusWidget()) {
         focused->clearFocus();
     }
     return address.has_value();
+}
+
+void IPConfig::changeEvent(QEvent* event)
+{
+    // The desktop switched themes: checked fields follow.
+    if (event->type() == QEvent::PaletteChange) {
+        for (auto* field : findChildren<QLineEdit*>()) {
+            const QVariant valid = field->property(kCheckedValidProperty);
+            if (valid.isValid()) {
+                field->setStyleSheet(checkedFieldStyle(valid.toBool(), palette()));
+            }
+        }
+    }
+    QWidget::changeEvent(event);
 }
 
 void IPConfig::saveSettings()

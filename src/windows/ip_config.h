@@ -33,14 +33,17 @@ public:
     [[nodiscard]] const std::string& port() const { return _serialPort; }
     void loadData(const std::vector<std::string>& lines);
     void dhcpChanged(bool on);
-    // Marks the field red with white text when its address is invalid (white
-    // and black, with the address normalised, when valid).
+    // Marks the field red with white text when its address is invalid (in the
+    // theme's field colours, with the address normalised, when valid).
     bool verifyIPField(QLineEdit* field);
     void saveSettings();
 
     [[nodiscard]] Ui::IPConfig& ui() const { return *_ui; }
     [[nodiscard]] const std::vector<QLineEdit*>& ipFields() const { return _ipFields; }
     [[nodiscard]] const std::vector<QCheckBox*>& deviceEnable() const { return _deviceEnable; }
+
+protected:
+    void changeEvent(QEvent* event) override;
 
 private:
     void setIPFieldsEnabled(bool enabled);

@@ -88,6 +88,8 @@ SerialMonitor::SerialMonitor(QWidget* parent)
     // Output is never undone; an undo history would keep every chunk (and every
     // trim) of a chatty Controller alive and make each append slower.
     _ui->monitorWindow->setUndoRedoEnabled(false);
+    // The Controller's line speed is fixed: the chooser shows it, disabled,
+    // rather than offering rates the monitor would not use.
     _ui->baudRate->setCurrentIndex(3);
     _autoScroll = true;
     _ui->autoScrollCheckbox->setChecked(true);

@@ -50,7 +50,9 @@ protected:
     {
         DeviceWindowTest::SetUp();
         // Replies are parsed once a further byte has come, as from a chatty firmware.
-        simulator->setTrailer("\n");
+        if (simulator != nullptr) {
+            simulator->setTrailer("\n");
+        }
         Logger::setDataFolder(logFolder.path());
     }
 
@@ -93,6 +95,32 @@ protected:
     {
         return spinUntil([&] { return watcher->disables() >= 1 && watcher->enables() >= watcher->disables(); },
                          timeout);
+    }
+
+    // Starts the application with its main window in front, as an owner
+    // who is about to type a shortcut has it.
+    void launchActive(Clock& clock = systemClock())
+    {
+        launch(clock);
+        app->mainWindow()->activateWindow();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(app->mainWindow()));
+    }
+
+    // Types a key where a real key press would go: the focus widget of the
+    // active window, or the window itself.
+    void press(Qt::Key key, Qt::KeyboardModifiers modifiers)
+    {
+        QWidget* target = QApplication::focusWidget();
+        if (target == nullptr) {
+            target = app->mainWindow();
+        }
+        QTest::keyClick(target, key, modifiers);
+    }
+
+    // Lets anything a key press or click queued run.
+    static void settle(std::chrono::milliseconds duration = std::chrono::milliseconds(150))
+    {
+        spinUntil([] { return false; }, duration);
     }
 
     [[nodiscard]] bool allControlsEnabled() const

@@ -277,3 +277,65 @@ TEST_F(ConfigurationButtonsTest, WebConfigurationOfASilentControllerEndsInItsAle
     EXPECT_EQ(countLogged("Error toggling Webconfig."), 1);
     EXPECT_TRUE(browser.urls().isEmpty());
 }
+
+// --- a desktop without a browser or a text-file handler ----------------------------------------
+
+namespace {
+
+class WithoutDesktopHandlersTest : public ConfigurationButtonsTest {
+protected:
+    void SetUp() override
+    {
+        ConfigurationButtonsTest::SetUp();
+        UrlRecorder::removeHandlers();
+    }
+
+    // Clicks `button` and returns the alerts shown until its action has ended.
+    MessageBoxAnswerer* clickAndAnswer(Button button)
+    {
+        launch();
+        answerer = std::make_unique<MessageBoxAnswerer>("Ok");
+        QTest::mouseClick(ui().*button, Qt::LeftButton);
+        EXPECT_TRUE(waitForActionEnd());
+        EXPECT_TRUE(spinUntil([&] { return !answerer->texts().isEmpty(); }));
+        return answerer.get();
+    }
+
+    std::unique_ptr<MessageBoxAnswerer> answerer;
+};
+
+const QString kNoBrowser = "No web browser could be opened for this address. Copy it into one:\n\n";
+
+} // namespace
+
+TEST_F(WithoutDesktopHandlersTest, OnlineConfigurationShowsItsAddressAsSelectableText)
+{
+    simulator->setCID("QUENDRAL0000000000000000000000AB");
+    const auto* shown = clickAndAnswer(&Ui::MasterView::configurationButton);
+    EXPECT_EQ(shown->texts(),
+              QStringList{kNoBrowser + QString::fromStdString(MainViewController::onlineConfigurationURL(
+                                           "QUENDRAL0000000000000000000000AB"))});
+    EXPECT_EQ(shown->selectable(), std::vector<bool>{true});
+    EXPECT_TRUE(allControlsEnabled());
+}
+
+TEST_F(WithoutDesktopHandlersTest, WebConfigurationSwitchedOnShowsTheControllersAddressAsSelectableText)
+{
+    simulator->setAddress("192.168.10.50");
+    const auto* shown = clickAndAnswer(&Ui::MasterView::webConfigButton);
+    EXPECT_EQ(shown->texts(), QStringList{kNoBrowser + "http://192.168.10.50"});
+    EXPECT_EQ(shown->selectable(), std::vector<bool>{true});
+    EXPECT_TRUE(logged("Webconfig is now on!"));
+}
+
+TEST_F(WithoutDesktopHandlersTest, ShowLogShowsTheLogFilesPathAsSelectableText)
+{
+    launch();
+    MessageBoxAnswerer shown("Ok");
+    app->showLog();
+    ASSERT_TRUE(spinUntil([&] { return !shown.texts().isEmpty(); }));
+    EXPECT_EQ(shown.texts(), QStringList{"No program could be opened for the log file. It is here:\n\n" +
+                                         QString::fromStdString(Logger::getLogPath())});
+    EXPECT_EQ(shown.selectable(), std::vector<bool>{true});
+    EXPECT_TRUE(logged("User opened log file"));
+}

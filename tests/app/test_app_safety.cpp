@@ -180,20 +180,6 @@ protected:
         spinUntil([] { return false; }, duration);
     }
 
-    void launchActive(Clock& clock)
-    {
-        launch(clock);
-        app->mainWindow()->activateWindow();
-        ASSERT_TRUE(QTest::qWaitForWindowActive(app->mainWindow()));
-    }
-
-    // Types a key where a real key press would go.
-    void press(Qt::Key key, Qt::KeyboardModifiers modifiers)
-    {
-        QWidget* target = QApplication::focusWidget();
-        QTest::keyClick(target != nullptr ? target : app->mainWindow(), key, modifiers);
-    }
-
     [[nodiscard]] QAction* quitMenuItem() const
     {
         for (QAction* menu : app->mainWindow()->menuBar()->actions()) {

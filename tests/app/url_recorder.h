@@ -16,13 +16,18 @@ class UrlRecorder final : public QObject {
 public:
     UrlRecorder()
     {
-        for (const char* scheme : {"http", "https", "file"}) {
+        for (const char* scheme : kSchemes) {
             QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "openUrl");
         }
     }
-    ~UrlRecorder() override
+    ~UrlRecorder() override { removeHandlers(); }
+
+    // From now on the platform itself is asked, as on a desktop without a
+    // browser or a text-file handler: the offscreen platform opens nothing
+    // and says so.
+    static void removeHandlers()
     {
-        for (const char* scheme : {"http", "https", "file"}) {
+        for (const char* scheme : kSchemes) {
             QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
         }
     }
@@ -43,6 +48,7 @@ public Q_SLOTS:
     }
 
 private:
+    static constexpr const char* kSchemes[] = {"http", "https", "file"};
     mutable std::mutex _mutex;
     QStringList _urls;
 };

@@ -17,8 +17,7 @@ protected:
     void SetUp() override
     {
         ASSERT_NO_FATAL_FAILURE(UmockdevTest::SetUp());
-        plugSimulatedController().start();
-        ASSERT_TRUE(device);
+        ASSERT_NO_FATAL_FAILURE(plugController());
         Logger::reset();
         Logger::setConsole(&console);
     }
@@ -28,6 +27,14 @@ protected:
         closeAllPorts();
         UmockdevTest::TearDown();
         Logger::setConsole(nullptr);
+    }
+
+    // The Controller on /dev/ttyACM0: the scriptable simulator unless a test
+    // puts another board there.
+    virtual void plugController()
+    {
+        plugSimulatedController().start();
+        ASSERT_TRUE(device);
     }
 
     // The window's main queue is Qt's event loop.

@@ -59,6 +59,7 @@ public:
             if (QMessageBox* box = activeMessageBox()) {
                 _texts.push_back(box->text());
                 _buttonCounts.push_back(static_cast<int>(box->buttons().size()));
+                _selectable.push_back(box->textInteractionFlags().testFlag(Qt::TextSelectableByMouse));
                 clickMessageBoxButton(_button);
             }
         });
@@ -67,12 +68,15 @@ public:
     void setButton(QString button) { _button = std::move(button); }
     [[nodiscard]] const QStringList& texts() const { return _texts; }
     [[nodiscard]] const std::vector<int>& buttonCounts() const { return _buttonCounts; }
+    // Whether each box's text could be selected (and so copied) with the mouse.
+    [[nodiscard]] const std::vector<bool>& selectable() const { return _selectable; }
 
 private:
     QString _button;
     QTimer _timer;
     QStringList _texts;
     std::vector<int> _buttonCounts;
+    std::vector<bool> _selectable;
 };
 
 } // namespace quendral::test

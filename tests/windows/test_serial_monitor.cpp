@@ -2,7 +2,10 @@
 #include "ui_SerialMonitorView.h"
 #include "windows/serial_monitor.h"
 
+#include <QAbstractItemView>
+#include <QComboBox>
 #include <QScrollBar>
+#include <QTest>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -41,6 +44,18 @@ TEST_F(SerialMonitorTest, StartsWithANoBreakSpaceAtThe115200Entry)
     EXPECT_EQ(shownText(), QString(QChar(0x00A0)));
     EXPECT_EQ(monitor.ui().baudRate->currentIndex(), 3);
     EXPECT_TRUE(monitor.autoScroll());
+}
+
+TEST_F(SerialMonitorTest, ShowsItsFixedBaudRateInsteadOfOfferingAChoice)
+{
+    monitor.show();
+    QComboBox* chooser = monitor.ui().baudRate;
+    EXPECT_EQ(chooser->currentText(), "115200 baud");
+    EXPECT_FALSE(chooser->isEnabled());
+    EXPECT_EQ(chooser->toolTip(), "The serial monitor always runs at 115200 baud.");
+    // A click opens no list of other rates.
+    QTest::mouseClick(chooser, Qt::LeftButton);
+    EXPECT_FALSE(chooser->view()->isVisible());
 }
 
 TEST_F(SerialMonitorTest, OpensAt115200WithItsLogLines)
