@@ -56,19 +56,11 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* u
     return bytes;
 }
 
-// Sends the request; the answer body, or none on any transport failure, with
-// `failure` saying what it was.
-std::optional<std::string> post(const UpdateServerConfig& config, const std::string& body, ServerProblemReport& failure)
+// Sends the request on `handle`, setting every option of it; the answer body,
+// or none on any transport failure, with `failure` saying what it was.
+std::optional<std::string> post(CURL* handle, const UpdateServerConfig& config, const std::string& body,
+                                ServerProblemReport& failure)
 {
-    failure = {ServerProblem::Unreachable, "the request could not be set up"};
-    if (!ensureCurlInitialised()) {
-        return std::nullopt;
-    }
-    std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-    if (!easy) {
-        return std::nullopt;
-    }
-    CURL* handle = easy.get();
 
     curl_slist* list = nullptr;
     for (const std::string& line : {
@@ -153,14 +145,78 @@ const std::string* bodyOf(const RequestBody& request)
     return std::get_if<std::string>(&request);
 }
 
+std::unique_ptr<CURL, EasyDeleter> newEasyHandle()
+{
+    if (!ensureCurlInitialised()) {
+        return nullptr;
+    }
+    return std::unique_ptr<CURL, EasyDeleter>(curl_easy_init());
+}
+
 } // namespace
+
+// The handle keeps the open connection and the TLS session cache between
+// requests; it lives while any scope does.
+struct UpdateServerClient::KeptConnection {
+    std::mutex mutex;
+    std::unique_ptr<CURL, EasyDeleter> easy;
+    int scopes = 0;
+};
+
+UpdateServerClient::ConnectionScope::ConnectionScope(std::shared_ptr<KeptConnection> kept) : _kept(std::move(kept))
+{
+    if (_kept) {
+        const std::lock_guard lock(_kept->mutex);
+        ++_kept->scopes;
+    }
+}
+
+UpdateServerClient::ConnectionScope::~ConnectionScope()
+{
+    if (_kept) {
+        const std::lock_guard lock(_kept->mutex);
+        if (--_kept->scopes == 0) {
+            _kept->easy.reset();
+        }
+    }
+}
+
+UpdateServerClient::ConnectionScope UpdateServerClient::keepConnection() const
+{
+    return ConnectionScope(_config.reuseConnection ? _kept : nullptr);
+}
+
+std::optional<std::string> UpdateServerClient::send(const std::string& body, ServerProblemReport& failure) const
+{
+    failure = {ServerProblem::Unreachable, "the request could not be set up"};
+    std::unique_lock lock(_kept->mutex);
+    if (_kept->scopes == 0) {
+        lock.unlock();
+        const auto fresh = newEasyHandle();
+        return fresh ? post(fresh.get(), _config, body, failure) : std::nullopt;
+    }
+    if (!_kept->easy) {
+        _kept->easy = newEasyHandle();
+        if (!_kept->easy) {
+            return std::nullopt;
+        }
+    }
+    auto answer = post(_kept->easy.get(), _config, body, failure);
+    // Back to no options at all, so that nothing points into this call's
+    // buffers; the connection and the TLS sessions stay.
+    curl_easy_reset(_kept->easy.get());
+    return answer;
+}
 
 std::string UpdateServerConfig::defaultBaseUrl()
 {
     return QUENDRAL_UPDATE_SERVER_URL;
 }
 
-UpdateServerClient::UpdateServerClient(UpdateServerConfig config) : _config(std::move(config)) {}
+UpdateServerClient::UpdateServerClient(UpdateServerConfig config)
+    : _config(std::move(config)), _kept(std::make_shared<KeptConnection>())
+{
+}
 
 std::optional<ServerAnswer> UpdateServerClient::queryUpdate(const std::optional<std::string>& cid,
                                                             const std::optional<std::string>& platform,
@@ -231,7 +287,7 @@ std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string&
     };
     try {
         ServerProblemReport failure;
-        const std::optional<std::string> answer = post(_config, body, failure);
+        const std::optional<std::string> answer = send(body, failure);
         if (!answer) {
             note(std::move(failure));
             return ServerAnswer::connectionError();
