@@ -308,23 +308,38 @@ long statusKb(pid_t pid, const char* field)
     return -1;
 }
 
-// Context switches of every thread of a process: each one is the thread
-// waking up (voluntary: it slept and woke; involuntary: it was preempted).
-unsigned long long contextSwitches(pid_t pid, bool guiThreadOnly = false)
+// Context switches of each thread of a process, by thread id: each one is
+// the thread waking up (voluntary: it slept and woke; involuntary: it was
+// preempted).
+std::map<std::string, unsigned long long> contextSwitches(pid_t pid, bool guiThreadOnly = false)
 {
-    unsigned long long total = 0;
+    std::map<std::string, unsigned long long> byThread;
     const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
     std::error_code ec;
     for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
-        if (guiThreadOnly && task.path().filename() != std::to_string(pid)) {
+        const std::string id = task.path().filename().string();
+        if (guiThreadOnly && id != std::to_string(pid)) {
             continue;
         }
         std::ifstream in(task.path() / "status");
         for (std::string line; std::getline(in, line);) {
             if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
-                total += std::stoull(line.substr(line.find(':') + 1));
+                byThread[id] += std::stoull(line.substr(line.find(':') + 1));
             }
         }
+    }
+    return byThread;
+}
+
+// Wake-ups between two samples; a thread that left in between counts with
+// what it had at the first (its last ones are not seen).
+double wakeupsBetween(const std::map<std::string, unsigned long long>& before,
+                      const std::map<std::string, unsigned long long>& after)
+{
+    double total = 0;
+    for (const auto& [id, count] : after) {
+        const auto earlier = before.find(id);
+        total += static_cast<double>(count - (earlier != before.end() ? earlier->second : 0ULL));
     }
     return total;
 }
@@ -793,8 +808,8 @@ struct IdleFigures {
 std::vector<IdleFigures> idleOf(const std::vector<pid_t>& pids, double seconds)
 {
     std::vector<double> cpu;
-    std::vector<unsigned long long> switches;
-    std::vector<unsigned long long> guiSwitches;
+    std::vector<std::map<std::string, unsigned long long>> switches;
+    std::vector<std::map<std::string, unsigned long long>> guiSwitches;
     for (const pid_t pid : pids) {
         cpu.push_back(cpuSeconds(pid));
         switches.push_back(contextSwitches(pid));
@@ -804,8 +819,8 @@ std::vector<IdleFigures> idleOf(const std::vector<pid_t>& pids, double seconds)
     std::vector<IdleFigures> figures;
     for (std::size_t i = 0; i < pids.size(); ++i) {
         IdleFigures f;
-        f.wakeupsPerSecond = static_cast<double>(contextSwitches(pids[i]) - switches[i]) / seconds;
-        f.guiWakeupsPerSecond = static_cast<double>(contextSwitches(pids[i], true) - guiSwitches[i]) / seconds;
+        f.wakeupsPerSecond = wakeupsBetween(switches[i], contextSwitches(pids[i])) / seconds;
+        f.guiWakeupsPerSecond = wakeupsBetween(guiSwitches[i], contextSwitches(pids[i], true)) / seconds;
         f.cpuPercent = (cpuSeconds(pids[i]) - cpu[i]) / seconds * 100.0;
         f.threads = threadCount(pids[i]);
         f.rssKb = statusKb(pids[i], "VmRSS:");
