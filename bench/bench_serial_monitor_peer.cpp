@@ -21,6 +21,7 @@
 // Idle: the real window application with no port open, our monitor on a
 // silent tty, and CuteCom on a silent pty: wake-ups per second (voluntary
 // and involuntary context switches of all threads) and CPU over SECONDS.
+#include "bench_support.h"
 #include "log/logger.h"
 #include "qt_main_queue.h"
 #include "umockdev_testbed.h"
@@ -64,40 +65,10 @@ namespace {
 
 using namespace quendral;
 using SteadyClock = std::chrono::steady_clock;
-
-struct Spread {
-    double p50 = 0;
-    double p99 = 0;
-    double max = 0;
-    std::size_t n = 0;
-};
-
-Spread spreadOf(std::vector<double> values)
-{
-    Spread s;
-    if (values.empty()) {
-        return s;
-    }
-    std::sort(values.begin(), values.end());
-    const auto at = [&](double q) {
-        return values[static_cast<std::size_t>(q * static_cast<double>(values.size() - 1))];
-    };
-    s.p50 = at(0.5);
-    s.p99 = at(0.99);
-    s.max = values.back();
-    s.n = values.size();
-    return s;
-}
-
-double median(std::vector<double> values)
-{
-    if (values.empty()) {
-        return 0;
-    }
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
+using bench::loadAverage;
+using bench::median;
+using bench::Spread;
+using bench::spreadOf;
 
 // --- our monitor, in a process of its own ---------------------------------------------
 //
@@ -570,56 +541,6 @@ private:
     bool _ok = false;
 };
 
-// --- the flood ------------------------------------------------------------------------
-
-class Flood {
-public:
-    Flood(int fd) : _fd(fd)
-    {
-        for (int i = 0; _block.size() < 4096 - 64; ++i) {
-            char line[96];
-            std::snprintf(line, sizeof line, "%06d sensor=%5d temp=21.%d relay=on link=up uptime=%09d\r\n", i,
-                          i * 7 % 65536, i % 10, i * 13);
-            _block += line;
-        }
-        const int flags = ::fcntl(fd, F_GETFL);
-        ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-        _thread = std::thread([this] { run(); });
-    }
-    ~Flood()
-    {
-        _running = false;
-        _thread.join();
-    }
-    Flood(const Flood&) = delete;
-    Flood& operator=(const Flood&) = delete;
-    [[nodiscard]] long long written() const { return _written.load(); }
-
-private:
-    void run()
-    {
-        std::size_t offset = 0;
-        while (_running.load(std::memory_order_relaxed)) {
-            const ssize_t n = ::write(_fd, _block.data() + offset, _block.size() - offset);
-            if (n > 0) {
-                _written.fetch_add(n, std::memory_order_relaxed);
-                offset = (offset + static_cast<std::size_t>(n)) % _block.size();
-            } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                pollfd p{_fd, POLLOUT, 0};
-                ::poll(&p, 1, 50);
-            } else if (n < 0 && errno != EINTR) {
-                break;
-            }
-        }
-    }
-
-    int _fd;
-    std::string _block;
-    std::atomic<bool> _running{true};
-    std::atomic<long long> _written{0};
-    std::thread _thread;
-};
-
 struct Phase {
     double seconds = 0;
     double megabytes = 0;
@@ -691,6 +612,19 @@ template <typename Ready> bool waitFor(Ready ready, std::chrono::seconds limit)
     return false;
 }
 
+// The window of a program just started, once it shows.
+bool waitForWindow(XPinger& x, const Child& program, const char* what, xcb_window_t& window)
+{
+    std::optional<xcb_window_t> shown;
+    if (program.pid <= 0 ||
+        !waitFor([&] { return (shown = x.windowOf(program.pid)).has_value(); }, std::chrono::seconds(20))) {
+        std::fprintf(stderr, "%s did not show\n", what);
+        return false;
+    }
+    window = *shown;
+    return true;
+}
+
 struct World {
     XServer x;
     std::filesystem::path home;
@@ -712,13 +646,9 @@ bool startPrograms(World& w, XPinger& x, const std::string& self, const std::str
                                                   {"QT_QPA_PLATFORM", "xcb"}},
                                                  {"LD_PRELOAD", "UMOCKDEV_DIR", "XDG_CONFIG_HOME"});
     w.peer = spawn({"cutecom"}, peerEnvironment, false);
-    std::optional<xcb_window_t> peerWindow;
-    if (w.peer.pid <= 0 ||
-        !waitFor([&] { return (peerWindow = x.windowOf(w.peer.pid)).has_value(); }, std::chrono::seconds(20))) {
-        std::fprintf(stderr, "CuteCom did not show its window\n");
+    if (!waitForWindow(x, w.peer, "CuteCom", w.peerWindow)) {
         return false;
     }
-    w.peerWindow = *peerWindow;
     // Its Open button, at the top left of its window (the window sits at 0,0: no window manager).
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     Child click = spawn({"xdotool", "mousemove", "50", "43", "click", "1", "mousemove", "1300", "850"},
@@ -739,13 +669,9 @@ bool startPrograms(World& w, XPinger& x, const std::string& self, const std::str
     } else {
         w.ours = spawn({self, "--our-monitor", ourDevnode}, ourEnvironment, true);
     }
-    std::optional<xcb_window_t> ourWindow;
-    if (w.ours.pid <= 0 ||
-        !waitFor([&] { return (ourWindow = x.windowOf(w.ours.pid)).has_value(); }, std::chrono::seconds(20))) {
-        std::fprintf(stderr, "our window did not show\n");
+    if (!waitForWindow(x, w.ours, "our window", w.ourWindow)) {
         return false;
     }
-    w.ourWindow = *ourWindow;
     if (!theApplication) {
         if (!askLateness(w.ours, "report")) {
             std::fprintf(stderr, "our monitor does not answer\n");
@@ -771,7 +697,7 @@ Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds)
     long long written = 0;
     std::map<xcb_window_t, std::vector<double>> trips;
     {
-        Flood flood(fd);
+        bench::PtyFlood flood(fd);
         trips = x.measure({oursFlooded ? w.ourWindow : w.peerWindow}, seconds);
         written = flood.written();
     }
@@ -834,16 +760,6 @@ void printIdle(const char* who, const IdleFigures& f)
     std::printf("%-46s %8.1f wake-ups/s (GUI thread %6.1f)  CPU %6.3f %%  %2d threads  RSS %5.1f MB\n", who,
                 f.wakeupsPerSecond, f.guiWakeupsPerSecond, f.cpuPercent, f.threads,
                 static_cast<double>(f.rssKb) / 1024);
-}
-
-std::string loadAverage()
-{
-    std::ifstream in("/proc/loadavg");
-    std::string one;
-    std::string five;
-    std::string fifteen;
-    in >> one >> five >> fifteen;
-    return one + " " + five + " " + fifteen;
 }
 
 } // namespace

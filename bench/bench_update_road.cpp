@@ -21,6 +21,8 @@
 // (it starts itself under umockdev-wrapper when run without it).
 #include "e2e/road_world.h"
 
+#include "bench_support.h"
+
 #include "flashing/upload_status.h"
 #include "log/logger.h"
 #include "platform/notification_center.h"
@@ -38,6 +40,8 @@
 using namespace quendral;
 using namespace quendral::test;
 using Instant = std::chrono::steady_clock::time_point;
+using quendral::bench::loadAverage;
+using quendral::bench::median;
 
 namespace {
 
@@ -163,23 +167,6 @@ Figures oneUpdate(SleepCountingClock& clock, bool reuseConnection)
     figures.connections = static_cast<int>(connections.size());
     run.controller->setUpdateFinishedHandler(nullptr);
     return figures;
-}
-
-std::string loadAverage()
-{
-    std::ifstream in("/proc/loadavg");
-    std::string one;
-    std::string five;
-    std::string fifteen;
-    in >> one >> five >> fifteen;
-    return one + " " + five + " " + fifteen;
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n == 0 ? 0 : (n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2);
 }
 
 } // namespace
