@@ -6,6 +6,8 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -56,6 +58,26 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* u
     return bytes;
 }
 
+// The request body, handed to libcurl piece by piece. There is
+// deliberately no way back to its start: libcurl sends a request again on a
+// fresh connection when a kept one died before any answer came, but the
+// server may have read and acted on it (opened a ticket, recorded a report),
+// and a server that drops connections must meet the same single request as
+// before connections were kept. Without a rewind libcurl gives up instead.
+struct Upload {
+    const std::string* body = nullptr;
+    std::size_t sent = 0;
+};
+
+std::size_t supplyBody(char* buffer, std::size_t size, std::size_t count, void* userdata)
+{
+    auto* upload = static_cast<Upload*>(userdata);
+    const std::size_t bytes = std::min(size * count, upload->body->size() - upload->sent);
+    std::memcpy(buffer, upload->body->data() + upload->sent, bytes);
+    upload->sent += bytes;
+    return bytes;
+}
+
 // Sends the request on `handle`, setting every option of it; the answer body,
 // or none on any transport failure, with `failure` saying what it was.
 std::optional<std::string> post(CURL* handle, const UpdateServerConfig& config, const std::string& body,
@@ -99,7 +121,9 @@ std::optional<std::string> post(CURL* handle, const UpdateServerConfig& config, 
     ok = ok &&
          curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTime.count())) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_POST, 1L) == CURLE_OK;
-    ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.data()) == CURLE_OK;
+    Upload upload{&body, 0};
+    ok = ok && curl_easy_setopt(handle, CURLOPT_READFUNCTION, &supplyBody) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_READDATA, &upload) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size())) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collectBody) == CURLE_OK;

@@ -28,9 +28,11 @@
 //   requests share one libcurl handle, so they ride on one kept connection,
 //   and when the server has closed it in between (keep-alive ended, server
 //   restarted) the new connection resumes the TLS session. Every request still
-//   sets all its options and limits afresh. libcurl sends a request once more
-//   on a fresh connection when a kept one turns out dead before any byte of
-//   the answer came; a second failure is a transport failure as before.
+//   sets all its options and limits afresh. A kept connection that dies
+//   after the request went out (the server dropped it, or ended it just as
+//   the request was on its way) is a transport failure, as a fresh one's
+//   would be: the request is not sent again, since the server may have
+//   acted on it.
 // - Every transport failure (no connection, TLS failure, time-out) is
 //   answered with ServerAnswer::connectionError(). The HTTP status is not
 //   looked at: an error page with a JSON body is an answer like any other, one
