@@ -8,6 +8,7 @@
 //   umockdev-wrapper build/bench/bench_serial_monitor_flood [SECONDS]
 //   (re-starts itself under umockdev-wrapper when needed; offscreen unless
 //   QT_QPA_PLATFORM says otherwise, e.g. under xvfb-run)
+#include "bench_support.h"
 #include "log/logger.h"
 #include "platform/dispatch.h"
 #include "qt_main_queue.h"
@@ -36,27 +37,7 @@ namespace {
 
 using namespace quendral;
 
-struct Lateness {
-    double p50 = 0;
-    double p99 = 0;
-    double max = 0;
-    std::size_t samples = 0;
-};
-
-Lateness summarise(std::vector<double> late)
-{
-    Lateness result;
-    if (late.empty()) {
-        return result;
-    }
-    std::sort(late.begin(), late.end());
-    auto at = [&](double q) { return late[static_cast<std::size_t>(q * static_cast<double>(late.size() - 1))]; };
-    result.p50 = at(0.50);
-    result.p99 = at(0.99);
-    result.max = late.back();
-    result.samples = late.size();
-    return result;
-}
+using Lateness = bench::Spread;
 
 // How late each firing of a 10 ms repeating timer is, over `seconds`.
 Lateness measureEventLoop(double seconds)
@@ -80,7 +61,7 @@ Lateness measureEventLoop(double seconds)
     tick.start(static_cast<int>(kIntervalMs));
     loop.exec();
     tick.stop();
-    return summarise(late);
+    return bench::spreadOf(late);
 }
 
 // VmRSS and VmHWM in kB (-1 where /proc does not say).
@@ -95,7 +76,7 @@ std::pair<long, long> residentMemoryKb()
 
 void print(const char* what, const Lateness& l)
 {
-    std::printf("%-28s p50 %7.2f ms  p99 %7.2f ms  max %7.2f ms  (%zu ticks)\n", what, l.p50, l.p99, l.max, l.samples);
+    std::printf("%-28s p50 %7.2f ms  p99 %7.2f ms  max %7.2f ms  (%zu ticks)\n", what, l.p50, l.p99, l.max, l.n);
 }
 
 } // namespace
@@ -135,39 +116,12 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    // Lines as a chatty Controller would send them, 64 bytes each.
-    std::string block;
-    for (int i = 0; block.size() < 4096 - 64; ++i) {
-        char line[96];
-        std::snprintf(line, sizeof line, "%06d sensor=%5d temp=21.%d relay=on link=up uptime=%09d\r\n", i,
-                      i * 7 % 65536, i % 10, i * 13);
-        block += line;
-    }
-    std::atomic<bool> flooding{true};
-    std::atomic<long long> written{0};
-    const int fd = device->deviceEnd();
-    std::thread writer([&] {
-        std::size_t offset = 0;
-        while (flooding.load(std::memory_order_relaxed)) {
-            const ssize_t n = ::write(fd, block.data() + offset, block.size() - offset);
-            if (n > 0) {
-                written.fetch_add(n, std::memory_order_relaxed);
-                offset = (offset + static_cast<std::size_t>(n)) % block.size();
-            } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                pollfd p{fd, POLLOUT, 0};
-                ::poll(&p, 1, 50);
-            } else if (n < 0 && errno != EINTR) {
-                break;
-            }
-        }
-    });
-
+    bench::PtyFlood writer(device->deviceEnd());
     QElapsedTimer flood;
     flood.start();
     const Lateness flooded = measureEventLoop(seconds);
     const double floodSeconds = static_cast<double>(flood.nsecsElapsed()) / 1e9;
-    flooding = false;
-    writer.join();
+    writer.stop();
     // Everything the port delivered during the flood is queued ahead of this
     // marker: how long it takes to come up is the backlog the window left.
     std::atomic<bool> drained{false};
@@ -182,7 +136,7 @@ int main(int argc, char** argv)
 
     print("flooded window", flooded);
     std::printf("throughput %.2f MB/s (%lld bytes in %.1f s)\n",
-                static_cast<double>(written.load()) / floodSeconds / 1e6, written.load(), floodSeconds);
+                static_cast<double>(writer.written()) / floodSeconds / 1e6, writer.written(), floodSeconds);
     std::printf("backlog after the flood %.1f ms\n", backlogMs);
     monitor.flushPendingOutput();
     std::printf("characters shown %d (kept at most %lld)\n", monitor.ui().monitorWindow->document()->characterCount(),

@@ -508,7 +508,7 @@ bool UmockdevTestbed::holdOutput(const UmockdevSerialDevice& device)
     return result == 0;
 }
 
-void UmockdevTestbed::unplug(UmockdevSerialDevice& device)
+void UmockdevTestbed::unplug(UmockdevSerialDevice& device, const std::function<void()>& eventSent)
 {
     {
         // Whoever clears the flag pulls the cable; a second caller (the
@@ -521,6 +521,9 @@ void UmockdevTestbed::unplug(UmockdevSerialDevice& device)
         device._handler->plugged = false;
     }
     uevent(device, "remove");
+    if (eventSent) {
+        eventSent();
+    }
     hangUp(device);
     std::lock_guard lock(_impl->mutex);
     umockdev_testbed_remove_device(_impl->testbed, device.syspath().c_str());

@@ -131,7 +131,9 @@ public:
 
     // Pulls the cable: "remove" uevent, ioctls fail with EIO, the terminal is
     // hung up, the device leaves the tree. The device object stays valid.
-    void unplug(UmockdevSerialDevice& device);
+    // `eventSent`, when given, runs once the uevent has gone out (before the
+    // test bed's own removal work), e.g. to tell the two apart in a benchmark.
+    void unplug(UmockdevSerialDevice& device, const std::function<void()>& eventSent = {});
     // Only the hang-up of the terminal (every open descriptor sees POLLHUP and EIO).
     static bool hangUp(const UmockdevSerialDevice& device);
     // Stops the terminal's output, as a device that takes no more bytes: the

@@ -134,6 +134,7 @@ DEFAULTS = {
     "pad": 0,                  # the JSON answer is padded with blanks to this many bytes
     "raw_status": 200,         # fault "raw": HTTP status
     "raw_body": "",            # fault "raw": the body, sent as it is
+    "close_connections": False,  # end every connection after its answer (as servers without keep-alive do)
     "record": None,            # JSON-lines file that receives every request to /api.php
 }
 
@@ -146,6 +147,8 @@ class State:
         self.tickets = {}
         self.next_ticket = 1
         self.sequence = 0
+        self.connections = 0
+        self.resumed_connections = 0
         self.stop = threading.Event()
 
     def take_fault(self, fault_names, cmd):
@@ -161,6 +164,14 @@ class State:
                     return None
                 s["fault_count"] -= 1
             return s["fault"]
+
+    def connection_opened(self, resumed):
+        """Numbers each TLS connection from 1, so a recorded request tells which one it came on."""
+        with self.lock:
+            self.connections += 1
+            if resumed:
+                self.resumed_connections += 1
+            return self.connections
 
     def record(self, entry):
         with self.lock:
@@ -264,6 +275,9 @@ class State:
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     server_version = "QuendralTestUpdateServer/1.0"
+    # An answer must not wait for the client's delayed ACK of the session
+    # tickets written just before it (40 ms a request on a kept connection).
+    disable_nagle_algorithm = True
 
     def log_message(self, fmt, *args):
         sys.stderr.write("update_server: %s %s\n" % (self.address_string(), fmt % args))
@@ -275,10 +289,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def send(self, status, body, content_type="application/json", rate=None):
         if isinstance(body, str):
             body = body.encode("utf-8")
-        head = ("HTTP/1.1 %d %s\r\nServer: %s\r\nContent-Type: %s\r\nContent-Length: %d\r\n"
-                "Connection: close\r\n\r\n" % (status, self.responses.get(status, ("Status",))[0],
-                                               self.server_version, content_type, len(body))).encode("ascii")
-        self.close_connection = True
+        # The connection stays open for the client's next request unless the
+        # client asked to close it or the server is told to behave like one
+        # without keep-alive.
+        if self.server.state.settings["close_connections"]:
+            self.close_connection = True
+        head = ("HTTP/1.1 %d %s\r\nServer: %s\r\nContent-Type: %s\r\nContent-Length: %d\r\n%s\r\n" % (
+            status, self.responses.get(status, ("Status",))[0], self.server_version, content_type, len(body),
+            "Connection: close\r\n" if self.close_connection else "")).encode("ascii")
         data = head + body
         if rate is None:
             self.wfile.write(data)
@@ -289,6 +307,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.write(data[offset:offset + step])
             self.wfile.flush()
             if self.server.state.stop.wait(0.05):
+                self.close_connection = True
                 return
 
     def send_json(self, status, answer, rate=None):
@@ -302,7 +321,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if self.path == "/control":
             state = self.server.state
             with state.lock:
-                self.send_json(200, {"settings": state.settings, "tickets": state.tickets})
+                self.send_json(200, {"settings": state.settings, "tickets": state.tickets,
+                                     "connections": state.connections,
+                                     "resumed_connections": state.resumed_connections})
             return
         self.send(404, "not found\n", "text/plain")
 
@@ -324,7 +345,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             request = None
         state.record({"time": time.time(), "method": "POST", "path": self.path,
                       "headers": [[k, v] for k, v in self.headers.items()],
-                      "body": body.decode("utf-8", "replace"), "json": request})
+                      "body": body.decode("utf-8", "replace"), "json": request,
+                      "connection": self.request.connection_number,
+                      "tls_resumed": self.request.session_reused})
         if self.path != "/api.php":
             self.send(404, "<html><body><h1>404 Not Found</h1></body></html>\n", "text/html")
             return
@@ -387,6 +410,7 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
         except (ssl.SSLError, OSError) as error:
             sys.stderr.write("update_server: handshake with %s failed: %s\n" % (client_address[0], error))
             return
+        tls.connection_number = self.state.connection_opened(tls.session_reused)
         try:
             tls.settimeout(None)
             self.RequestHandlerClass(tls, client_address, self)
@@ -487,6 +511,8 @@ def main():
     run.add_argument("--pad", type=int, metavar="BYTES")
     run.add_argument("--raw-status", dest="raw_status", type=int)
     run.add_argument("--raw-body", dest="raw_body")
+    run.add_argument("--close-connections", dest="close_connections", action="store_const", const=True,
+                     help="end every connection after its answer (no keep-alive)")
 
     args = parser.parse_args()
     if args.command == "make-certs":

@@ -139,6 +139,8 @@ UpdateOutcome UpdateJob::askServerAndInstall(const PortPath& port, const BoardId
                                              const std::optional<std::string>& version,
                                              const UpdateServerClient& server)
 {
+    // The query, the polls and the report share one connection.
+    const auto connection = server.keepConnection();
     const std::string platform(*board.updatePlatform);
     std::optional<ServerProblemReport> problem;
     const auto answer = server.queryUpdate(_link.deviceCID(), platform, _link.currentVersion(), version, &problem);

@@ -6,6 +6,8 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -56,19 +58,31 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* u
     return bytes;
 }
 
-// Sends the request; the answer body, or none on any transport failure, with
-// `failure` saying what it was.
-std::optional<std::string> post(const UpdateServerConfig& config, const std::string& body, ServerProblemReport& failure)
+// The request body, handed to libcurl piece by piece. There is
+// deliberately no way back to its start: libcurl sends a request again on a
+// fresh connection when a kept one died before any answer came, but the
+// server may have read and acted on it (opened a ticket, recorded a report),
+// and a server that drops connections must meet the same single request as
+// before connections were kept. Without a rewind libcurl gives up instead.
+struct Upload {
+    const std::string* body = nullptr;
+    std::size_t sent = 0;
+};
+
+std::size_t supplyBody(char* buffer, std::size_t size, std::size_t count, void* userdata)
 {
-    failure = {ServerProblem::Unreachable, "the request could not be set up"};
-    if (!ensureCurlInitialised()) {
-        return std::nullopt;
-    }
-    std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-    if (!easy) {
-        return std::nullopt;
-    }
-    CURL* handle = easy.get();
+    auto* upload = static_cast<Upload*>(userdata);
+    const std::size_t bytes = std::min(size * count, upload->body->size() - upload->sent);
+    std::memcpy(buffer, upload->body->data() + upload->sent, bytes);
+    upload->sent += bytes;
+    return bytes;
+}
+
+// Sends the request on `handle`, setting every option of it; the answer body,
+// or none on any transport failure, with `failure` saying what it was.
+std::optional<std::string> post(CURL* handle, const UpdateServerConfig& config, const std::string& body,
+                                ServerProblemReport& failure)
+{
 
     curl_slist* list = nullptr;
     for (const std::string& line : {
@@ -107,7 +121,9 @@ std::optional<std::string> post(const UpdateServerConfig& config, const std::str
     ok = ok &&
          curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTime.count())) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_POST, 1L) == CURLE_OK;
-    ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.data()) == CURLE_OK;
+    Upload upload{&body, 0};
+    ok = ok && curl_easy_setopt(handle, CURLOPT_READFUNCTION, &supplyBody) == CURLE_OK;
+    ok = ok && curl_easy_setopt(handle, CURLOPT_READDATA, &upload) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size())) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
     ok = ok && curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collectBody) == CURLE_OK;
@@ -153,14 +169,78 @@ const std::string* bodyOf(const RequestBody& request)
     return std::get_if<std::string>(&request);
 }
 
+std::unique_ptr<CURL, EasyDeleter> newEasyHandle()
+{
+    if (!ensureCurlInitialised()) {
+        return nullptr;
+    }
+    return std::unique_ptr<CURL, EasyDeleter>(curl_easy_init());
+}
+
 } // namespace
+
+// The handle keeps the open connection and the TLS session cache between
+// requests; it lives while any scope does.
+struct UpdateServerClient::KeptConnection {
+    std::mutex mutex;
+    std::unique_ptr<CURL, EasyDeleter> easy;
+    int scopes = 0;
+};
+
+UpdateServerClient::ConnectionScope::ConnectionScope(std::shared_ptr<KeptConnection> kept) : _kept(std::move(kept))
+{
+    if (_kept) {
+        const std::lock_guard lock(_kept->mutex);
+        ++_kept->scopes;
+    }
+}
+
+UpdateServerClient::ConnectionScope::~ConnectionScope()
+{
+    if (_kept) {
+        const std::lock_guard lock(_kept->mutex);
+        if (--_kept->scopes == 0) {
+            _kept->easy.reset();
+        }
+    }
+}
+
+UpdateServerClient::ConnectionScope UpdateServerClient::keepConnection() const
+{
+    return ConnectionScope(_config.reuseConnection ? _kept : nullptr);
+}
+
+std::optional<std::string> UpdateServerClient::send(const std::string& body, ServerProblemReport& failure) const
+{
+    failure = {ServerProblem::Unreachable, "the request could not be set up"};
+    std::unique_lock lock(_kept->mutex);
+    if (_kept->scopes == 0) {
+        lock.unlock();
+        const auto fresh = newEasyHandle();
+        return fresh ? post(fresh.get(), _config, body, failure) : std::nullopt;
+    }
+    if (!_kept->easy) {
+        _kept->easy = newEasyHandle();
+        if (!_kept->easy) {
+            return std::nullopt;
+        }
+    }
+    auto answer = post(_kept->easy.get(), _config, body, failure);
+    // Back to no options at all, so that nothing points into this call's
+    // buffers; the connection and the TLS sessions stay.
+    curl_easy_reset(_kept->easy.get());
+    return answer;
+}
 
 std::string UpdateServerConfig::defaultBaseUrl()
 {
     return QUENDRAL_UPDATE_SERVER_URL;
 }
 
-UpdateServerClient::UpdateServerClient(UpdateServerConfig config) : _config(std::move(config)) {}
+UpdateServerClient::UpdateServerClient(UpdateServerConfig config)
+    : _config(std::move(config)), _kept(std::make_shared<KeptConnection>())
+{
+}
 
 std::optional<ServerAnswer> UpdateServerClient::queryUpdate(const std::optional<std::string>& cid,
                                                             const std::optional<std::string>& platform,
@@ -231,7 +311,7 @@ std::optional<ServerAnswer> UpdateServerClient::contactServer(const std::string&
     };
     try {
         ServerProblemReport failure;
-        const std::optional<std::string> answer = post(_config, body, failure);
+        const std::optional<std::string> answer = send(body, failure);
         if (!answer) {
             note(std::move(failure));
             return ServerAnswer::connectionError();

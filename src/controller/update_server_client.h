@@ -22,6 +22,17 @@
 //   after the last byte moved.
 // - An answer larger than 64 MiB is abandoned as a transport failure: no
 //   firmware comes close, and the whole answer is held in memory.
+// - Connection reuse. One update asks several times within seconds (query,
+//   ticket polls, report); each fresh HTTPS request would pay a TCP and a
+//   TLS handshake. While a ConnectionScope from keepConnection() lives, the
+//   requests share one libcurl handle, so they ride on one kept connection,
+//   and when the server has closed it in between (keep-alive ended, server
+//   restarted) the new connection resumes the TLS session. Every request still
+//   sets all its options and limits afresh. A kept connection that dies
+//   after the request went out (the server dropped it, or ended it just as
+//   the request was on its way) is a transport failure, as a fresh one's
+//   would be: the request is not sent again, since the server may have
+//   acted on it.
 // - Every transport failure (no connection, TLS failure, time-out) is
 //   answered with ServerAnswer::connectionError(). The HTTP status is not
 //   looked at: an error page with a JSON body is an answer like any other, one
@@ -32,6 +43,7 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -48,6 +60,9 @@ struct UpdateServerConfig {
     long lowSpeedLimitBytesPerSecond = 16;
     std::chrono::seconds lowSpeedTime{60};
     std::size_t maxAnswerBytes = std::size_t{64} * 1024 * 1024;
+    // Whether keepConnection() keeps one (see above); off, every request
+    // connects afresh (the benchmark compares the two).
+    bool reuseConnection = true;
 
     // Where the system's product version ("VERSION_ID") is read from.
     std::string osReleasePath = "/etc/os-release";
@@ -56,8 +71,28 @@ struct UpdateServerConfig {
 };
 
 class UpdateServerClient {
+    struct KeptConnection;
+
 public:
     explicit UpdateServerClient(UpdateServerConfig config = {});
+
+    // Keeps the connection of this client's requests open while it lives; the
+    // connection closes when the last scope ends. Move-only.
+    class ConnectionScope {
+    public:
+        ConnectionScope(ConnectionScope&&) noexcept = default;
+        ConnectionScope& operator=(ConnectionScope&&) noexcept = default;
+        ConnectionScope(const ConnectionScope&) = delete;
+        ConnectionScope& operator=(const ConnectionScope&) = delete;
+        ~ConnectionScope();
+
+    private:
+        friend class UpdateServerClient;
+        explicit ConnectionScope(std::shared_ptr<KeptConnection> kept);
+        std::shared_ptr<KeptConnection> _kept;
+    };
+    // For the requests of one update (see the transport rules above).
+    [[nodiscard]] ConnectionScope keepConnection() const;
 
     // "check_update". None, with a log line, when a parameter (or the
     // application or system version) is missing or cannot be serialised.
@@ -85,7 +120,12 @@ public:
     [[nodiscard]] const UpdateServerConfig& config() const { return _config; }
 
 private:
+    // POSTs on the kept connection while a scope lives, else on a fresh one.
+    std::optional<std::string> send(const std::string& body, ServerProblemReport& failure) const;
+
     UpdateServerConfig _config;
+    // Shared with the scopes, which may outlive a client that was replaced.
+    std::shared_ptr<KeptConnection> _kept;
 };
 
 } // namespace quendral

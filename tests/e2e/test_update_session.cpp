@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 namespace quendral::test {
 namespace {
 
@@ -66,6 +68,21 @@ TEST_F(UpdateSession, ASecondCheckInTheSameSessionSendsTheVersionTheControllerRu
     EXPECT_EQ(reportedVersions(run.serverBodies()), (std::vector<std::string>{"1.0.0", "2.0.0"}));
     EXPECT_TRUE(log.contains("Requesting update for CID QUENDRALLAB000000000000000000001 with current version 2.0.0 "
                              "andself-> new version (null)"));
+}
+
+// One update asks the server several times within seconds: the query, the
+// ticket polls and the report ride on one connection and one TLS handshake.
+TEST_F(UpdateSession, TheRequestsOfOneUpdateShareOneConnection)
+{
+    const auto requests = run.server.recordedRequests();
+    ASSERT_GE(requests.size(), 4U);
+    EXPECT_EQ(requests.front()["json"]["cmd"], "check_update");
+    EXPECT_EQ(requests.back()["json"]["cmd"], "ticket_status");
+    std::set<int> connections;
+    for (const auto& request : requests) {
+        connections.insert(request.value("connection", 0));
+    }
+    EXPECT_EQ(connections, (std::set<int>{1})) << requests.size() << " requests";
 }
 
 // The window is told everything about a whole update (status texts, the
