@@ -830,39 +830,37 @@ int main(int argc, char** argv)
         result = 1;
     } else {
         std::printf("%-5s %-8s %12s %12s %12s\n", "round", "program", "throughput", "CPU/MB", "memory");
-        std::vector<double> ourRate;
-        std::vector<double> peerRate;
-        std::vector<double> ourCpu;
-        std::vector<double> peerCpu;
-        std::vector<double> ourPing;
-        std::vector<double> peerPing;
-        std::vector<double> ourLate;
-        std::vector<double> ourRss;
-        std::vector<double> peerRss;
+        // Per program, one figure per round.
+        struct Rounds {
+            std::vector<double> rate, cpu, ping, lateness, rss;
+            void add(const Phase& phase)
+            {
+                rate.push_back(phase.megabytes / phase.seconds);
+                cpu.push_back(phase.cpu / phase.megabytes);
+                ping.push_back(phase.ping.p99);
+                lateness.push_back(phase.lateness.p99);
+                rss.push_back(static_cast<double>(phase.rssKb) / 1024);
+            }
+        };
+        Rounds ourRounds;
+        Rounds peerRounds;
         for (int round = 1; round <= rounds; ++round) {
             const Phase ours = floodPhase(w, x, ourDevice->deviceEnd(), true, seconds);
             printPhase("ours", round, ours);
             const Phase peer = floodPhase(w, x, peerDevice->deviceEnd(), false, seconds);
             printPhase("CuteCom", round, peer);
-            ourRate.push_back(ours.megabytes / ours.seconds);
-            peerRate.push_back(peer.megabytes / peer.seconds);
-            ourCpu.push_back(ours.cpu / ours.megabytes);
-            peerCpu.push_back(peer.cpu / peer.megabytes);
-            ourPing.push_back(ours.ping.p99);
-            peerPing.push_back(peer.ping.p99);
-            ourLate.push_back(ours.lateness.p99);
-            ourRss.push_back(static_cast<double>(ours.rssKb) / 1024);
-            peerRss.push_back(static_cast<double>(peer.rssKb) / 1024);
+            ourRounds.add(ours);
+            peerRounds.add(peer);
         }
         std::printf("load average after: %s\n", loadAverage().c_str());
         std::printf("medians of %d rounds of %.0f s:\n", rounds, seconds);
-        std::printf("  throughput   ours %.2f MB/s, CuteCom %.2f MB/s (ratio %.2f)\n", median(ourRate),
-                    median(peerRate), median(ourRate) / median(peerRate));
-        std::printf("  CPU per MB   ours %.3f s, CuteCom %.3f s (ratio %.2f)\n", median(ourCpu), median(peerCpu),
-                    median(ourCpu) / median(peerCpu));
-        std::printf("  RSS          ours %.0f MB, CuteCom %.0f MB\n", median(ourRss), median(peerRss));
-        std::printf("  X ping p99   ours %.2f ms, CuteCom %.2f ms\n", median(ourPing), median(peerPing));
-        std::printf("  our event-loop lateness p99 %.2f ms (goal < 8 ms)\n", median(ourLate));
+        std::printf("  throughput   ours %.2f MB/s, CuteCom %.2f MB/s (ratio %.2f)\n", median(ourRounds.rate),
+                    median(peerRounds.rate), median(ourRounds.rate) / median(peerRounds.rate));
+        std::printf("  CPU per MB   ours %.3f s, CuteCom %.3f s (ratio %.2f)\n", median(ourRounds.cpu),
+                    median(peerRounds.cpu), median(ourRounds.cpu) / median(peerRounds.cpu));
+        std::printf("  RSS          ours %.0f MB, CuteCom %.0f MB\n", median(ourRounds.rss), median(peerRounds.rss));
+        std::printf("  X ping p99   ours %.2f ms, CuteCom %.2f ms\n", median(ourRounds.ping), median(peerRounds.ping));
+        std::printf("  our event-loop lateness p99 %.2f ms (goal < 8 ms)\n", median(ourRounds.lateness));
     }
     stop(w.ours);
     stop(w.peer);
