@@ -97,7 +97,7 @@ int runProgram(const std::vector<std::string>& arguments)
 constexpr int kMostDues = 3;
 
 // One board to plug in.
-struct BoardSpec {
+struct BoardChoice {
     std::string kind = "due";
     sim::DueFaults dueFaults;
 };
@@ -108,7 +108,7 @@ struct LabOptions {
     std::string serverFirmware = QUENDRAL_LAB_IMAGE_DIR "/lab_new_firmware.hex";
     std::vector<std::string> serverArguments;
     std::vector<std::string> program;
-    std::vector<BoardSpec> boards;
+    std::vector<BoardChoice> boards;
     bool imageGiven = false;
     bool withIntermediate = true;
     bool openToOtherUsers = false;
@@ -119,24 +119,24 @@ struct LabOptions {
 constexpr std::uint32_t kStuckFlashByte = 0x1234;
 
 // "KIND[,FAULT]..."; none when a fault is unknown or not a due's.
-std::optional<BoardSpec> boardSpec(const std::string& text)
+std::optional<BoardChoice> boardChoice(const std::string& text)
 {
-    BoardSpec spec;
+    BoardChoice choice;
     std::size_t start = 0;
     for (std::size_t end = 0; end != std::string::npos; start = end + 1) {
         end = text.find(',', start);
         const std::string word = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
         if (start == 0) {
-            spec.kind = word;
-        } else if (spec.kind == "due" && word == "stays-away") {
-            spec.dueFaults.staysAwayAfterTouch = true;
-        } else if (spec.kind == "due" && word == "broken-flash") {
-            spec.dueFaults.stuckFlashByte = kStuckFlashByte;
+            choice.kind = word;
+        } else if (choice.kind == "due" && word == "stays-away") {
+            choice.dueFaults.staysAwayAfterTouch = true;
+        } else if (choice.kind == "due" && word == "broken-flash") {
+            choice.dueFaults.stuckFlashByte = kStuckFlashByte;
         } else {
             return std::nullopt;
         }
     }
-    return spec;
+    return choice;
 }
 
 // None (after the usage) when the arguments make no sense.
@@ -153,12 +153,12 @@ std::optional<LabOptions> parseArguments(int argc, char** argv)
             options.image = argv[++i];
             options.imageGiven = true;
         } else if (arg == "--controller" && i + 1 < argc) {
-            const auto spec = boardSpec(argv[++i]);
-            if (!spec) {
+            const auto choice = boardChoice(argv[++i]);
+            if (!choice) {
                 usage();
                 return std::nullopt;
             }
-            options.boards.push_back(*spec);
+            options.boards.push_back(*choice);
         } else if (arg == "--due-stays-away") {
             options.dueFaults.staysAwayAfterTouch = true;
         } else if (arg == "--due-broken-flash") {
@@ -182,7 +182,7 @@ std::optional<LabOptions> parseArguments(int argc, char** argv)
         options.boards.emplace_back();
     }
     const auto dues = std::count_if(options.boards.begin(), options.boards.end(),
-                                    [](const BoardSpec& board) { return board.kind == "due"; });
+                                    [](const BoardChoice& board) { return board.kind == "due"; });
     if (options.program.empty() || dues > kMostDues) {
         usage();
         return std::nullopt;
@@ -235,10 +235,10 @@ std::string dueImage(const LabOptions& options, int number)
 }
 
 // The exit status if the board did not start; none when it runs.
-std::optional<int> startDue(sim::UmockdevTestbed& testbed, const LabOptions& options, const BoardSpec& spec, int number,
-                            LabBoard& board)
+std::optional<int> startDue(sim::UmockdevTestbed& testbed, const LabOptions& options, const BoardChoice& choice,
+                            int number, LabBoard& board)
 {
-    sim::DueFaults faults = spec.dueFaults;
+    sim::DueFaults faults = choice.dueFaults;
     faults.staysAwayAfterTouch = faults.staysAwayAfterTouch || options.dueFaults.staysAwayAfterTouch;
     if (!faults.stuckFlashByte) {
         faults.stuckFlashByte = options.dueFaults.stuckFlashByte;
@@ -324,13 +324,13 @@ std::optional<int> startStandIn(sim::UmockdevTestbed& testbed, LabBoard& board)
 std::optional<int> startBoards(sim::UmockdevTestbed& testbed, const LabOptions& options, LabBoards& boards)
 {
     int dues = 0;
-    for (const BoardSpec& spec : options.boards) {
+    for (const BoardChoice& choice : options.boards) {
         auto& board = *boards.emplace_back(std::make_unique<LabBoard>());
-        board.kind = spec.kind;
+        board.kind = choice.kind;
         std::optional<int> failed;
-        if (spec.kind == "due") {
-            failed = startDue(testbed, options, spec, ++dues, board);
-        } else if (spec.kind == "mega2560" || spec.kind == "mega1284p") {
+        if (choice.kind == "due") {
+            failed = startDue(testbed, options, choice, ++dues, board);
+        } else if (choice.kind == "mega2560" || choice.kind == "mega1284p") {
             failed = startAvr(testbed, options, board);
         } else {
             failed = startStandIn(testbed, board);
