@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <atomic>
 #include <iostream>
-#include <map>
 #include <mutex>
 #include <optional>
 
@@ -29,6 +28,7 @@ struct SeveralControllers::Board {
     std::shared_ptr<ControllerLink> link;
     std::unique_ptr<FirmwareUploader> uploader;
     std::optional<PortPath> port;
+    const BoardIdentification* kind = nullptr; // update: the board table's row, when its type has an update check
 
     // What came of it.
     std::string outcome;
@@ -37,6 +37,7 @@ struct SeveralControllers::Board {
     std::optional<std::string> version;
     int exitCode = kFailure;
     bool counts = true; // false: left alone, its type has no update check
+    std::optional<UpdateReport> report;
 };
 
 SeveralControllers::SeveralControllers(const Invocation& invocation, const TerminalFeedback::Options& feedback)
@@ -114,34 +115,27 @@ int SeveralControllers::identifyAll()
 int SeveralControllers::updateAll(const UpdateServerConfig& server)
 {
     std::vector<Board*> updatable;
-    std::map<Board*, const BoardIdentification*> kinds;
     for (const auto& board : _boards) {
         board->feedback->uploadBegins();
-        const BoardIdentification* kind =
+        board->kind =
             UpdateJob(*board->link, *board->uploader, *board->feedback).boardToUpdate(board->port->currentOrEmpty());
-        if (kind == nullptr) {
+        if (board->kind == nullptr) {
             board->outcome = outcomeKey(UpdateOutcome::UnsupportedDevice);
             board->error = "Check for updates is not supported for this device type.";
             board->counts = false;
             continue;
         }
-        kinds[board.get()] = kind;
         updatable.push_back(board.get());
     }
     if (updatable.empty()) {
         std::cerr << "quendral-cli: no Controller that can be updated is connected\n";
         return kFailure;
     }
-    std::map<Board*, UpdateReport> reports;
-    for (Board* board : updatable) {
-        reports[board]; // made before the work starts: each thread touches its own
-    }
     runForEach(updatable, [&](Board& board) {
         // A client of its own: one board's connection never carries another's requests.
         const UpdateServerClient client(server);
-        UpdateReport& report = reports.at(&board);
-        report = updateController(*board.link, *board.uploader, *board.feedback, *board.port, *kinds.at(&board),
-                                  _invocation.build, client);
+        const UpdateReport& report = board.report.emplace(updateController(
+            *board.link, *board.uploader, *board.feedback, *board.port, *board.kind, _invocation.build, client));
         board.outcome = outcomeKey(report.outcome);
         board.error = updateErrorText(report);
         if (board.error) {
@@ -155,9 +149,8 @@ int SeveralControllers::updateAll(const UpdateServerConfig& server)
     });
     if (_invocation.json) {
         for (const auto& board : _boards) {
-            printJson(reports.contains(board.get())
-                          ? updateResultObject(*board->port, *board->link, reports.at(board.get()))
-                          : resultObject(*board->port, *board->link, board->outcome, board->error));
+            printJson(board->report ? updateResultObject(*board->port, *board->link, *board->report)
+                                    : resultObject(*board->port, *board->link, board->outcome, board->error));
         }
     }
     return finish(true);
