@@ -17,6 +17,7 @@
 // come from the same minutes of a shared machine.
 //
 //     umockdev-wrapper build/bench/bench_update_road [RUNS]     (default 5)
+//     umockdev-wrapper build/bench/bench_update_road --trace    (one pair, every moment)
 //
 // (it starts itself under umockdev-wrapper when run without it).
 #include "e2e/road_world.h"
@@ -32,9 +33,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <set>
+#include <streambuf>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace quendral;
@@ -51,6 +55,46 @@ struct Slept {
     double nominal = 0;
     double actual = 0;
     int sleeps = 0;
+    // Each sleep: when it began and ended, and its nominal length.
+    struct Interval {
+        Instant from;
+        Instant to;
+        double nominal = 0;
+    };
+    std::vector<Interval> intervals;
+};
+
+// What happened when, for --trace: log lines, status texts, sleeps.
+struct Event {
+    Instant at;
+    std::string what;
+};
+
+// A console for the logger that notes the moment of each line.
+class TimedLines final : public std::streambuf {
+public:
+    std::vector<Event> take()
+    {
+        std::lock_guard lock(_mutex);
+        return std::exchange(_events, {});
+    }
+
+protected:
+    int overflow(int c) override
+    {
+        std::lock_guard lock(_mutex);
+        if (c == '\n' && !_line.empty()) {
+            _events.push_back({std::chrono::steady_clock::now(), std::exchange(_line, {})});
+        } else if (c != EOF) {
+            _line.push_back(static_cast<char>(c));
+        }
+        return c == EOF ? 0 : c;
+    }
+
+private:
+    std::mutex _mutex;
+    std::string _line;
+    std::vector<Event> _events;
 };
 
 // The system clock, counting what the job sleeps.
@@ -66,6 +110,7 @@ public:
         _slept.nominal += duration.count();
         _slept.actual += std::chrono::duration<double>(after - before).count();
         ++_slept.sleeps;
+        _slept.intervals.push_back({before, after, duration.count()});
     }
     void reset()
     {
@@ -98,7 +143,41 @@ double seconds(Instant from, Instant to)
     return std::chrono::duration<double>(to - from).count();
 }
 
-Figures oneUpdate(SleepCountingClock& clock, bool reuseConnection)
+// The update's moments in order, each with the time since the one before;
+// the stretches inside a sleep or the tool's run are marked, the rest is the
+// application's own time.
+void printTimeline(Instant start, std::vector<Event> events, const Slept& slept, Instant toolStart, Instant toolEnd)
+{
+    for (const auto& interval : slept.intervals) {
+        events.push_back({interval.from, "(sleep " + std::to_string(interval.nominal) + " s begins)"});
+        events.push_back({interval.to, "(sleep ends)"});
+    }
+    events.push_back({toolStart, "(tool begins)"});
+    events.push_back({toolEnd, "(tool ends)"});
+    std::stable_sort(events.begin(), events.end(), [](const Event& a, const Event& b) { return a.at < b.at; });
+    const auto inside = [&](Instant from, Instant to) {
+        if (from >= toolStart && to <= toolEnd) {
+            return true;
+        }
+        return std::any_of(slept.intervals.begin(), slept.intervals.end(),
+                           [&](const Slept::Interval& i) { return from >= i.from && to <= i.to; });
+    };
+    Instant previous = start;
+    double own = 0;
+    for (const auto& event : events) {
+        const double gap = seconds(previous, event.at) * 1000.0;
+        const bool waiting = inside(previous, event.at);
+        if (!waiting) {
+            own += gap;
+        }
+        std::printf("  %9.1f ms  %s%7.2f  %s\n", seconds(start, event.at) * 1000.0, waiting ? "   " : "+  ", gap,
+                    event.what.substr(0, 110).c_str());
+        previous = event.at;
+    }
+    std::printf("  own time between the moments above: %.1f ms\n", own);
+}
+
+Figures oneUpdate(SleepCountingClock& clock, bool reuseConnection, TimedLines* trace)
 {
     Figures figures;
     RoadRun run({}, clock);
@@ -166,6 +245,15 @@ Figures oneUpdate(SleepCountingClock& clock, bool reuseConnection)
     }
     figures.connections = static_cast<int>(connections.size());
     run.controller->setUpdateFinishedHandler(nullptr);
+    if (trace != nullptr) {
+        std::vector<Event> events = trace->take();
+        for (const auto& [at, text] : run.view.timedTexts()) {
+            events.push_back({at, "status: " + text});
+        }
+        events.push_back({*end, "(the job ends)"});
+        std::erase_if(events, [&](const Event& e) { return e.at < start || e.at > *end; });
+        printTimeline(start, std::move(events), figures.slept, *toolStart, *toolEnd);
+    }
     return figures;
 }
 
@@ -177,13 +265,16 @@ int main(int argc, char** argv)
         sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "bench_update_road");
         return 127;
     }
-    const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+    const bool trace = argc > 1 && std::string(argv[1]) == "--trace";
+    const int runs = argc > 1 && !trace ? std::max(1, std::atoi(argv[1])) : trace ? 1 : 5;
 
     dispatch::setMainThreadToCurrent();
     (void)RoadRun::testbed(); // before the port manager starts listening
     (void)SerialPortManager::sharedSerialPortManager().availablePorts();
     TempDir logFolder;
-    Logger::setConsole(nullptr);
+    TimedLines timedLines;
+    std::ostream timedConsole(&timedLines);
+    Logger::setConsole(trace ? &timedConsole : nullptr);
     Logger::setDataFolder(logFolder.path());
     Logger::initLogPath();
     LabResources resources;
@@ -200,7 +291,7 @@ int main(int argc, char** argv)
         double fresh = 0;
         // Alternate which goes first, so neither always meets a warmer cache.
         for (const bool reuse : {i % 2 == 1, i % 2 == 0}) {
-            const Figures f = oneUpdate(clock, reuse);
+            const Figures f = oneUpdate(clock, reuse, trace ? &timedLines : nullptr);
             if (!f.updated) {
                 return 1;
             }

@@ -51,7 +51,8 @@ CombinedUsbIdentifier usbIdentifierOf(const SerialPortList& ports, const std::st
 {
     for (const SerialPort::Ptr& port : ports) {
         if (port->path() == path) {
-            return combinedUsbIdentifier(vendorID(*port).value_or(0), productID(*port).value_or(0));
+            const auto identifiers = usbIdentifiers(*port).value_or(UsbIdentifiers{});
+            return combinedUsbIdentifier(identifiers.vendor.value_or(0), identifiers.product.value_or(0));
         }
     }
     return 0;

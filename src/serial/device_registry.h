@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quendral {
@@ -70,12 +71,22 @@ public:
 
     // Every serial stream device, in the order the registry lists them.
     [[nodiscard]] virtual std::vector<DeviceHandle> serialDevices() = 0;
+    // The serial stream devices of that name ("ttyACM0"): the same search
+    // without reading every other tty of the machine (a desktop has dozens of
+    // virtual consoles), for a look-up by path that is asked for at every step.
+    [[nodiscard]] virtual std::vector<DeviceHandle> serialDevicesNamed(const std::string& sysname) = 0;
     // The entry at a sysfs path, or nullptr when there is none (any more).
     [[nodiscard]] virtual DeviceHandle deviceWithSyspath(const std::string& syspath) = 0;
     // The entry's parent device, or nullptr at the top of the tree.
     [[nodiscard]] virtual DeviceHandle parentOf(const DeviceHandle& device) = 0;
     // A sysfs attribute of the entry ("idVendor"), or none.
     [[nodiscard]] virtual std::optional<std::string> attribute(const DeviceHandle& device, const std::string& name) = 0;
+    // The nearest device at or above the entry that has every one of the
+    // named sysfs attributes, with their values in the order named; none when
+    // no device up the tree has them all. One walk of the tree: the USB
+    // identity of a port is asked for at every step of an update.
+    [[nodiscard]] virtual std::optional<std::pair<DeviceHandle, std::vector<std::string>>>
+    nearestWithAttributes(const DeviceHandle& device, const std::vector<std::string>& names) = 0;
     // Starts listening for serial devices that arrive or go; nullptr when the
     // registry cannot deliver such events. Listen first, then enumerate, so
     // that nothing falls between the two.

@@ -4,9 +4,11 @@
 #include "log/logger.h"
 #include "serial/serial_port_registry.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 namespace quendral {
 namespace {
@@ -95,12 +97,20 @@ DeviceHandle SerialPort::deviceFromBSDPath(const std::string& path)
     if (path.empty()) {
         return nullptr;
     }
-    for (const DeviceHandle& device : DeviceRegistry::shared().serialDevices()) {
-        if (bsdCalloutPathFromDevice(device) == path || bsdDialinPathFromDevice(device) == path) {
-            return device;
-        }
+    const auto matches = [&path](const DeviceHandle& device) {
+        return bsdCalloutPathFromDevice(device) == path || bsdDialinPathFromDevice(device) == path;
+    };
+    // A tty's node carries its device's name: look at that device first, and
+    // search every serial device only for a node named otherwise.
+    const auto firstMatching = [&matches](const std::vector<DeviceHandle>& candidates) -> DeviceHandle {
+        const auto found = std::find_if(candidates.begin(), candidates.end(), matches);
+        return found != candidates.end() ? *found : nullptr;
+    };
+    DeviceRegistry& registry = DeviceRegistry::shared();
+    if (DeviceHandle named = firstMatching(registry.serialDevicesNamed(std::filesystem::path(path).filename()))) {
+        return named;
     }
-    return nullptr;
+    return firstMatching(registry.serialDevices());
 }
 
 std::optional<std::string> SerialPort::stringPropertyOf(const DeviceHandle& device, std::string_view key)

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <string_view>
 
 namespace quendral {
 namespace {
@@ -14,16 +15,8 @@ constexpr std::array kIdentityAttributes = {kVendorKey, kProductKey,    "bcdDevi
                                             "speed",    "bDeviceClass", "bNumInterfaces"};
 
 // sysfs writes the identifiers as four hexadecimal digits ("2341").
-std::optional<std::uint16_t> hexNumber(const std::optional<DeviceAttributes>& attributes, const char* key)
+std::optional<std::uint16_t> hexNumber(const std::string& text)
 {
-    if (!attributes) {
-        return std::nullopt;
-    }
-    const auto found = attributes->find(key);
-    if (found == attributes->end()) {
-        return std::nullopt;
-    }
-    const std::string& text = found->second;
     std::uint16_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
     if (error != std::errc() || end == text.data()) {
@@ -32,38 +25,44 @@ std::optional<std::uint16_t> hexNumber(const std::optional<DeviceAttributes>& at
     return value;
 }
 
-} // namespace
+// The nearest device above the port's tty that carries both identifiers,
+// with the two of them ("2341", "003e").
+struct UsbDevice {
+    DeviceHandle entry;
+    std::string vendor;
+    std::string product;
+};
 
-namespace {
-
-// The nearest device above the port's tty that carries both identifiers.
-DeviceHandle usbDeviceOf(const SerialPort& port)
+std::optional<UsbDevice> usbDeviceOf(const SerialPort& port)
 {
     const SerialPort::Ptr current = SerialPort::serialPortWithPath(port.path());
     if (!current) {
-        return nullptr;
+        return std::nullopt;
     }
-    DeviceRegistry& registry = DeviceRegistry::shared();
-    for (DeviceHandle entry = current->IOKitDevice(); entry; entry = registry.parentOf(entry)) {
-        if (registry.attribute(entry, kVendorKey) && registry.attribute(entry, kProductKey)) {
-            return entry;
-        }
+    auto found = DeviceRegistry::shared().nearestWithAttributes(current->IOKitDevice(), {kVendorKey, kProductKey});
+    if (!found) {
+        return std::nullopt;
     }
-    return nullptr;
+    return UsbDevice{std::move(found->first), std::move(found->second[0]), std::move(found->second[1])};
 }
 
 } // namespace
 
 std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port)
 {
-    const DeviceHandle entry = usbDeviceOf(port);
-    if (!entry) {
+    const auto usb = usbDeviceOf(port);
+    if (!usb) {
         return std::nullopt;
     }
     DeviceRegistry& registry = DeviceRegistry::shared();
-    DeviceAttributes attributes(entry->properties.begin(), entry->properties.end());
+    DeviceAttributes attributes(usb->entry->properties.begin(), usb->entry->properties.end());
+    // The sysfs attributes win over udev properties of the same name.
     for (const char* key : kIdentityAttributes) {
-        if (std::optional<std::string> value = registry.attribute(entry, key)) {
+        if (std::string_view(key) == kVendorKey) {
+            attributes[key] = usb->vendor;
+        } else if (std::string_view(key) == kProductKey) {
+            attributes[key] = usb->product;
+        } else if (std::optional<std::string> value = registry.attribute(usb->entry, key)) {
             attributes[key] = std::move(*value);
         }
     }
@@ -72,21 +71,32 @@ std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port)
 
 std::optional<std::string> usbLocation(const SerialPort& port)
 {
-    const DeviceHandle entry = usbDeviceOf(port);
-    if (!entry || entry->sysname.empty()) {
+    const auto usb = usbDeviceOf(port);
+    if (!usb || usb->entry->sysname.empty()) {
         return std::nullopt;
     }
-    return entry->sysname;
+    return usb->entry->sysname;
 }
 
 std::optional<std::uint16_t> vendorID(const SerialPort& port)
 {
-    return hexNumber(ioDeviceAttributes(port), kVendorKey);
+    const auto usb = usbDeviceOf(port);
+    return usb ? hexNumber(usb->vendor) : std::nullopt;
 }
 
 std::optional<std::uint16_t> productID(const SerialPort& port)
 {
-    return hexNumber(ioDeviceAttributes(port), kProductKey);
+    const auto usb = usbDeviceOf(port);
+    return usb ? hexNumber(usb->product) : std::nullopt;
+}
+
+std::optional<UsbIdentifiers> usbIdentifiers(const SerialPort& port)
+{
+    const auto usb = usbDeviceOf(port);
+    if (!usb) {
+        return std::nullopt;
+    }
+    return UsbIdentifiers{hexNumber(usb->vendor), hexNumber(usb->product)};
 }
 
 } // namespace quendral

@@ -21,6 +21,13 @@ using DeviceAttributes = std::map<std::string, std::string>;
 [[nodiscard]] std::optional<DeviceAttributes> ioDeviceAttributes(const SerialPort& port);
 [[nodiscard]] std::optional<std::uint16_t> vendorID(const SerialPort& port);
 [[nodiscard]] std::optional<std::uint16_t> productID(const SerialPort& port);
+// Both identifiers from one walk of the tree (an identifier that is not a
+// hexadecimal number is none, as above).
+struct UsbIdentifiers {
+    std::optional<std::uint16_t> vendor;
+    std::optional<std::uint16_t> product;
+};
+[[nodiscard]] std::optional<UsbIdentifiers> usbIdentifiers(const SerialPort& port);
 // Where that USB device is plugged in: its name on the bus, the bus and the
 // chain of hub ports ("1-1.4"). It stays the same while a board re-enumerates
 // on its socket (into its boot loader and back), when its node, identity and

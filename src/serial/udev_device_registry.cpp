@@ -18,6 +18,21 @@ std::string orEmpty(const char* text)
     return text != nullptr ? text : "";
 }
 
+std::atomic<std::uint64_t> devicesReadFromSysfs{0};
+
+udev_device* deviceFromSyspath(udev* context, const char* syspath)
+{
+    devicesReadFromSysfs.fetch_add(1, std::memory_order_relaxed);
+    return udev_device_new_from_syspath(context, syspath);
+}
+
+// The parent is read when first asked for, then kept by the child.
+udev_device* parentDevice(udev_device* device)
+{
+    devicesReadFromSysfs.fetch_add(1, std::memory_order_relaxed);
+    return udev_device_get_parent(device);
+}
+
 } // namespace
 
 DeviceRegistry& DeviceRegistry::shared()
@@ -65,6 +80,16 @@ bool UdevDeviceRegistry::isSerialDevice(const DeviceEntry& entry)
 
 std::vector<DeviceHandle> UdevDeviceRegistry::serialDevices()
 {
+    return enumerateSerialDevices(nullptr);
+}
+
+std::vector<DeviceHandle> UdevDeviceRegistry::serialDevicesNamed(const std::string& sysname)
+{
+    return enumerateSerialDevices(&sysname);
+}
+
+std::vector<DeviceHandle> UdevDeviceRegistry::enumerateSerialDevices(const std::string* sysname)
+{
     std::vector<DeviceHandle> result;
     std::lock_guard lock(_mutex);
     if (_udev == nullptr) {
@@ -75,15 +100,19 @@ std::vector<DeviceHandle> UdevDeviceRegistry::serialDevices()
         return result;
     }
     udev_enumerate_add_match_subsystem(enumerate, "tty");
+    if (sysname != nullptr) {
+        // Matched on the directory entries' names: the others are never read.
+        udev_enumerate_add_match_sysname(enumerate, sysname->c_str());
+    }
     udev_enumerate_scan_devices(enumerate);
     for (udev_list_entry* item = udev_enumerate_get_list_entry(enumerate); item != nullptr;
          item = udev_list_entry_get_next(item)) {
-        UdevDevicePtr device(udev_device_new_from_syspath(_udev, udev_list_entry_get_name(item)));
+        UdevDevicePtr device(deviceFromSyspath(_udev, udev_list_entry_get_name(item)));
         if (!device) {
             continue;
         }
         // A tty with a real device behind it; consoles and pseudo-terminals have no parent.
-        if (udev_device_get_parent(device.get()) == nullptr) {
+        if (parentDevice(device.get()) == nullptr) {
             continue;
         }
         DeviceHandle entry = entryFromUdevDevice(device.get());
@@ -101,7 +130,7 @@ DeviceHandle UdevDeviceRegistry::deviceWithSyspath(const std::string& syspath)
     if (_udev == nullptr) {
         return nullptr;
     }
-    UdevDevicePtr device(udev_device_new_from_syspath(_udev, syspath.c_str()));
+    UdevDevicePtr device(deviceFromSyspath(_udev, syspath.c_str()));
     return entryFromUdevDevice(device.get());
 }
 
@@ -114,12 +143,12 @@ DeviceHandle UdevDeviceRegistry::parentOf(const DeviceHandle& device)
     if (_udev == nullptr) {
         return nullptr;
     }
-    UdevDevicePtr child(udev_device_new_from_syspath(_udev, device->syspath.c_str()));
+    UdevDevicePtr child(deviceFromSyspath(_udev, device->syspath.c_str()));
     if (!child) {
         return nullptr;
     }
     // The parent belongs to the child and goes with it.
-    return entryFromUdevDevice(udev_device_get_parent(child.get()));
+    return entryFromUdevDevice(parentDevice(child.get()));
 }
 
 std::optional<std::string> UdevDeviceRegistry::attribute(const DeviceHandle& device, const std::string& name)
@@ -131,7 +160,7 @@ std::optional<std::string> UdevDeviceRegistry::attribute(const DeviceHandle& dev
     if (_udev == nullptr) {
         return std::nullopt;
     }
-    UdevDevicePtr entry(udev_device_new_from_syspath(_udev, device->syspath.c_str()));
+    UdevDevicePtr entry(deviceFromSyspath(_udev, device->syspath.c_str()));
     if (!entry) {
         return std::nullopt;
     }
@@ -140,6 +169,39 @@ std::optional<std::string> UdevDeviceRegistry::attribute(const DeviceHandle& dev
         return std::nullopt;
     }
     return std::string(value);
+}
+
+std::optional<std::pair<DeviceHandle, std::vector<std::string>>>
+UdevDeviceRegistry::nearestWithAttributes(const DeviceHandle& device, const std::vector<std::string>& names)
+{
+    if (!device) {
+        return std::nullopt;
+    }
+    std::lock_guard lock(_mutex);
+    if (_udev == nullptr) {
+        return std::nullopt;
+    }
+    UdevDevicePtr start(deviceFromSyspath(_udev, device->syspath.c_str()));
+    // The parents belong to the start device and go with it.
+    for (udev_device* entry = start.get(); entry != nullptr; entry = parentDevice(entry)) {
+        std::vector<std::string> values;
+        for (const std::string& name : names) {
+            const char* value = udev_device_get_sysattr_value(entry, name.c_str());
+            if (value == nullptr) {
+                break;
+            }
+            values.emplace_back(value);
+        }
+        if (values.size() == names.size()) {
+            return std::pair{entryFromUdevDevice(entry), std::move(values)};
+        }
+    }
+    return std::nullopt;
+}
+
+std::uint64_t UdevDeviceRegistry::devicesRead()
+{
+    return devicesReadFromSysfs.load(std::memory_order_relaxed);
 }
 
 std::optional<std::string> UdevDeviceRegistry::stringProperty(const DeviceHandle& device, std::string_view key)

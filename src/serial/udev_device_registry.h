@@ -4,6 +4,8 @@
 // made under one lock.
 #include "serial/device_registry.h"
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 
 struct udev;
@@ -19,9 +21,12 @@ public:
     UdevDeviceRegistry& operator=(const UdevDeviceRegistry&) = delete;
 
     [[nodiscard]] std::vector<DeviceHandle> serialDevices() override;
+    [[nodiscard]] std::vector<DeviceHandle> serialDevicesNamed(const std::string& sysname) override;
     [[nodiscard]] DeviceHandle deviceWithSyspath(const std::string& syspath) override;
     [[nodiscard]] DeviceHandle parentOf(const DeviceHandle& device) override;
     [[nodiscard]] std::optional<std::string> attribute(const DeviceHandle& device, const std::string& name) override;
+    [[nodiscard]] std::optional<std::pair<DeviceHandle, std::vector<std::string>>>
+    nearestWithAttributes(const DeviceHandle& device, const std::vector<std::string>& names) override;
     [[nodiscard]] std::optional<std::string> stringProperty(const DeviceHandle& device, std::string_view key) override;
     [[nodiscard]] std::unique_ptr<DeviceMonitor> monitorSerialDevices() override;
 
@@ -36,7 +41,15 @@ public:
     [[nodiscard]] udev* context() const { return _udev; }
     [[nodiscard]] std::mutex& mutex() { return _mutex; }
 
+    // How many devices this process has read from sysfs through the registry
+    // (a look-up by path, or a step to a parent): the cost of a look-up on a
+    // machine where each is a handful of file reads.
+    [[nodiscard]] static std::uint64_t devicesRead();
+
 private:
+    // The serial devices, all or only those of one name.
+    [[nodiscard]] std::vector<DeviceHandle> enumerateSerialDevices(const std::string* sysname);
+
     std::mutex _mutex;
     udev* _udev = nullptr;
 };

@@ -1,6 +1,7 @@
 // SerialPortManager in a umockdev world: enumeration, arrival, removal, the
 // single instance, sleep and wake, the exit handler, and the USB identity.
 #include "serial/serial_port_attributes.h"
+#include "serial/udev_device_registry.h"
 #include "support/port_manager_world.h"
 #include "support/recording_serial_delegate.h"
 
@@ -149,6 +150,30 @@ TEST_F(SerialPortManagerTest, TheUsbIdentityComesFromTheNearestUsbDeviceAbove)
     EXPECT_EQ(attributes->at("idVendor"), "2a03");
     EXPECT_EQ(attributes->at("product"), "QUENDRAL Controller");
     EXPECT_EQ(attributes->at("DEVTYPE"), "usb_device");
+}
+
+TEST_F(SerialPortManagerTest, EachIdentifierIsReadInOneWalkUpTheTree)
+{
+    // An update asks for a port's identity at every step and for every port
+    // while it waits for a boot loader. Each identifier costs the port's own
+    // look-up by its path (its tty and that tty's parent, not every tty of the
+    // machine) and the devices on the way up once (tty, [usb-serial,]
+    // interface, usb_device), not a fresh look-up for every attribute tried.
+    auto adapter = plugIn("ttyUSB", 0x0403, 0x6001);
+    auto board = plugIn("ttyACM", 0x2A03, 0x0037);
+    ASSERT_TRUE(waitFor([&] { return listed(adapter->devnode()) && listed(board->devnode()); }, kHotplugWait));
+    const auto devicesReadBy = [](const auto& read) {
+        const std::uint64_t start = UdevDeviceRegistry::devicesRead();
+        read();
+        return UdevDeviceRegistry::devicesRead() - start;
+    };
+    for (const auto& [device, levels] : {std::pair{adapter, 2u + 4u}, std::pair{board, 2u + 3u}}) {
+        auto port = SerialPort::serialPortWithPath(device->devnode());
+        ASSERT_TRUE(port);
+        EXPECT_EQ(devicesReadBy([&] { EXPECT_TRUE(vendorID(*port)); }), levels) << device->devnode();
+        EXPECT_EQ(devicesReadBy([&] { EXPECT_TRUE(productID(*port)); }), levels) << device->devnode();
+        EXPECT_EQ(devicesReadBy([&] { EXPECT_TRUE(usbLocation(*port)); }), levels) << device->devnode();
+    }
 }
 
 TEST_F(SerialPortManagerTest, TheIdentityIsReadAfreshOnEveryCall)
