@@ -19,6 +19,67 @@
 using namespace quendral;
 using namespace quendral::test;
 
+namespace {
+
+// Numbered tasks posted to the main queue from several threads at once, and
+// the numbers each thread's tasks were seen to run in.
+class PostsFromThreads {
+public:
+    PostsFromThreads(int threads, int perThread) : _perThread(perThread), _seen(static_cast<std::size_t>(threads)) {}
+    PostsFromThreads(const PostsFromThreads&) = delete;
+    PostsFromThreads& operator=(const PostsFromThreads&) = delete;
+    ~PostsFromThreads() { join(); }
+
+    // `inTask(t, i)` runs in task i of thread t once it was counted;
+    // `afterPost(i)` on the posting thread after its task i was posted.
+    void start(const std::function<void(int, int)>& inTask = {}, const std::function<void(int)>& afterPost = {})
+    {
+        for (int t = 0; t < static_cast<int>(_seen.size()); ++t) {
+            _threads.emplace_back([this, t, inTask, afterPost] {
+                for (int i = 0; i < _perThread; ++i) {
+                    dispatch::mainQueue()->async([this, t, i, inTask] {
+                        _seen[static_cast<std::size_t>(t)].push_back(i);
+                        ++_ran;
+                        if (inTask) {
+                            inTask(t, i);
+                        }
+                    });
+                    if (afterPost) {
+                        afterPost(i);
+                    }
+                }
+            });
+        }
+    }
+    void join()
+    {
+        for (auto& thread : _threads) {
+            thread.join();
+        }
+        _threads.clear();
+    }
+    [[nodiscard]] int total() const { return static_cast<int>(_seen.size()) * _perThread; }
+    [[nodiscard]] int ran() const { return _ran.load(); }
+    // Every task ran once, each thread's in the order it posted them.
+    void expectEachThreadsOrder() const
+    {
+        for (const auto& values : _seen) {
+            ASSERT_EQ(values.size(), static_cast<std::size_t>(_perThread));
+            for (int i = 0; i < _perThread; ++i) {
+                ASSERT_EQ(values[static_cast<std::size_t>(i)], i);
+            }
+        }
+    }
+
+private:
+    int _perThread;
+    std::vector<std::vector<int>> _seen;
+    std::atomic<int> _ran{0};
+    std::vector<std::thread> _threads;
+};
+
+} // namespace
+
 TEST(QtMainQueue, TasksRunOnTheGuiThreadInTheOrderTheyWerePosted)
 {
     std::vector<int> order;
@@ -36,31 +97,11 @@ TEST(QtMainQueue, TasksRunOnTheGuiThreadInTheOrderTheyWerePosted)
 
 TEST(QtMainQueue, PostsFromManyThreadsAllArriveAndEachThreadsOrderHolds)
 {
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 250;
-    std::vector<std::vector<int>> seen(kThreads);
-    std::atomic<int> ran{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                dispatch::mainQueue()->async([&, t, i] {
-                    seen[static_cast<std::size_t>(t)].push_back(i);
-                    ++ran;
-                });
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    ASSERT_TRUE(spinUntil([&] { return ran.load() == kThreads * kPerThread; }));
-    for (const auto& values : seen) {
-        ASSERT_EQ(values.size(), static_cast<std::size_t>(kPerThread));
-        for (int i = 0; i < kPerThread; ++i) {
-            EXPECT_EQ(values[static_cast<std::size_t>(i)], i);
-        }
-    }
+    PostsFromThreads posts(4, 250);
+    posts.start();
+    posts.join();
+    ASSERT_TRUE(spinUntil([&] { return posts.ran() == posts.total(); }));
+    posts.expectEachThreadsOrder();
 }
 
 TEST(QtMainQueue, SyncFromABackgroundThreadWaitsForTheTaskAndSeesItsResult)
@@ -170,50 +211,34 @@ TEST(QtMainQueue, BurstsFromManyThreadsAroundANestedEventLoopArriveOnceAndInOrde
     // empty and filling again; one task in the middle runs a nested event loop
     // (a modal alert) until much more has arrived. Every task runs once, and
     // each thread's tasks in the order it posted them.
-    constexpr int kThreads = 3;
-    constexpr int kPerThread = 3000;
-    std::vector<std::vector<int>> seen(kThreads);
-    std::atomic<int> ran{0};
+    PostsFromThreads posts(3, 3000);
     bool nestedDone = false;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                dispatch::mainQueue()->async([&, t, i] {
-                    seen[static_cast<std::size_t>(t)].push_back(i);
-                    ++ran;
-                    if (t == 0 && i == 500) {
-                        QEventLoop loop;
-                        QTimer poll;
-                        QObject::connect(&poll, &QTimer::timeout, [&] {
-                            if (ran.load() >= kThreads * kPerThread / 2) {
-                                loop.quit();
-                            }
-                        });
-                        poll.start(1);
-                        QTimer::singleShot(20000, &loop, &QEventLoop::quit);
-                        loop.exec();
-                        nestedDone = true;
-                    }
-                });
-                if (i % 97 == 0) {
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    posts.start(
+        [&](int t, int i) {
+            if (t != 0 || i != 500) {
+                return;
+            }
+            QEventLoop loop;
+            QTimer poll;
+            QObject::connect(&poll, &QTimer::timeout, [&] {
+                if (posts.ran() >= posts.total() / 2) {
+                    loop.quit();
                 }
+            });
+            poll.start(1);
+            QTimer::singleShot(20000, &loop, &QEventLoop::quit);
+            loop.exec();
+            nestedDone = true;
+        },
+        [](int i) {
+            if (i % 97 == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
-    }
-    const bool done =
-        spinUntil([&] { return ran.load() == kThreads * kPerThread && nestedDone; }, std::chrono::seconds(60));
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    const bool done = spinUntil([&] { return posts.ran() == posts.total() && nestedDone; }, std::chrono::seconds(60));
+    posts.join();
     ASSERT_TRUE(done);
     QTest::qWait(20);
-    EXPECT_EQ(ran.load(), kThreads * kPerThread);
-    for (const auto& values : seen) {
-        ASSERT_EQ(values.size(), static_cast<std::size_t>(kPerThread));
-        for (int i = 0; i < kPerThread; ++i) {
-            ASSERT_EQ(values[static_cast<std::size_t>(i)], i);
-        }
-    }
+    EXPECT_EQ(posts.ran(), posts.total());
+    posts.expectEachThreadsOrder();
 }
