@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace quendral::app {
 
@@ -31,11 +32,15 @@ QtMainQueue::~QtMainQueue()
 
 void QtMainQueue::post(dispatch::Task task)
 {
+    bool wasIdle = false;
     {
         std::lock_guard lock(_mutex);
         _tasks.push_back(std::move(task));
+        wasIdle = !std::exchange(_woken, true);
     }
-    wake();
+    if (wasIdle) {
+        wake();
+    }
 }
 
 void QtMainQueue::wake() const
@@ -48,27 +53,39 @@ void QtMainQueue::wake() const
 
 void QtMainQueue::runPostedTasks()
 {
-    std::uint64_t count = 0;
-    while (::read(_wakeFd, &count, sizeof count) < 0 && errno == EINTR) {
+    // The descriptor stays readable for as long as tasks wait: it is read back
+    // only under the lock, at the moment the queue is seen empty, together
+    // with the flag that posters look at. So a post either finds the flag set
+    // and its task is run by the loop below, or finds it clear and wakes the
+    // GUI thread again; and a task that opens a nested event loop leaves that
+    // loop a readable descriptor, so the loop runs the rest of the queue in
+    // order.
+    //
+    // One wake-up runs the tasks that were waiting when it began, not those
+    // posted meanwhile: the event loop gets its turn between batches.
+    std::size_t batch = 0;
+    {
+        std::lock_guard lock(_mutex);
+        batch = _tasks.size();
     }
-    for (;;) {
+    for (; batch > 0; --batch) {
         dispatch::Task task;
-        bool more = false;
         {
             std::lock_guard lock(_mutex);
             if (_tasks.empty()) {
-                return;
+                break; // a nested event loop has run them
             }
             task = std::move(_tasks.front());
             _tasks.pop_front();
-            more = !_tasks.empty();
-        }
-        if (more) {
-            // Should this task open a nested event loop, that loop finds the
-            // rest of the queue waiting and runs it in order.
-            wake();
         }
         task();
+    }
+    std::lock_guard lock(_mutex);
+    if (_tasks.empty()) {
+        _woken = false;
+        std::uint64_t count = 0;
+        while (::read(_wakeFd, &count, sizeof count) < 0 && errno == EINTR) {
+        }
     }
 }
 

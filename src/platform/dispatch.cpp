@@ -109,13 +109,34 @@ public:
         }
         _draining = true;
         lock.unlock();
-        auto self = std::static_pointer_cast<SerialQueue>(shared_from_this());
-        globalQueue()->async([self] { self->drain(); });
+        startDraining();
+    }
+
+    bool asyncUnlessIdleAnd(const std::function<bool()>& unneeded, Task task) override
+    {
+        std::unique_lock lock(_mutex);
+        if (!_draining && unneeded()) {
+            return false;
+        }
+        _tasks.push_back(std::move(task));
+        if (_draining) {
+            return true;
+        }
+        _draining = true;
+        lock.unlock();
+        startDraining();
+        return true;
     }
 
     [[nodiscard]] bool isCurrent() const override { return runningOn(this); }
 
 private:
+    void startDraining()
+    {
+        auto self = std::static_pointer_cast<SerialQueue>(shared_from_this());
+        globalQueue()->async([self] { self->drain(); });
+    }
+
     void drain()
     {
         CurrentQueueScope scope(this);
@@ -151,6 +172,12 @@ public:
 };
 
 } // namespace
+
+bool Queue::asyncUnlessIdleAnd(const std::function<bool()>& /*unneeded*/, Task task)
+{
+    async(std::move(task));
+    return true;
+}
 
 void Queue::sync(const Task& task)
 {

@@ -29,6 +29,13 @@ public:
 
     // Runs the task later; never inline.
     virtual void async(Task task) = 0;
+    // Queues the task as async() does, except when the queue is idle (nothing
+    // waiting, nothing running) and `unneeded()` holds: then the task is
+    // dropped. The look runs under the queue's lock, so none of the queue's
+    // tasks can start while it looks: it must be quick and must not use this
+    // queue. Only a serial queue can be idle in that sense; the others always
+    // queue. True when the task was queued.
+    virtual bool asyncUnlessIdleAnd(const std::function<bool()>& unneeded, Task task);
     // Runs the task and waits for it. A call made from the queue itself runs
     // the task inline instead of deadlocking.
     void sync(const Task& task);

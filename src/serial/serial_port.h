@@ -201,7 +201,7 @@ private:
 
     static Ptr initWithDevice(const DeviceHandle& device);
 
-    void receiveData(const SerialData& data);
+    void receiveData(SerialData data);
     void reallyClosePort();
     // close() leaves the closing to the reader thread; an open() that comes
     // before it is through waits for it instead of using a dying descriptor.
@@ -223,6 +223,10 @@ private:
     // data callback was posted: packet detection, then the pending request's
     // response check, byte by byte.
     void handleReceivedChunk(const SerialData& chunk);
+    // No packet is listened for and no request waits for a response: a chunk
+    // received now has nowhere to go. Read on requestHandlingQueue, or under
+    // its lock while it is idle (nothing else changes the answer then).
+    [[nodiscard]] bool receivedBytesHaveNowhereToGo() const;
     // Runs on requestHandlingQueue after a close that the delegate heard of:
     // drop the queued requests and the pending one.
     void resetRequestsAfterClose();

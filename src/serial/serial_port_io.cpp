@@ -245,13 +245,22 @@ bool SerialPort::waitUntilSent(std::chrono::milliseconds timeout)
     return false;
 }
 
-void SerialPort::receiveData(const SerialData& data)
+void SerialPort::receiveData(SerialData data)
 {
     const Ptr self = shared_from_this();
+    // One copy of the bytes for both queues.
+    auto chunk = std::make_shared<const SerialData>(std::move(data));
     if (auto target = delegate(); target && target->respondsTo(SerialPortDelegateCallback::DidReceiveData)) {
-        dispatch::mainQueue()->async([self, target, data] { target->serialPortDidReceiveData(self, data); });
+        dispatch::mainQueue()->async([self, target, chunk] { target->serialPortDidReceiveData(self, *chunk); });
     }
-    _requestHandlingQueue->async([self, data] { self->handleReceivedChunk(data); });
+    // Packets and responses are looked for after the data callback was
+    // posted. When nothing listens and the request queue has nothing running
+    // or waiting, that look would find nothing to do: the chunk skips the
+    // hop (a thread hand-over per chunk on a flooded port). Whatever is
+    // queued there first (a descriptor being added, a request being sent)
+    // keeps the chunk behind it.
+    _requestHandlingQueue->asyncUnlessIdleAnd([this] { return receivedBytesHaveNowhereToGo(); },
+                                              [self, chunk] { self->handleReceivedChunk(*chunk); });
 }
 
 void SerialPort::readLoop(const std::shared_ptr<ReadSource>& source)

@@ -12,6 +12,7 @@
 #include <QStringDecoder>
 #include <QTextCursor>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -96,7 +97,7 @@ SerialMonitor::SerialMonitor(QWidget* parent)
 
     _flushTimer.setSingleShot(true);
     _flushTimer.setInterval(kCoalesceMilliseconds);
-    connect(&_flushTimer, &QTimer::timeout, this, &SerialMonitor::flushPendingOutput);
+    connect(&_flushTimer, &QTimer::timeout, this, &SerialMonitor::drawNextStep);
     connect(_ui->inputField, &QLineEdit::returnPressed, this, &SerialMonitor::inputFieldChanged);
     connect(_ui->autoScrollCheckbox, &QCheckBox::toggled, this, &SerialMonitor::autoScrollChanged);
     for (QAbstractButton* button : _ui->serviceGroup->findChildren<QAbstractButton*>()) {
@@ -213,44 +214,102 @@ void SerialMonitor::serialPortDidReceiveData(const SerialData& bytes)
         _pendingOutput = _pendingOutput.right(kMaximumCharacters);
     }
     if (!_flushTimer.isActive()) {
-        _flushTimer.start();
+        _flushTimer.start(kCoalesceMilliseconds);
     }
 }
 
 void SerialMonitor::flushPendingOutput()
 {
     _flushTimer.stop();
-    if (_pendingOutput.isEmpty()) {
+    beginBatch();
+    drawPendingOutput(_pendingOutput.size());
+    finishBatch();
+}
+
+void SerialMonitor::drawNextStep()
+{
+    if (!_drawingBatch) {
+        // What arrives while a batch is drawn waits for the next one.
+        _batchLeft = _pendingOutput.size();
+        beginBatch();
+    }
+    const qsizetype before = _pendingOutput.size();
+    drawPendingOutput(std::min({kCharactersPerTurn, _batchLeft, before}));
+    // Drawing may drop what the window would not keep: that was batch too.
+    _batchLeft = std::min(std::max<qsizetype>(0, _batchLeft - (before - _pendingOutput.size())), _pendingOutput.size());
+    if (_batchLeft > 0) {
+        _flushTimer.start(0);
         return;
     }
-    QPlainTextEdit* output = _ui->monitorWindow;
-    QScrollBar* bar = output->verticalScrollBar();
-    const int keptPosition = bar->value();
+    finishBatch();
+    if (!_pendingOutput.isEmpty()) {
+        _flushTimer.start(kCoalesceMilliseconds);
+    }
+}
 
+void SerialMonitor::beginBatch()
+{
+    if (_drawingBatch) {
+        return;
+    }
+    // The steps of a batch are shown as one draw: painting and following the
+    // end after each step cost more than the steps themselves.
+    _drawingBatch = true;
+    _ui->monitorWindow->setUpdatesEnabled(false);
+}
+
+void SerialMonitor::finishBatch()
+{
+    if (!_drawingBatch) {
+        return;
+    }
+    if (_autoScroll) {
+        QScrollBar* bar = _ui->monitorWindow->verticalScrollBar();
+        bar->setValue(bar->maximum());
+    }
+    _drawingBatch = false;
+    _batchLeft = 0;
+    _ui->monitorWindow->setUpdatesEnabled(true);
+}
+
+void SerialMonitor::drawPendingOutput(qsizetype limit)
+{
+    if (_pendingOutput.isEmpty() || limit <= 0) {
+        return;
+    }
+    QTextDocument* document = _ui->monitorWindow->document();
+    QScrollBar* bar = _ui->monitorWindow->verticalScrollBar();
+    const int keptPosition = bar->value();
     if (_pendingOutput.size() >= kMaximumCharacters) {
         // More came than the window keeps: the old text would be cut away at once.
-        output->document()->clear();
+        document->clear();
         _pendingOutput = _pendingOutput.right(kMaximumCharacters);
     }
-    QTextCursor cursor(output->document());
+    qsizetype count = std::min(limit, _pendingOutput.size());
+    if (count < _pendingOutput.size() && _pendingOutput.at(count - 1).isHighSurrogate()) {
+        ++count; // a character outside the BMP stays in one piece
+    }
+    QTextCursor cursor(document);
     cursor.movePosition(QTextCursor::End);
-    cursor.insertText(_pendingOutput);
-    _pendingOutput.clear();
+    if (count == _pendingOutput.size()) {
+        cursor.insertText(_pendingOutput);
+        _pendingOutput.clear();
+    } else {
+        cursor.insertText(_pendingOutput.left(count));
+        _pendingOutput.remove(0, count);
+    }
 
     // Keep the scroll-back bounded, also when the Controller never sends a line feed.
-    const qsizetype length = output->document()->characterCount();
+    const qsizetype length = document->characterCount();
     if (length > kMaximumCharacters) {
-        QTextCursor head(output->document());
+        QTextCursor head(document);
         // setPosition jumps there; moving character by character would lay out
         // every line on the way (hundreds of milliseconds in a flood).
         head.setPosition(0);
         head.setPosition(static_cast<int>(length - kMaximumCharacters * 3 / 4), QTextCursor::KeepAnchor);
         head.removeSelectedText();
     }
-
-    if (_autoScroll) {
-        bar->setValue(bar->maximum());
-    } else {
+    if (!_autoScroll) {
         bar->setValue(std::min(keptPosition, bar->maximum()));
     }
 }

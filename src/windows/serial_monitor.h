@@ -32,6 +32,10 @@ public:
     static constexpr qsizetype kMaximumCharacters = 256 * 1024;
     // How long received text is gathered before it is drawn.
     static constexpr int kCoalesceMilliseconds = 30;
+    // How much of it one turn of the event loop draws at most: a flood is
+    // drawn in steps, the event loop turning between them, so that the window
+    // keeps answering (one insert of a flood's worth took longer than a frame).
+    static constexpr qsizetype kCharactersPerTurn = 32 * 1024;
 
     void openPort(const std::string& path);
     void openSerial(const std::string& path, unsigned long baudRate);
@@ -60,6 +64,14 @@ protected:
 
 private:
     void send(const QString& line);
+    // The coalescing timer's work: the next step of what waited when it fired.
+    void drawNextStep();
+    // Around the steps of a batch: the window paints (and follows the end of
+    // the output) once the batch is drawn.
+    void beginBatch();
+    void finishBatch();
+    // Draws up to `limit` characters of the oldest output waiting.
+    void drawPendingOutput(qsizetype limit);
 
     class PortDelegate;
     std::unique_ptr<Ui::SerialMonitorView> _ui;
@@ -67,6 +79,9 @@ private:
     SerialPort::Ptr _serial;
     bool _autoScroll = true;
     QString _pendingOutput;
+    // What is left of the batch being drawn in steps (the oldest characters of _pendingOutput).
+    qsizetype _batchLeft = 0;
+    bool _drawingBatch = false;
     QTimer _flushTimer;
 };
 

@@ -55,6 +55,113 @@ TEST(SerialQueue, SyncFromItsOwnTaskRunsInline)
     EXPECT_FALSE(queue->isCurrent());
 }
 
+TEST(SerialQueue, AnIdleQueueDropsATaskThatWouldChangeNothing)
+{
+    auto queue = dispatch::makeSerialQueue("test.skip.idle");
+    std::atomic<bool> ran{false};
+    bool looked = false;
+    const bool queued = queue->asyncUnlessIdleAnd(
+        [&] {
+            looked = true;
+            return true;
+        },
+        [&] { ran = true; });
+    queue->sync([] {});
+    EXPECT_FALSE(queued);
+    EXPECT_TRUE(looked);
+    EXPECT_FALSE(ran.load());
+}
+
+TEST(SerialQueue, ATaskThatIsNeededIsQueuedLikeAnyOther)
+{
+    auto queue = dispatch::makeSerialQueue("test.skip.needed");
+    std::atomic<bool> ran{false};
+    EXPECT_TRUE(queue->asyncUnlessIdleAnd([] { return false; }, [&] { ran = true; }));
+    queue->sync([] {});
+    EXPECT_TRUE(ran.load());
+}
+
+TEST(SerialQueue, ABusyQueueRunsTheTaskAfterWhatWaitsWithoutAskingWhetherItIsNeeded)
+{
+    // The tasks ahead may change what the dropped task would have found, so a
+    // queue with anything running or waiting never drops one.
+    auto queue = dispatch::makeSerialQueue("test.skip.busy");
+    std::mutex mutex;
+    std::vector<int> order;
+    std::atomic<bool> release{false};
+    std::atomic<bool> started{false};
+    queue->async([&] {
+        started = true;
+        while (!release.load()) {
+            std::this_thread::yield();
+        }
+        std::lock_guard lock(mutex);
+        order.push_back(1);
+    });
+    ASSERT_TRUE(waitFor([&] { return started.load(); }));
+    queue->async([&] {
+        std::lock_guard lock(mutex);
+        order.push_back(2);
+    });
+    bool asked = false;
+    const bool queued = queue->asyncUnlessIdleAnd(
+        [&] {
+            asked = true;
+            return true;
+        },
+        [&] {
+            std::lock_guard lock(mutex);
+            order.push_back(3);
+        });
+    release = true;
+    queue->sync([] {});
+    EXPECT_TRUE(queued);
+    EXPECT_FALSE(asked);
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(SerialQueue, NoTaskStartsWhileTheQueueLooksWhetherATaskIsNeeded)
+{
+    // What the look reads is changed only by the queue's own tasks: while it
+    // looks, none of them may run, or it could drop a task one of them needs.
+    auto queue = dispatch::makeSerialQueue("test.skip.exclusive");
+    std::atomic<bool> inLook{false};
+    std::atomic<bool> overlapped{false};
+    std::atomic<bool> stop{false};
+    std::thread poster([&] {
+        while (!stop.load()) {
+            queue->async([&] {
+                if (inLook.load()) {
+                    overlapped = true;
+                }
+            });
+            std::this_thread::sleep_for(20us);
+        }
+    });
+    for (int i = 0; i < 1000; ++i) {
+        queue->asyncUnlessIdleAnd(
+            [&] {
+                inLook = true;
+                std::this_thread::sleep_for(100us);
+                inLook = false;
+                return true;
+            },
+            [] {});
+    }
+    stop = true;
+    poster.join();
+    queue->sync([] {});
+    EXPECT_FALSE(overlapped.load());
+}
+
+TEST(GlobalQueue, ANonSerialQueueAlwaysQueues)
+{
+    std::atomic<bool> ran{false};
+    EXPECT_TRUE(dispatch::globalQueue()->asyncUnlessIdleAnd([] { return true; }, [&] { ran = true; }));
+    EXPECT_TRUE(waitFor([&] { return ran.load(); }));
+}
+
 TEST(GlobalQueue, BlockedTasksDoNotStarveLaterOnes)
 {
     // Eight tasks block until a ninth releases them; a fixed pool smaller

@@ -249,3 +249,39 @@ TEST_F(SerialPackets, ListeningFromTheRequestHandlingQueueIsRefused)
     port->requestHandlingQueue()->sync([&] { port->startListeningForPacketsMatchingDescriptor(descriptor); });
     EXPECT_TRUE(port->packetDescriptors().empty());
 }
+
+TEST_F(SerialPackets, ADescriptorAddedDuringAFloodSeesThePacketsAfterItAndTheDataKeepsItsOrder)
+{
+    // Chunks that nothing listens for skip the request queue; the moment a
+    // descriptor is added (on that queue), the chunks behind it must go
+    // through it again, in order, and the data callbacks must not change.
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    const auto descriptor = SerialPacketDescriptor::initWithPrefixString(std::string("<<"), std::string(">>"), 64, {});
+    std::string written;
+    const auto flood = [&](int lines, char tag) {
+        for (int i = 0; i < lines; ++i) {
+            const std::string line = std::string(1, tag) + std::to_string(i) + " filler filler filler filler\r\n";
+            writeDevice(line);
+            written += line;
+        }
+    };
+    flood(2000, 'a');
+    port->startListeningForPacketsMatchingDescriptor(descriptor);
+    writeDevice("<<one>>");
+    written += "<<one>>";
+    flood(2000, 'b');
+    writeDevice("<<two>>");
+    written += "<<two>>";
+    ASSERT_TRUE(waitFor([&] { return packetsFor(descriptor).size() >= 2; }));
+    port->stopListeningForPacketsMatchingDescriptor(descriptor);
+    flood(500, 'c');
+    settle(port);
+
+    EXPECT_EQ(packetsFor(descriptor), (std::vector<SerialData>{bytes("<<one>>"), bytes("<<two>>")}));
+    std::string received;
+    for (const auto& event : delegate->eventsOfKind("data")) {
+        received.append(event.data.begin(), event.data.end());
+    }
+    EXPECT_EQ(received.substr(0, written.size()), written);
+}

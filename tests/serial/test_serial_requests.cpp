@@ -326,3 +326,28 @@ TEST_F(SerialRequests, SendRequestFromTheRequestHandlingQueueIsRefused)
     EXPECT_FALSE(result);
     EXPECT_EQ(readDeviceEnd(device->deviceEnd(), 100ms), "");
 }
+
+TEST_F(SerialRequests, ARequestSentDuringAFloodGetsItsResponse)
+{
+    // Chunks that nothing waits for skip the request queue; once a request is
+    // out, the chunks behind it must reach its response check again.
+    auto port = openPort(delegate);
+    ASSERT_TRUE(port);
+    const auto flood = [&](int lines) {
+        for (int i = 0; i < lines; ++i) {
+            writeDevice(std::to_string(i) + " filler filler filler filler\r\n");
+        }
+    };
+    flood(2000);
+    auto request = SerialRequest::requestWithDataToSend(bytes("getCID\n"), std::string("cid"), 5, lineResponse());
+    EXPECT_TRUE(port->sendRequest(request));
+    flood(1000);
+    writeDevice("OK 0123\n");
+    flood(1000);
+    ASSERT_TRUE(waitFor([&] { return delegate->count("response") == 1; }));
+    const auto responses = delegate->eventsOfKind("response");
+    EXPECT_EQ(responses[0].request, request);
+    EXPECT_EQ(responses[0].data, bytes("OK 0123\n"));
+    flushRequestQueue(port);
+    EXPECT_EQ(port->pendingRequest(), nullptr);
+}

@@ -6,6 +6,10 @@
 #include <QComboBox>
 #include <QScrollBar>
 #include <QTest>
+#include <QTextDocument>
+#include <QTimer>
+
+#include <algorithm>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -161,6 +165,56 @@ TEST_F(SerialMonitorTest, LongOutputWithoutLineFeedsIsCapped)
     simulator->sendRaw("END");
     ASSERT_TRUE(spinUntil([&] { return shownText().endsWith("END"); }, std::chrono::seconds(20)));
     EXPECT_LE(monitor.ui().monitorWindow->document()->characterCount(), SerialMonitor::kMaximumCharacters + 1);
+}
+
+TEST_F(SerialMonitorTest, AFloodIsDrawnInBoundedStepsAndKeepsTheNewestTextInOrder)
+{
+    // A flood gathers a lot of text between two draws. Inserting it all in one
+    // go kept the event loop from its turn for longer than a frame; the window
+    // draws it in bounded steps, with the event loop turning between them, and
+    // ends up with the newest text in order, no more than it keeps.
+    monitor.resize(600, 300);
+    monitor.show();
+    QString all;
+    for (int i = 0; i < 6000; ++i) {
+        all += QStringLiteral("%1 sensor=%2 temp=21.%3 relay=on link=up\n")
+                   .arg(i, 6, 10, QChar('0'))
+                   .arg(i * 7)
+                   .arg(i % 10);
+    }
+    const QByteArray bytes = all.toUtf8();
+    qsizetype largestInsert = 0;
+    QObject::connect(monitor.ui().monitorWindow->document(), &QTextDocument::contentsChange,
+                     [&](int /*position*/, int /*removed*/, int added) {
+                         largestInsert = std::max<qsizetype>(largestInsert, added);
+                     });
+    int turns = 0;
+    int changesSeenByTurns = 0;
+    qsizetype lastLength = -1;
+    QTimer turn;
+    QObject::connect(&turn, &QTimer::timeout, [&] {
+        ++turns;
+        const qsizetype length = monitor.ui().monitorWindow->document()->characterCount();
+        if (length != lastLength) {
+            ++changesSeenByTurns;
+            lastLength = length;
+        }
+    });
+    turn.start(0);
+    for (qsizetype offset = 0; offset < bytes.size(); offset += 1024) {
+        const QByteArray chunk = bytes.mid(offset, 1024);
+        monitor.serialPortDidReceiveData(quendral::SerialData(chunk.begin(), chunk.end()));
+    }
+    const QString last = all.right(60);
+    ASSERT_TRUE(spinUntil([&] { return monitor.ui().monitorWindow->document()->toPlainText().endsWith(last); }));
+    turn.stop();
+
+    EXPECT_LE(largestInsert, 64 * 1024);
+    EXPECT_GE(changesSeenByTurns, 3) << "turns " << turns;
+    const QString shown = shownText();
+    EXPECT_LE(monitor.ui().monitorWindow->document()->characterCount(), SerialMonitor::kMaximumCharacters + 1);
+    EXPECT_GE(shown.size(), SerialMonitor::kMaximumCharacters / 2);
+    EXPECT_TRUE(all.endsWith(shown)) << "the shown text is not the newest text in order";
 }
 
 TEST_F(SerialMonitorTest, BusyPortIsOpenedAgainOnceItIsFree)
