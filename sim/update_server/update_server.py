@@ -149,6 +149,10 @@ class State:
         self.sequence = 0
         self.connections = 0
         self.resumed_connections = 0
+        # The server's own CPU time for the update protocol: each connection's
+        # TLS handshake and the handling of each /api.php request, so that a
+        # benchmark can tell the server's share of an update from the client's.
+        self.busy_seconds = 0.0
         self.stop = threading.Event()
 
     def take_fault(self, fault_names, cmd):
@@ -164,6 +168,10 @@ class State:
                     return None
                 s["fault_count"] -= 1
             return s["fault"]
+
+    def add_busy(self, seconds):
+        with self.lock:
+            self.busy_seconds += seconds
 
     def connection_opened(self, resumed):
         """Numbers each TLS connection from 1, so a recorded request tells which one it came on."""
@@ -191,7 +199,7 @@ class State:
             if unknown:
                 return {"status": "error", "description": "unknown settings", "keys": unknown}
             self.settings.update(changes)
-            return {"status": "ok", "settings": copy.deepcopy(self.settings)}
+            return {"status": "ok", "settings": copy.deepcopy(self.settings), "busy_seconds": self.busy_seconds}
 
     # -- the three commands; each returns the answer object
 
@@ -323,11 +331,22 @@ class Handler(http.server.BaseHTTPRequestHandler):
             with state.lock:
                 self.send_json(200, {"settings": state.settings, "tickets": state.tickets,
                                      "connections": state.connections,
-                                     "resumed_connections": state.resumed_connections})
+                                     "resumed_connections": state.resumed_connections,
+                                     "busy_seconds": state.busy_seconds})
             return
         self.send(404, "not found\n", "text/plain")
 
     def do_POST(self):
+        started = time.thread_time()
+        try:
+            self.handle_post()
+        finally:
+            if self.path == "/api.php":
+                # A connection's handshake counts with its first request to the API.
+                handshake, self.request.handshake_seconds = self.request.handshake_seconds, 0.0
+                self.server.state.add_busy(handshake + time.thread_time() - started)
+
+    def handle_post(self):
         body = self.read_body()
         state = self.server.state
         if self.path == "/control":
@@ -405,11 +424,13 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
             self.state.stop.wait()
             return
         request.settimeout(30)
+        started = time.thread_time()
         try:
             tls = self.context.wrap_socket(request, server_side=True)
         except (ssl.SSLError, OSError) as error:
             sys.stderr.write("update_server: handshake with %s failed: %s\n" % (client_address[0], error))
             return
+        tls.handshake_seconds = time.thread_time() - started
         tls.connection_number = self.state.connection_opened(tls.session_reused)
         try:
             tls.settimeout(None)

@@ -265,6 +265,25 @@ TEST_F(LocalUpdateServerTest, RecordsStatusReports)
     EXPECT_EQ(bodies[1]["success"], false);
 }
 
+// The road benchmark takes the server's own work out of an update's time: the
+// server counts the CPU time of its handshakes and of the API requests it
+// handles, and not the control requests that ask for the figure.
+TEST_F(LocalUpdateServerTest, CountsItsOwnCpuTimeForTheApiOnly)
+{
+    startServer({.arguments = {"--polls", "0"}});
+    const auto busy = [this] {
+        const auto reply = server->control(nlohmann::json::object());
+        return reply && reply->contains("busy_seconds") ? (*reply)["busy_seconds"].get<double>() : -1.0;
+    };
+    EXPECT_EQ(busy(), 0.0) << "control requests are not counted";
+    const auto [file, polls] = pollUntilFile();
+    ASSERT_TRUE(file && file->hexfile());
+    const double afterUpdate = busy();
+    EXPECT_GT(afterUpdate, 0.0);
+    EXPECT_LT(afterUpdate, 5.0) << "CPU seconds, not wall time or milliseconds";
+    EXPECT_EQ(busy(), afterUpdate) << "asking again adds nothing";
+}
+
 // The wrong-host certificate fails only by its name: reached under that name it
 // is trusted, so the client's refusal of it is host-name checking at work.
 TEST_F(LocalUpdateServerTest, WrongHostCertificateIsValidForItsOwnName)
