@@ -4,6 +4,8 @@
 //
 //   build/bench/bench_serial_monitor_peer [ROUNDS] [SECONDS]        flood rounds
 //   build/bench/bench_serial_monitor_peer --idle [SECONDS]          idle cost
+//   build/bench/bench_serial_monitor_peer --peer-on-umockdev [ROUNDS] [SECONDS]
+//                                  CuteCom opens its tty through the test bed too
 //   (re-starts itself under umockdev-wrapper; starts an Xvfb of its own)
 //
 // Flood: two umockdev ttys, one for each program. Our monitor (this binary in
@@ -635,16 +637,23 @@ struct World {
 };
 
 // Starts CuteCom on `peerPty` (Open pressed) and our monitor on `ourDevnode`
-// (empty: the real window application instead, with no port open).
+// (empty: the real window application instead, with no port open). With a
+// `peerDevnode`, CuteCom opens that umockdev node through the test bed as ours
+// does (the preload hands each read to the test bed), instead of the plain
+// pseudo-terminal behind it.
 bool startPrograms(World& w, XPinger& x, const std::string& self, const std::string& ourDevnode,
-                   const std::string& peerPty, bool theApplication)
+                   const std::string& peerPty, bool theApplication, const std::string& peerDevnode = {})
 {
-    writePeerSettings(w.home, peerPty);
+    writePeerSettings(w.home, peerDevnode.empty() ? peerPty : peerDevnode);
+    std::vector<std::string> peerDrops = {"XDG_CONFIG_HOME"};
+    if (peerDevnode.empty()) {
+        peerDrops.insert(peerDrops.end(), {"LD_PRELOAD", "UMOCKDEV_DIR"});
+    }
     const auto peerEnvironment = environmentWith({{"DISPLAY", w.x.display},
                                                   {"HOME", w.home.string()},
                                                   {"XDG_RUNTIME_DIR", w.home.string()},
                                                   {"QT_QPA_PLATFORM", "xcb"}},
-                                                 {"LD_PRELOAD", "UMOCKDEV_DIR", "XDG_CONFIG_HOME"});
+                                                 peerDrops);
     w.peer = spawn({"cutecom"}, peerEnvironment, false);
     if (!waitForWindow(x, w.peer, "CuteCom", w.peerWindow)) {
         return false;
@@ -773,6 +782,12 @@ int main(int argc, char** argv)
         sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "bench_serial_monitor_peer");
         return 127;
     }
+    // --peer-on-umockdev first: CuteCom opens its tty through the test bed too.
+    const bool peerOnUmockdev = argc > 1 && std::string(argv[1]) == "--peer-on-umockdev";
+    if (peerOnUmockdev) {
+        --argc;
+        ++argv;
+    }
     const bool idle = argc > 1 && std::string(argv[1]) == "--idle";
     const int rounds = !idle && argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
     const double seconds = idle ? (argc > 2 ? std::atof(argv[2]) : 60.0) : (argc > 2 ? std::atof(argv[2]) : 10.0);
@@ -826,7 +841,8 @@ int main(int argc, char** argv)
             printIdle("our serial monitor window, port open, silent", figures[0]);
             printIdle("CuteCom, port open, silent (same seconds)", figures[1]);
         }
-    } else if (!startPrograms(w, x, self, ourDevice->devnode(), peerDevice->ptyPath(), false)) {
+    } else if (!startPrograms(w, x, self, ourDevice->devnode(), peerDevice->ptyPath(), false,
+                              peerOnUmockdev ? peerDevice->devnode() : std::string())) {
         result = 1;
     } else {
         std::printf("%-5s %-8s %12s %12s %12s\n", "round", "program", "throughput", "CPU/MB", "memory");
