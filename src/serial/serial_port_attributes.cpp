@@ -78,18 +78,6 @@ std::optional<std::string> usbLocation(const SerialPort& port)
     return usb->entry->sysname;
 }
 
-std::optional<std::uint16_t> vendorID(const SerialPort& port)
-{
-    const auto usb = usbDeviceOf(port);
-    return usb ? hexNumber(usb->vendor) : std::nullopt;
-}
-
-std::optional<std::uint16_t> productID(const SerialPort& port)
-{
-    const auto usb = usbDeviceOf(port);
-    return usb ? hexNumber(usb->product) : std::nullopt;
-}
-
 std::optional<UsbIdentifiers> usbIdentifiers(const SerialPort& port)
 {
     const auto usb = usbDeviceOf(port);
@@ -97,6 +85,18 @@ std::optional<UsbIdentifiers> usbIdentifiers(const SerialPort& port)
         return std::nullopt;
     }
     return UsbIdentifiers{hexNumber(usb->vendor), hexNumber(usb->product)};
+}
+
+std::optional<std::uint16_t> vendorID(const SerialPort& port)
+{
+    const auto identifiers = usbIdentifiers(port);
+    return identifiers ? identifiers->vendor : std::nullopt;
+}
+
+std::optional<std::uint16_t> productID(const SerialPort& port)
+{
+    const auto identifiers = usbIdentifiers(port);
+    return identifiers ? identifiers->product : std::nullopt;
 }
 
 } // namespace quendral
