@@ -6,6 +6,13 @@
 //   build/bench/bench_serial_monitor_peer --idle [SECONDS]          idle cost
 //   build/bench/bench_serial_monitor_peer --peer-on-umockdev [ROUNDS] [SECONDS]
 //                                  CuteCom opens its tty through the test bed too
+//   build/bench/bench_serial_monitor_peer --straight-reads [ROUNDS] [SECONDS]
+//                                  ours reads its tty without the test bed's
+//                                  round trip, as CuteCom its pty (see below)
+//   --rate MB/S before the others: the flood no faster than that
+//   --at-peer-rate before the others: each round floods ours a second time,
+//                                  at the rate CuteCom sustained in it, and
+//                                  compares the CPU per MB at that rate
 //   (re-starts itself under umockdev-wrapper; starts an Xvfb of its own)
 //
 // Flood: two umockdev ttys, one for each program. Our monitor (this binary in
@@ -18,7 +25,18 @@
 // from its pty, its CPU time (/proc/PID/stat) per MB, its resident memory,
 // and how long its window takes to answer an X round trip (a _NET_WM_PING
 // client message every 10 ms, echoed by the program's GUI thread to the
-// root window). For ours, the event loop's own lateness (a 10 ms timer) too.
+// root window). For ours, the event loop's own lateness (a 10 ms timer) too,
+// and how much of the text it drew (a flood faster than the window's
+// scroll-back between two draws is shown by its newest part).
+//
+// A umockdev tty with the test bed's ioctl handler (the default) hands every
+// read and write of the program to the test bed over a socket and waits for
+// the answer: a cost per call that no real port has and that a program
+// reading in smaller pieces pays more often. --straight-reads plugs our tty
+// without that handler: our monitor then reads its pseudo-terminal itself,
+// as it would read a real port and as CuteCom reads its plain one (our tty
+// then has no modem lines, as a plain pseudo-terminal has none). CuteCom
+// does not work on a umockdev node without the handler (it reads nothing).
 //
 // Idle: the real window application with no port open, our monitor on a
 // silent tty, and CuteCom on a silent pty: wake-ups per second (voluntary
@@ -31,6 +49,7 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QPlainTextEdit>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -75,7 +94,7 @@ using bench::spreadOf;
 // --- our monitor, in a process of its own ---------------------------------------------
 //
 // Reads commands on standard input: "reset" starts a new lateness sample,
-// "report" prints "lateness P50 P99 MAX N" of the samples since.
+// "report" prints "lateness P50 P99 MAX N open 0|1 drawn CHARACTERS" since.
 int runOurMonitor(int argc, char** argv, const std::string& path)
 {
     qputenv("QT_QPA_PLATFORM", "xcb");
@@ -83,6 +102,12 @@ int runOurMonitor(int argc, char** argv, const std::string& path)
     QApplication application(argc, argv);
     app::QtMainQueue mainQueue;
     windows::SerialMonitor monitor;
+    // Characters put into the output since the last "reset".
+    long long drawn = 0;
+    if (auto* output = monitor.findChild<QPlainTextEdit*>()) {
+        QObject::connect(output->document(), &QTextDocument::contentsChange,
+                         [&drawn](int /*position*/, int /*removed*/, int added) { drawn += added; });
+    }
     monitor.resize(640, 480);
     monitor.move(700, 0);
     monitor.show();
@@ -124,10 +149,11 @@ int runOurMonitor(int argc, char** argv, const std::string& path)
             if (command == "reset") {
                 late.clear();
                 previous = -1;
+                drawn = 0;
             } else if (command == "report") {
                 const Spread s = spreadOf(late);
-                std::printf("lateness %.3f %.3f %.3f %zu open %d\n", s.p50, s.p99, s.max, s.n,
-                            monitor.isSerialOpen() ? 1 : 0);
+                std::printf("lateness %.3f %.3f %.3f %zu open %d drawn %lld\n", s.p50, s.p99, s.max, s.n,
+                            monitor.isSerialOpen() ? 1 : 0, drawn);
                 std::fflush(stdout);
             }
         }
@@ -552,6 +578,7 @@ struct Phase {
     long rssKb = 0;
     Spread ping;
     Spread lateness;                       // ours only
+    double drawnMegabytes = -1;            // ours only: text put into the output
     std::map<std::string, double> threads; // CPU seconds by thread name during the phase
 };
 
@@ -563,6 +590,10 @@ void printPhase(const char* who, int round, const Phase& p)
     if (p.lateness.n > 0) {
         std::printf("  lateness p99 %6.2f ms", p.lateness.p99);
     }
+    if (p.drawnMegabytes >= 0) {
+        std::printf("  drawn %.2f MB/s (%.3f s/MB drawn)", p.drawnMegabytes / p.seconds,
+                    p.drawnMegabytes > 0 ? p.cpu / p.drawnMegabytes : 0);
+    }
     std::printf("  (Xvfb %.3f s/MB)\n      CPU by thread:", p.megabytes > 0 ? p.xCpu / p.megabytes : 0);
     for (const auto& [name, seconds] : p.threads) {
         if (seconds >= 0.01) {
@@ -572,24 +603,31 @@ void printPhase(const char* who, int round, const Phase& p)
     std::printf("\n");
 }
 
-std::optional<Spread> askLateness(Child& ours, const char* command)
+struct OurReport {
+    Spread lateness;
+    long long drawn = 0; // characters
+};
+
+std::optional<OurReport> askLateness(Child& ours, const char* command)
 {
     const std::string line = std::string(command) + "\n";
     if (::write(ours.in, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         return std::nullopt;
     }
     if (std::string(command) != "report") {
-        return Spread{};
+        return OurReport{};
     }
     const auto answer = readLine(ours.out, std::chrono::seconds(10));
-    Spread s;
+    OurReport report;
+    Spread& s = report.lateness;
     int open = 0;
     if (!answer ||
-        std::sscanf(answer->c_str(), "lateness %lf %lf %lf %zu open %d", &s.p50, &s.p99, &s.max, &s.n, &open) != 5 ||
+        std::sscanf(answer->c_str(), "lateness %lf %lf %lf %zu open %d drawn %lld", &s.p50, &s.p99, &s.max, &s.n, &open,
+                    &report.drawn) != 6 ||
         open != 1) {
         return std::nullopt;
     }
-    return s;
+    return report;
 }
 
 // Writes CuteCom's settings so that its default session names `device`.
@@ -690,7 +728,7 @@ bool startPrograms(World& w, XPinger& x, const std::string& self, const std::str
     return true;
 }
 
-Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds)
+Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds, double bytesPerSecond)
 {
     Phase phase;
     const pid_t target = oursFlooded ? w.ours.pid : w.peer.pid;
@@ -706,7 +744,7 @@ Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds)
     long long written = 0;
     std::map<xcb_window_t, std::vector<double>> trips;
     {
-        bench::PtyFlood flood(fd);
+        bench::PtyFlood flood(fd, bytesPerSecond);
         trips = x.measure({oursFlooded ? w.ourWindow : w.peerWindow}, seconds);
         written = flood.written();
     }
@@ -722,8 +760,9 @@ Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds)
     phase.rssKb = statusKb(target, "VmRSS:");
     phase.ping = spreadOf(trips[oursFlooded ? w.ourWindow : w.peerWindow]);
     if (oursFlooded) {
-        if (const auto late = askLateness(w.ours, "report")) {
-            phase.lateness = *late;
+        if (const auto report = askLateness(w.ours, "report")) {
+            phase.lateness = report->lateness;
+            phase.drawnMegabytes = static_cast<double>(report->drawn) / 1e6;
         }
     }
     // Let the program catch up before the next phase.
@@ -782,9 +821,26 @@ int main(int argc, char** argv)
         sim::UmockdevTestbed::runAgainInsideWrapper(argc, argv, "bench_serial_monitor_peer");
         return 127;
     }
-    // --peer-on-umockdev first: CuteCom opens its tty through the test bed too.
-    const bool peerOnUmockdev = argc > 1 && std::string(argv[1]) == "--peer-on-umockdev";
-    if (peerOnUmockdev) {
+    // Options first: where CuteCom's tty is, and the flood's rate.
+    bool peerOnUmockdev = false;
+    bool straightReads = false;
+    bool atPeerRate = false;
+    double bytesPerSecond = 0;
+    while (argc > 1) {
+        const std::string option = argv[1];
+        if (option == "--peer-on-umockdev") {
+            peerOnUmockdev = true;
+        } else if (option == "--straight-reads") {
+            straightReads = true;
+        } else if (option == "--at-peer-rate") {
+            atPeerRate = true;
+        } else if (option == "--rate" && argc > 2) {
+            bytesPerSecond = std::atof(argv[2]) * 1e6;
+            --argc;
+            ++argv;
+        } else {
+            break;
+        }
         --argc;
         ++argv;
     }
@@ -796,6 +852,7 @@ int main(int argc, char** argv)
     sim::UmockdevTestbed testbed;
     sim::UsbSerialDeviceInfo ourInfo;
     ourInfo.ttyName = "ttyACM0";
+    ourInfo.handleCalls = !straightReads;
     sim::UsbSerialDeviceInfo peerInfo;
     peerInfo.ttyName = "ttyACM1";
     const auto ourDevice = testbed.addUsbSerialDevice(ourInfo);
@@ -820,6 +877,12 @@ int main(int argc, char** argv)
     const std::string self = std::filesystem::canonical("/proc/self/exe").string();
     int result = 0;
     std::printf("load average before: %s (2-core machine, shared)\n", loadAverage().c_str());
+    std::printf("CuteCom's tty: %s; flood: %s\n",
+                peerOnUmockdev ? "its umockdev node, through the test bed as ours"
+                : straightReads
+                    ? "the plain pseudo-terminal (ours its umockdev node, reads not handled by the test bed)"
+                    : "the plain pseudo-terminal (ours through the test bed)",
+                bytesPerSecond > 0 ? (std::to_string(bytesPerSecond / 1e6) + " MB/s").c_str() : "as fast as it goes");
     if (idle) {
         // The window application with nothing open, then our monitor on a silent tty.
         if (!startPrograms(w, x, self, "", peerDevice->ptyPath(), true)) {
@@ -848,11 +911,15 @@ int main(int argc, char** argv)
         std::printf("%-5s %-8s %12s %12s %12s\n", "round", "program", "throughput", "CPU/MB", "memory");
         // Per program, one figure per round.
         struct Rounds {
-            std::vector<double> rate, cpu, ping, lateness, rss;
+            std::vector<double> rate, cpu, ping, lateness, rss, drawnRate, cpuDrawn;
             void add(const Phase& phase)
             {
                 rate.push_back(phase.megabytes / phase.seconds);
                 cpu.push_back(phase.cpu / phase.megabytes);
+                if (phase.drawnMegabytes > 0) {
+                    drawnRate.push_back(phase.drawnMegabytes / phase.seconds);
+                    cpuDrawn.push_back(phase.cpu / phase.drawnMegabytes);
+                }
                 ping.push_back(phase.ping.p99);
                 lateness.push_back(phase.lateness.p99);
                 rss.push_back(static_cast<double>(phase.rssKb) / 1024);
@@ -860,13 +927,20 @@ int main(int argc, char** argv)
         };
         Rounds ourRounds;
         Rounds peerRounds;
+        Rounds pacedRounds; // ours at the rate CuteCom sustained in the same round
         for (int round = 1; round <= rounds; ++round) {
-            const Phase ours = floodPhase(w, x, ourDevice->deviceEnd(), true, seconds);
+            const Phase ours = floodPhase(w, x, ourDevice->deviceEnd(), true, seconds, bytesPerSecond);
             printPhase("ours", round, ours);
-            const Phase peer = floodPhase(w, x, peerDevice->deviceEnd(), false, seconds);
+            const Phase peer = floodPhase(w, x, peerDevice->deviceEnd(), false, seconds, bytesPerSecond);
             printPhase("CuteCom", round, peer);
             ourRounds.add(ours);
             peerRounds.add(peer);
+            if (atPeerRate && peer.megabytes > 0) {
+                const Phase paced =
+                    floodPhase(w, x, ourDevice->deviceEnd(), true, seconds, peer.megabytes * 1e6 / peer.seconds);
+                printPhase("ours@", round, paced);
+                pacedRounds.add(paced);
+            }
         }
         std::printf("load average after: %s\n", loadAverage().c_str());
         std::printf("medians of %d rounds of %.0f s:\n", rounds, seconds);
@@ -874,6 +948,30 @@ int main(int argc, char** argv)
                     median(peerRounds.rate), median(ourRounds.rate) / median(peerRounds.rate));
         std::printf("  CPU per MB   ours %.3f s, CuteCom %.3f s (ratio %.2f)\n", median(ourRounds.cpu),
                     median(peerRounds.cpu), median(ourRounds.cpu) / median(peerRounds.cpu));
+        if (!ourRounds.cpuDrawn.empty()) {
+            // CuteCom keeps all it reads (its memory grows with it); what it draws is not seen from here.
+            std::printf("  ours drew    %.2f MB/s at %.3f s per MB drawn (ratio to CuteCom's per MB read %.2f)\n",
+                        median(ourRounds.drawnRate), median(ourRounds.cpuDrawn),
+                        median(ourRounds.cpuDrawn) / median(peerRounds.cpu));
+        }
+        if (!pacedRounds.rate.empty()) {
+            // The goal's own terms: CuteCom's throughput, and what ours pays per MB for it.
+            std::vector<double> ratios;
+            for (std::size_t i = 0; i < pacedRounds.cpu.size() && i < peerRounds.cpu.size(); ++i) {
+                ratios.push_back(pacedRounds.cpu[i] / peerRounds.cpu[i]);
+            }
+            std::printf("  at CuteCom's rate (ours@) ours %.2f MB/s at %.3f s per MB read", median(pacedRounds.rate),
+                        median(pacedRounds.cpu));
+            if (!pacedRounds.cpuDrawn.empty()) {
+                std::printf(", drew %.2f MB/s at %.3f s per MB drawn", median(pacedRounds.drawnRate),
+                            median(pacedRounds.cpuDrawn));
+            }
+            std::printf("; CPU per MB ours / CuteCom per round:");
+            for (const double ratio : ratios) {
+                std::printf(" %.2f", ratio);
+            }
+            std::printf(" (median %.2f)\n", median(ratios));
+        }
         std::printf("  RSS          ours %.0f MB, CuteCom %.0f MB\n", median(ourRounds.rss), median(peerRounds.rss));
         std::printf("  X ping p99   ours %.2f ms, CuteCom %.2f ms\n", median(ourRounds.ping), median(peerRounds.ping));
         std::printf("  our event-loop lateness p99 %.2f ms (goal < 8 ms)\n", median(ourRounds.lateness));

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
@@ -63,11 +64,12 @@ inline Spread spreadOf(std::vector<double> values)
 }
 
 // Writes 64-byte lines, as a chatty Controller sends them, into `fd` (made
-// non-blocking) on a thread of its own, as fast as the terminal takes them,
+// non-blocking) on a thread of its own, as fast as the terminal takes them
+// (or, with a `bytesPerSecond` above 0, no faster than that on average),
 // until destroyed.
 class PtyFlood {
 public:
-    explicit PtyFlood(int fd) : _fd(fd)
+    explicit PtyFlood(int fd, double bytesPerSecond = 0) : _fd(fd), _bytesPerSecond(bytesPerSecond)
     {
         for (int i = 0; _block.size() < 4096 - 64; ++i) {
             char line[96];
@@ -95,7 +97,17 @@ private:
     void run()
     {
         std::size_t offset = 0;
+        const auto start = std::chrono::steady_clock::now();
         while (_running.load(std::memory_order_relaxed)) {
+            if (_bytesPerSecond > 0) {
+                // Ahead of the rate: wait until the clock has caught up with what went out.
+                const double due = static_cast<double>(_written.load(std::memory_order_relaxed)) / _bytesPerSecond;
+                const double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+                if (due > now) {
+                    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(due - now, 0.01)));
+                    continue;
+                }
+            }
             const ssize_t n = ::write(_fd, _block.data() + offset, _block.size() - offset);
             if (n > 0) {
                 _written.fetch_add(n, std::memory_order_relaxed);
@@ -110,6 +122,7 @@ private:
     }
 
     int _fd;
+    double _bytesPerSecond;
     std::string _block;
     std::atomic<bool> _running{true};
     std::atomic<long long> _written{0};

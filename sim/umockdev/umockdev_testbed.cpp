@@ -257,8 +257,8 @@ UmockdevTestbed::UmockdevTestbed() : _impl(std::make_unique<Impl>())
 UmockdevTestbed::~UmockdevTestbed()
 {
     for (const auto& device : _impl->devices) {
-        umockdev_testbed_detach_ioctl(_impl->testbed, device->devnode().c_str(), nullptr);
         if (device->_handler->object != nullptr) {
+            umockdev_testbed_detach_ioctl(_impl->testbed, device->devnode().c_str(), nullptr);
             g_signal_handler_disconnect(device->_handler->object, device->_handler->signalId);
             g_object_unref(device->_handler->object);
             device->_handler->object = nullptr;
@@ -325,7 +325,7 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addUsbSerialDevice(const 
         record += "E: " + key + "=" + value + "\n";
     }
     record += "A: dev=4:" + std::to_string((acm ? 128 : 192) + number) + "\n";
-    return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce);
+    return addTty(record, info.ttyName, "/sys" + tty, "/sys" + usb, announce, info.handleCalls);
 }
 
 int UmockdevTestbed::unusedUsbPort()
@@ -346,7 +346,7 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addBuiltinSerialPort(cons
 
 std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addTty(const std::string& record, const std::string& ttyName,
                                                               const std::string& syspath, const std::string& usbSyspath,
-                                                              bool announce)
+                                                              bool announce, bool handleCalls)
 {
     std::lock_guard lock(_impl->mutex);
     GError* error = nullptr;
@@ -365,10 +365,13 @@ std::shared_ptr<UmockdevSerialDevice> UmockdevTestbed::addTty(const std::string&
     device->_ttyName = ttyName;
     device->_handler = std::make_shared<UmockdevSerialDevice::Handler>();
     auto& handler = *device->_handler;
-    handler.object = umockdev_ioctl_base_new();
-    handler.signalId = g_signal_connect(handler.object, "handle-ioctl",
-                                        G_CALLBACK(UmockdevSerialDevice::Handler::handle), device->_handler.get());
-    if (!umockdev_testbed_attach_ioctl(_impl->testbed, device->_devnode.c_str(), handler.object, &error)) {
+    if (handleCalls) {
+        handler.object = umockdev_ioctl_base_new();
+        handler.signalId = g_signal_connect(handler.object, "handle-ioctl",
+                                            G_CALLBACK(UmockdevSerialDevice::Handler::handle), device->_handler.get());
+    }
+    if (handleCalls &&
+        !umockdev_testbed_attach_ioctl(_impl->testbed, device->_devnode.c_str(), handler.object, &error)) {
         std::fprintf(stderr, "umockdev: cannot attach the ioctl handler of %s: %s\n", ttyName.c_str(),
                      error != nullptr ? error->message : "unknown error");
         if (error != nullptr) {

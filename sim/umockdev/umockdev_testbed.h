@@ -45,6 +45,14 @@ struct UsbSerialDeviceInfo {
     int usbPort = 0;
     // More udev properties of the tty, as rules set them ("ID_MM_DEVICE_IGNORE", "1").
     std::vector<std::pair<std::string, std::string>> ttyProperties{};
+    // false: the tty gets no ioctl handler. The program's reads, writes and
+    // ioctls then go straight to the pseudo-terminal, as on a real port, and
+    // not through the test bed, which umockdev otherwise asks on every call
+    // (a socket round trip per read). The tty then has no modem lines
+    // (TIOCMGET fails as on a plain pseudo-terminal) and nothing is recorded;
+    // unplug() still sends the uevent and hangs the terminal up. For benchmarks
+    // that measure a program's reading rather than the test bed.
+    bool handleCalls = true;
 };
 
 class UmockdevTestbed;
@@ -159,7 +167,7 @@ public:
 private:
     std::shared_ptr<UmockdevSerialDevice> addTty(const std::string& record, const std::string& ttyName,
                                                  const std::string& syspath, const std::string& usbSyspath,
-                                                 bool announce);
+                                                 bool announce, bool handleCalls = true);
 
     struct Impl;
     std::unique_ptr<Impl> _impl;

@@ -335,3 +335,32 @@ TEST_F(SerialPortIO, CloseDoesNotWaitForADelegateThatIgnoresClosing)
     dispatch::RunLoop::main().drain();
     EXPECT_EQ(decliningDelegate->count("closed"), 0u);
 }
+
+TEST_F(SerialPortIO, ATtyWithoutTheTestBedsHandlerIsReadAndWrittenStraight)
+{
+    // Benchmarks plug such a tty so that each read is the program's own and
+    // not a round trip to the test bed.
+    sim::UsbSerialDeviceInfo info;
+    info.ttyName = "ttyACM1";
+    info.handleCalls = false;
+    const auto plain = plugDevice(info);
+    ASSERT_TRUE(plain);
+    auto port = SerialPort::serialPortWithPath("/dev/ttyACM1");
+    ASSERT_TRUE(port);
+    port->setDelegate(delegate);
+    port->open();
+    ASSERT_TRUE(port->isOpen());
+    const std::string text = "line from the board\r\n";
+    ASSERT_EQ(::write(plain->deviceEnd(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ASSERT_TRUE(waitFor([&] { return delegate->receivedText() == text; }));
+    ASSERT_TRUE(port->sendData("to the board\n"));
+    EXPECT_EQ(readDeviceEnd(plain->deviceEnd()), "to the board\n");
+    // Nothing of it reached the test bed: no exclusive-use request and no
+    // modem-line call were seen there, which the handled tty does see.
+    EXPECT_EQ(plain->exclusiveRequests(), 0);
+    EXPECT_EQ(plain->modemLineGets(), 0);
+    auto handled = openPort(std::make_shared<RecordingSerialDelegate>());
+    ASSERT_TRUE(handled);
+    EXPECT_EQ(device->exclusiveRequests(), 1);
+    ASSERT_TRUE(closeAndWait(port));
+}
