@@ -5,6 +5,7 @@
 #include "serial_error_text.h"
 #include "ui_SerialMonitorView.h"
 
+#include <QAbstractTextDocumentLayout>
 #include <QHideEvent>
 #include <QPointer>
 #include <QScrollBar>
@@ -256,6 +257,11 @@ void SerialMonitor::beginBatch()
     // end after each step cost more than the steps themselves.
     _drawingBatch = true;
     _ui->monitorWindow->setUpdatesEnabled(false);
+    // The output re-measures its end for the scroll bar whenever its line
+    // count changes (it lays out a screenful of the newest lines to do so):
+    // a third of a flood's drawing when done after every step. Its layout
+    // keeps quiet until the batch is drawn and is then asked once.
+    _ui->monitorWindow->document()->documentLayout()->blockSignals(true);
 }
 
 void SerialMonitor::finishBatch()
@@ -263,6 +269,9 @@ void SerialMonitor::finishBatch()
     if (!_drawingBatch) {
         return;
     }
+    QAbstractTextDocumentLayout* layout = _ui->monitorWindow->document()->documentLayout();
+    layout->blockSignals(false);
+    Q_EMIT layout->documentSizeChanged(layout->documentSize());
     if (_autoScroll) {
         QScrollBar* bar = _ui->monitorWindow->verticalScrollBar();
         bar->setValue(bar->maximum());

@@ -4,8 +4,10 @@
 
 #include <QAbstractItemView>
 #include <QComboBox>
+#include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QTest>
+#include <QTextBlock>
 #include <QTextDocument>
 #include <QTimer>
 
@@ -252,4 +254,42 @@ TEST_F(SerialMonitorTest, CloseSerialLogsAndClosesThePort)
     EXPECT_TRUE(logged("Closing serial port.."));
     // The monitor lets go of the port as it closes it.
     EXPECT_EQ(monitor.serial()->delegate(), nullptr);
+}
+
+TEST_F(SerialMonitorTest, AFloodBatchSetsTheScrollBarOnceAndEndsAtTheNewestLine)
+{
+    // Each step of a batch used to make the output re-measure its end (laying
+    // out a screenful of new lines) and set its scroll bar, though nothing is
+    // shown before the batch is drawn: the batch does that once, at its end.
+    monitor.resize(600, 300);
+    monitor.show();
+    QString all;
+    for (int i = 0; i < 3000; ++i) {
+        all += QStringLiteral("%1 sensor=%2 temp=21.%3 relay=on link=up uptime\r\n")
+                   .arg(i, 6, 10, QChar('0'))
+                   .arg(i * 7, 5, 10, QChar('0'))
+                   .arg(i % 10);
+    }
+    const QByteArray bytes = all.toUtf8();
+    QPlainTextEdit* output = monitor.ui().monitorWindow;
+    int steps = 0;
+    QObject::connect(output->document(), &QTextDocument::contentsChange,
+                     [&](int /*position*/, int /*removed*/, int added) { steps += added > 0 ? 1 : 0; });
+    int rangeChanges = 0;
+    QObject::connect(output->verticalScrollBar(), &QScrollBar::rangeChanged, [&] { ++rangeChanges; });
+    for (qsizetype offset = 0; offset < bytes.size(); offset += 1024) {
+        const QByteArray chunk = bytes.mid(offset, 1024);
+        monitor.serialPortDidReceiveData(quendral::SerialData(chunk.begin(), chunk.end()));
+    }
+    const QString last = QStringLiteral("002999 sensor=20993 temp=21.9 relay=on link=up uptime");
+    ASSERT_TRUE(spinUntil([&] { return output->document()->toPlainText().endsWith(last + "\n"); }));
+    QTest::qWait(50);
+
+    EXPECT_GE(steps, 5) << "the batch was not drawn in steps";
+    EXPECT_LE(rangeChanges, 2) << "over " << steps << " steps";
+    // Following the output, the window shows its newest line at the bottom.
+    EXPECT_EQ(output->verticalScrollBar()->value(), output->verticalScrollBar()->maximum());
+    const QTextCursor bottom = output->cursorForPosition(QPoint(5, output->viewport()->height() - 8));
+    EXPECT_GE(bottom.blockNumber(), output->document()->blockCount() - 2);
+    EXPECT_EQ(output->document()->findBlockByNumber(output->document()->blockCount() - 2).text(), last);
 }
