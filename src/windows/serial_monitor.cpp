@@ -86,6 +86,10 @@ SerialMonitor::SerialMonitor(QWidget* parent)
     _ui->monitorWindow->setPlainText(QString(QChar(0x00A0)));
     QFont courier(QStringLiteral("Courier"), 10);
     courier.setStyleHint(QFont::TypeWriter);
+    // A Controller's output is plain Latin text in a fixed-pitch font: it has
+    // nothing to gain from shaping (ligatures, kerning), which took a fifth of
+    // drawing it. Scripts that need shaping to be legible still get it.
+    courier.setStyleStrategy(QFont::PreferNoShaping);
     _ui->monitorWindow->setFont(courier);
     // Output is never undone; an undo history would keep every chunk (and every
     // trim) of a chatty Controller alive and make each append slower.

@@ -293,3 +293,14 @@ TEST_F(SerialMonitorTest, AFloodBatchSetsTheScrollBarOnceAndEndsAtTheNewestLine)
     EXPECT_GE(bottom.blockNumber(), output->document()->blockCount() - 2);
     EXPECT_EQ(output->document()->findBlockByNumber(output->document()->blockCount() - 2).text(), last);
 }
+
+TEST_F(SerialMonitorTest, ShowsTheOutputInAFixedPitchFontThatSkipsShapingLatinTextNeedsNot)
+{
+    const QFont font = monitor.ui().monitorWindow->font();
+    EXPECT_TRUE(QFontInfo(font).fixedPitch()) << font.family().toStdString();
+    EXPECT_TRUE(font.styleStrategy() & QFont::PreferNoShaping);
+    // The Controller's lines still take one fixed-width cell per character.
+    const QFontMetricsF metrics(font);
+    EXPECT_DOUBLE_EQ(metrics.horizontalAdvance(QStringLiteral("ffi fl ->")),
+                     9 * metrics.horizontalAdvance(QLatin1Char('m')));
+}
