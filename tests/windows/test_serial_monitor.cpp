@@ -40,6 +40,30 @@ protected:
         return monitor.ui().monitorWindow->document()->toRawText().replace(QChar::ParagraphSeparator, '\n');
     }
 
+    // What a chatty Controller sends: `count` numbered status lines.
+    static QString statusLines(int count, const QString& lineEnd)
+    {
+        QString lines;
+        for (int i = 0; i < count; ++i) {
+            lines += QStringLiteral("%1 sensor=%2 temp=21.%3 relay=on link=up")
+                         .arg(i, 6, 10, QChar('0'))
+                         .arg(i * 7)
+                         .arg(i % 10) +
+                     lineEnd;
+        }
+        return lines;
+    }
+
+    // Hands `text` to the window as the port does: in chunks of 1024 bytes.
+    void receiveInChunks(const QString& text)
+    {
+        const QByteArray bytes = text.toUtf8();
+        for (qsizetype offset = 0; offset < bytes.size(); offset += 1024) {
+            const QByteArray chunk = bytes.mid(offset, 1024);
+            monitor.serialPortDidReceiveData(quendral::SerialData(chunk.begin(), chunk.end()));
+        }
+    }
+
     SerialMonitor monitor;
 };
 
@@ -177,14 +201,7 @@ TEST_F(SerialMonitorTest, AFloodIsDrawnInBoundedStepsAndKeepsTheNewestTextInOrde
     // ends up with the newest text in order, no more than it keeps.
     monitor.resize(600, 300);
     monitor.show();
-    QString all;
-    for (int i = 0; i < 6000; ++i) {
-        all += QStringLiteral("%1 sensor=%2 temp=21.%3 relay=on link=up\n")
-                   .arg(i, 6, 10, QChar('0'))
-                   .arg(i * 7)
-                   .arg(i % 10);
-    }
-    const QByteArray bytes = all.toUtf8();
+    const QString all = statusLines(6000, QStringLiteral("\n"));
     qsizetype largestInsert = 0;
     QObject::connect(monitor.ui().monitorWindow->document(), &QTextDocument::contentsChange,
                      [&](int /*position*/, int /*removed*/, int added) {
@@ -203,10 +220,7 @@ TEST_F(SerialMonitorTest, AFloodIsDrawnInBoundedStepsAndKeepsTheNewestTextInOrde
         }
     });
     turn.start(0);
-    for (qsizetype offset = 0; offset < bytes.size(); offset += 1024) {
-        const QByteArray chunk = bytes.mid(offset, 1024);
-        monitor.serialPortDidReceiveData(quendral::SerialData(chunk.begin(), chunk.end()));
-    }
+    receiveInChunks(all);
     const QString last = all.right(60);
     ASSERT_TRUE(spinUntil([&] { return monitor.ui().monitorWindow->document()->toPlainText().endsWith(last); }));
     turn.stop();
@@ -263,25 +277,14 @@ TEST_F(SerialMonitorTest, AFloodBatchSetsTheScrollBarOnceAndEndsAtTheNewestLine)
     // shown before the batch is drawn: the batch does that once, at its end.
     monitor.resize(600, 300);
     monitor.show();
-    QString all;
-    for (int i = 0; i < 3000; ++i) {
-        all += QStringLiteral("%1 sensor=%2 temp=21.%3 relay=on link=up uptime\r\n")
-                   .arg(i, 6, 10, QChar('0'))
-                   .arg(i * 7, 5, 10, QChar('0'))
-                   .arg(i % 10);
-    }
-    const QByteArray bytes = all.toUtf8();
     QPlainTextEdit* output = monitor.ui().monitorWindow;
     int steps = 0;
     QObject::connect(output->document(), &QTextDocument::contentsChange,
                      [&](int /*position*/, int /*removed*/, int added) { steps += added > 0 ? 1 : 0; });
     int rangeChanges = 0;
     QObject::connect(output->verticalScrollBar(), &QScrollBar::rangeChanged, [&] { ++rangeChanges; });
-    for (qsizetype offset = 0; offset < bytes.size(); offset += 1024) {
-        const QByteArray chunk = bytes.mid(offset, 1024);
-        monitor.serialPortDidReceiveData(quendral::SerialData(chunk.begin(), chunk.end()));
-    }
-    const QString last = QStringLiteral("002999 sensor=20993 temp=21.9 relay=on link=up uptime");
+    receiveInChunks(statusLines(3000, QStringLiteral("\r\n")));
+    const QString last = QStringLiteral("002999 sensor=20993 temp=21.9 relay=on link=up");
     ASSERT_TRUE(spinUntil([&] { return output->document()->toPlainText().endsWith(last + "\n"); }));
     QTest::qWait(50);
 
