@@ -359,6 +359,14 @@ TEST_F(SerialPortIO, ATtyWithoutTheTestBedsHandlerIsReadAndWrittenStraight)
     // modem-line call were seen there, which the handled tty does see.
     EXPECT_EQ(plain->exclusiveRequests(), 0);
     EXPECT_EQ(plain->modemLineGets(), 0);
+    // A plain pseudo-terminal has no modem lines: said once for setting them
+    // at open and once by the line poll, which then stops.
+    ASSERT_TRUE(waitFor([&] { return delegate->count("error") >= 2; }));
+    dispatch::RunLoop::main().runFor(100ms);
+    EXPECT_EQ(delegate->count("error"), 2u);
+    for (const auto& error : delegate->errors()) {
+        EXPECT_EQ(error.code, ENOTTY);
+    }
     auto handled = openPort(std::make_shared<RecordingSerialDelegate>());
     ASSERT_TRUE(handled);
     EXPECT_EQ(device->exclusiveRequests(), 1);
