@@ -608,7 +608,7 @@ struct OurReport {
     long long drawn = 0; // characters
 };
 
-std::optional<OurReport> askLateness(Child& ours, const char* command)
+std::optional<OurReport> askOurMonitor(Child& ours, const char* command)
 {
     const std::string line = std::string(command) + "\n";
     if (::write(ours.in, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
@@ -720,7 +720,7 @@ bool startPrograms(World& w, XPinger& x, const std::string& self, const std::str
         return false;
     }
     if (!theApplication) {
-        if (!askLateness(w.ours, "report")) {
+        if (!askOurMonitor(w.ours, "report")) {
             std::fprintf(stderr, "our monitor does not answer\n");
             return false;
         }
@@ -734,7 +734,7 @@ Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds,
     const pid_t target = oursFlooded ? w.ours.pid : w.peer.pid;
     const pid_t other = oursFlooded ? w.peer.pid : w.ours.pid;
     if (oursFlooded) {
-        askLateness(w.ours, "reset");
+        askOurMonitor(w.ours, "reset");
     }
     const double cpuBefore = cpuSeconds(target);
     const double otherBefore = cpuSeconds(other);
@@ -760,7 +760,7 @@ Phase floodPhase(World& w, XPinger& x, int fd, bool oursFlooded, double seconds,
     phase.rssKb = statusKb(target, "VmRSS:");
     phase.ping = spreadOf(trips[oursFlooded ? w.ourWindow : w.peerWindow]);
     if (oursFlooded) {
-        if (const auto report = askLateness(w.ours, "report")) {
+        if (const auto report = askOurMonitor(w.ours, "report")) {
             phase.lateness = report->lateness;
             phase.drawnMegabytes = static_cast<double>(report->drawn) / 1e6;
         }
@@ -927,7 +927,8 @@ int main(int argc, char** argv)
         };
         Rounds ourRounds;
         Rounds peerRounds;
-        Rounds pacedRounds; // ours at the rate CuteCom sustained in the same round
+        Rounds pacedRounds;              // ours at the rate CuteCom sustained in the same round
+        std::vector<double> pacedRatios; // its CPU per MB over CuteCom's, round by round
         for (int round = 1; round <= rounds; ++round) {
             const Phase ours = floodPhase(w, x, ourDevice->deviceEnd(), true, seconds, bytesPerSecond);
             printPhase("ours", round, ours);
@@ -940,6 +941,7 @@ int main(int argc, char** argv)
                     floodPhase(w, x, ourDevice->deviceEnd(), true, seconds, peer.megabytes * 1e6 / peer.seconds);
                 printPhase("ours@", round, paced);
                 pacedRounds.add(paced);
+                pacedRatios.push_back((paced.cpu / paced.megabytes) / (peer.cpu / peer.megabytes));
             }
         }
         std::printf("load average after: %s\n", loadAverage().c_str());
@@ -956,10 +958,6 @@ int main(int argc, char** argv)
         }
         if (!pacedRounds.rate.empty()) {
             // The goal's own terms: CuteCom's throughput, and what ours pays per MB for it.
-            std::vector<double> ratios;
-            for (std::size_t i = 0; i < pacedRounds.cpu.size() && i < peerRounds.cpu.size(); ++i) {
-                ratios.push_back(pacedRounds.cpu[i] / peerRounds.cpu[i]);
-            }
             std::printf("  at CuteCom's rate (ours@) ours %.2f MB/s at %.3f s per MB read", median(pacedRounds.rate),
                         median(pacedRounds.cpu));
             if (!pacedRounds.cpuDrawn.empty()) {
@@ -967,10 +965,10 @@ int main(int argc, char** argv)
                             median(pacedRounds.cpuDrawn));
             }
             std::printf("; CPU per MB ours / CuteCom per round:");
-            for (const double ratio : ratios) {
+            for (const double ratio : pacedRatios) {
                 std::printf(" %.2f", ratio);
             }
-            std::printf(" (median %.2f)\n", median(ratios));
+            std::printf(" (median %.2f)\n", median(pacedRatios));
         }
         std::printf("  RSS          ours %.0f MB, CuteCom %.0f MB\n", median(ourRounds.rss), median(peerRounds.rss));
         std::printf("  X ping p99   ours %.2f ms, CuteCom %.2f ms\n", median(ourRounds.ping), median(peerRounds.ping));
